@@ -1,0 +1,24 @@
+# Front door. `make` builds the DLL and tools, `make test` bootstraps, builds and runs every test
+# under Wine, `make demo` shows the product working end to end in a fresh Wine prefix.
+.PHONY: all release test demo bootstrap clean
+
+all: release
+
+bootstrap:
+	@scripts/bootstrap.sh
+
+release: bootstrap
+	@cmake --preset release >build-release-configure.log 2>&1 || { cat build-release-configure.log; exit 1; }
+	@rm -f build-release-configure.log
+	cmake --build --preset release
+
+test: bootstrap
+	cmake --preset tests
+	cmake --build --preset tests
+	ctest --preset tests
+
+demo: release
+	scripts/demo.sh build/release
+
+clean:
+	rm -rf build
