@@ -1,0 +1,52 @@
+// x86-64 instruction-length decoder: plain portable C++ (no Windows headers), so it also builds
+// natively for checks against reference disassemblers.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+namespace hookengine {
+
+enum class BranchKind : uint8_t {
+  kNone,         // not a control transfer with a relative target
+  kCallRel32,    // E8
+  kJmpRel32,     // E9
+  kJmpRel8,      // EB
+  kJccRel8,      // 70-7F
+  kJccRel32,     // 0F 80-8F
+  kLoop,         // E0-E2 (LOOPNE, LOOPE, LOOP), rel8
+  kJrcxz,        // E3, rel8
+};
+
+enum class FlowKind : uint8_t {
+  kNormal,
+  kReturn,          // C2, C3, CA, CB, CF (iret)
+  kJumpAlways,      // E9, EB, FF /4, FF /5 (ends the fall-through path)
+  kInt3,            // CC
+  kUndefined,       // UD2, other instructions that never fall through (e.g. 0F 0B)
+};
+
+struct Instruction {
+  bool valid = false;         // false: undecodable, or invalid in 64-bit mode
+  uint8_t length = 0;         // 1..15 when valid
+  // RIP-relative memory operand ([rip+disp32]): where its 32-bit displacement sits.
+  bool rip_relative = false;
+  uint8_t disp_offset = 0;    // offset of disp32 from the instruction start
+  // Relative branch: where its displacement sits and how wide it is (1, 2 or 4 bytes).
+  BranchKind branch = BranchKind::kNone;
+  uint8_t rel_offset = 0;
+  uint8_t rel_size = 0;
+  FlowKind flow = FlowKind::kNormal;
+  uint8_t opcode_offset = 0;  // offset of the (last) opcode byte, after prefixes/REX/VEX/EVEX
+};
+
+// Decodes one instruction at `code` with at most `available` bytes readable (never reads
+// beyond). Returns false (and out->valid == false) when the bytes do not form a valid 64-bit
+// instruction within `available` bytes or 15 bytes.
+bool decode(const uint8_t* code, size_t available, Instruction* out);
+
+// Target of a relative branch or the address a RIP-relative operand refers to, given the
+// instruction's runtime address.
+uint64_t branch_target(const Instruction& insn, const uint8_t* code, uint64_t address);
+uint64_t rip_relative_target(const Instruction& insn, const uint8_t* code, uint64_t address);
+
+}  // namespace hookengine

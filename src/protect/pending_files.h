@@ -1,0 +1,20 @@
+// The pending encrypted-file table: secret sources waiting for their copies to be encrypted.
+#pragma once
+#include <windows.h>
+
+#include "agent/secret_audit.h"
+
+// Appends one (path, encrypted_pwd) entry per secret file, under g_pending_cs, when action is
+// non-zero and both the list and the password are non-empty.
+void register_pending_encrypted_files(const SecretAuditResult& result);
+
+// After a successful copy or move of `source` to `destination`: when an entry for `source`
+// exists (first match, ASCII case-insensitive), encrypts the destination through destination +
+// ".tmp", replaces it, and erases that entry. No string work when the table is empty.
+void TakeAndTransform(const wchar_t* source, const wchar_t* destination);
+
+// Removes every entry (interception tear-down), under g_pending_cs.
+void clear_pending_encrypted_files();
+
+// Number of entries, for diagnostics and tests.
+size_t pending_encrypted_file_count();
