@@ -3,9 +3,8 @@
 decltype(&CopyFileW) g_CopyFileW = nullptr;
 decltype(&CopyFileExW) g_CopyFileExW = nullptr;
 decltype(&MoveFileWithProgressW) g_MoveFileWithProgressW = nullptr;
-decltype(&SHFileOperationW) g_SHFileOperationW = nullptr;
 
-// Pass-throughs until the post-copy step and the shell-operation screening land.
+// Pass-throughs until the post-copy step lands.
 BOOL WINAPI Hook_CopyFileW(LPCWSTR existing, LPCWSTR new_name, BOOL fail_if_exists) {
   return g_CopyFileW(existing, new_name, fail_if_exists);
 }
@@ -19,5 +18,3 @@ BOOL WINAPI Hook_MoveFileWithProgressW(LPCWSTR existing, LPCWSTR new_name, LPPRO
                                        LPVOID data, DWORD flags) {
   return g_MoveFileWithProgressW(existing, new_name, progress, data, flags);
 }
-
-int WINAPI Hook_SHFileOperationW(LPSHFILEOPSTRUCTW operation) { return g_SHFileOperationW(operation); }
