@@ -1,0 +1,47 @@
+#include "agent/agent_channel.h"
+
+#include <cstring>
+
+namespace agent {
+
+WinsockSession::WinsockSession() {
+  WSADATA data;
+  ok_ = WSAStartup(MAKEWORD(2, 0), &data) == 0;
+}
+
+WinsockSession::~WinsockSession() { WSACleanup(); }
+
+DatagramAddress AgentAddress(uint16_t port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = inet_addr("127.0.0.1");
+  DatagramAddress result;
+  static_assert(sizeof address == sizeof result.bytes, "sockaddr_in is 16 bytes");
+  std::memcpy(result.bytes, &address, sizeof address);
+  result.length = sizeof address;
+  return result;
+}
+
+AgentChannel::AgentChannel() : socket_(socket(AF_INET, SOCK_DGRAM, 0)), destination_(AgentAddress()) {}
+
+AgentChannel::~AgentChannel() {
+  if (socket_ != INVALID_SOCKET) closesocket(socket_);
+}
+
+void AgentChannel::SetReceiveTimeout(DWORD milliseconds) {
+  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&milliseconds), sizeof milliseconds);
+}
+
+int AgentChannel::SendTo(const char* data, int size, const DatagramAddress& to) {
+  return sendto(socket_, data, size, 0, reinterpret_cast<const sockaddr*>(to.bytes), to.length);
+}
+
+int AgentChannel::ReceiveFrom(char* buffer, int capacity, DatagramAddress* from) {
+  int length = sizeof from->bytes;
+  const int count = recvfrom(socket_, buffer, capacity, 0, reinterpret_cast<sockaddr*>(from->bytes), &length);
+  from->length = count > 0 ? length : 0;
+  return count;
+}
+
+}  // namespace agent
