@@ -15,6 +15,7 @@ enum class BranchKind : uint8_t {
   kJccRel32,     // 0F 80-8F
   kLoop,         // E0-E2 (LOOPNE, LOOPE, LOOP), rel8
   kJrcxz,        // E3, rel8
+  kXbegin,       // C7 F8, rel32 (rel16 with 66): the transaction's abort target
 };
 
 enum class FlowKind : uint8_t {
@@ -37,6 +38,12 @@ struct Instruction {
   uint8_t rel_size = 0;
   FlowKind flow = FlowKind::kNormal;
   uint8_t opcode_offset = 0;  // offset of the (last) opcode byte, after prefixes/REX/VEX/EVEX
+  // 66 present: a relative branch's width then depends on the CPU vendor (Intel ignores it on
+  // near call/jmp/Jcc, AMD truncates the target to 16 bits); the decoder follows Intel.
+  bool operand_size_prefix = false;
+  // 67 present: a RIP-relative operand is then EIP-relative (address truncated to 32 bits) and
+  // LOOP/JRCXZ test ECX.
+  bool address_size_prefix = false;
 };
 
 // Decodes one instruction at `code` with at most `available` bytes readable (never reads
