@@ -1,11 +1,12 @@
 #include "agent/copy_audit.h"
 
+#include "agent/agent_channel.h"  // winsock2.h before windows.h
+
 #include <windows.h>
 
 #include <boost/filesystem.hpp>
 #include <tinyxml2.h>
 
-#include "agent/agent_channel.h"
 #include "host/caller_context.h"
 #include "protect/folder_walk.h"
 

@@ -2,6 +2,8 @@
 //   pump MS         pump messages (and send one to an own window) for up to MS milliseconds;
 //                   exit 0 as soon as kwindel-x64.dll is loaded in this process, 1 otherwise
 //   policy          load kwindel-x64.dll and print its shared policy block
+//   agent MS ...    run the test agent for MS milliseconds (test_agent.h)
+#include "test_agent.h"  // before windows.h: it needs winsock2.h first
 #include <windows.h>
 
 #include <fcntl.h>
@@ -50,6 +52,7 @@ int wmain(int argc, wchar_t** argv) {
   std::wstring mode = argc > 1 ? argv[1] : L"";
   if (mode == L"pump" && argc > 2) return pump(static_cast<DWORD>(_wtoi(argv[2])));
   if (mode == L"policy") return policy();
-  std::fprintf(stderr, "usage: kwtest-child pump MS | policy\n");
+  if (mode == L"agent" && argc > 2) return kwtest::test_agent_main(argc - 2, argv + 2);
+  std::fprintf(stderr, "usage: kwtest-child pump MS | policy | agent MS [--no-ack] [--other-port] [--reply HEX]...\n");
   return 100;
 }
