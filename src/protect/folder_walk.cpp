@@ -1,5 +1,7 @@
 #include "protect/folder_walk.h"
 
+#include <windows.h>
+
 #include <boost/filesystem.hpp>
 
 #include "host/caller_context.h"
@@ -8,26 +10,45 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-// True when `link` resolves to one of the folders on the chain that led to it. Only asked for
-// entries that are links, so trees without links pay nothing for the guard.
-bool leads_to_ancestor(const fs::path& link, const std::vector<fs::path>& chain) {
-  boost::system::error_code ec;
-  const fs::path target = fs::canonical(link, ec);
-  if (ec) return false;
-  for (const fs::path& folder : chain) {
-    const fs::path resolved = fs::canonical(folder, ec);
-    if (!ec && resolved == target) return true;
-  }
+// Identity of a folder (volume serial and file index), so that a link back to a folder of the
+// current chain is recognised even where links are not reported as such (Wine shows a Unix
+// symbolic link to a folder as a plain folder).
+struct FolderId {
+  DWORD volume = 0, high = 0, low = 0;
+  bool operator==(const FolderId& o) const { return volume == o.volume && high == o.high && low == o.low; }
+};
+
+bool folder_id(const fs::path& folder, FolderId* id) {
+  HANDLE h = CreateFileW(folder.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  BY_HANDLE_FILE_INFORMATION info;
+  const bool ok = GetFileInformationByHandle(h, &info) != 0;
+  CloseHandle(h);
+  if (!ok || (info.nFileIndexHigh == 0 && info.nFileIndexLow == 0)) return false;
+  *id = FolderId{info.dwVolumeSerialNumber, info.nFileIndexHigh, info.nFileIndexLow};
+  return true;
+}
+
+// True when `folder` is one of the folders on the chain that led to it. A folder whose
+// identity cannot be read is walked as before.
+bool is_ancestor(const fs::path& folder, const std::vector<FolderId>& chain) {
+  FolderId id;
+  if (!folder_id(folder, &id)) return false;
+  for (const FolderId& ancestor : chain)
+    if (ancestor == id) return true;
   return false;
 }
 
-int32_t walk(const fs::path& folder, std::vector<std::string>& out, std::vector<fs::path>& chain) {
+int32_t walk(const fs::path& folder, std::vector<std::string>& out, std::vector<FolderId>& chain) {
   boost::system::error_code ec;
   fs::directory_iterator it(folder, ec);
   if (ec) return 0;
-  chain.push_back(folder);
+  FolderId id;
+  if (!folder_id(folder, &id)) id = FolderId{};  // unknown: matches nothing real
+  chain.push_back(id);
   struct PopOnExit {
-    std::vector<fs::path>& c;
+    std::vector<FolderId>& c;
     ~PopOnExit() { c.pop_back(); }
   } pop{chain};
 
@@ -39,8 +60,7 @@ int32_t walk(const fs::path& folder, std::vector<std::string>& out, std::vector<
       out.push_back(wide_to_utf8(entry.native()));
     } else if (status.type() == fs::directory_file) {
       if (ec) return 0;
-      const bool is_link = fs::is_symlink(it->symlink_status(ec));
-      if (!is_link || !leads_to_ancestor(entry, chain)) walk(entry, out, chain);  // result ignored
+      if (!is_ancestor(entry, chain)) walk(entry, out, chain);  // result ignored
     }
     // Anything else (dangling links, unreadable entries, devices) is skipped.
     it.increment(ec);
@@ -52,6 +72,6 @@ int32_t walk(const fs::path& folder, std::vector<std::string>& out, std::vector<
 }  // namespace
 
 int32_t get_filepaths_from_folder(std::string folder, std::vector<std::string>& out) {
-  std::vector<fs::path> chain;
+  std::vector<FolderId> chain;
   return walk(fs::path(utf8_to_wide(folder)), out, chain);
 }

@@ -1,9 +1,12 @@
 #include "protect/pending_files.h"
 
+#include <cstring>
 #include <list>
 #include <string>
 
+#include "host/caller_context.h"
 #include "host/hook_setup.h"
+#include "protect/transform.h"
 
 namespace {
 struct PendingEncryptedFile {
@@ -24,8 +27,21 @@ void register_pending_encrypted_files(const SecretAuditResult& result) {
   for (const std::string& path : result.secret_files) PendingEncryptedFiles.push_back({path, result.encrypted_pwd});
 }
 
-void TakeAndTransform(const wchar_t* /*source*/, const wchar_t* /*destination*/) {
-  // Completed with the encrypted-file writer.
+void TakeAndTransform(const wchar_t* source, const wchar_t* destination) {
+  PendingLock lock;  // held through the whole transformation: transformations never overlap
+  if (PendingEncryptedFiles.empty()) return;
+  const std::string source_utf8 = wide_to_utf8(source);
+  const std::string destination_utf8 = wide_to_utf8(destination);
+  auto entry = PendingEncryptedFiles.begin();
+  while (entry != PendingEncryptedFiles.end() && _stricmp(entry->source.c_str(), source_utf8.c_str()) != 0) ++entry;
+  if (entry == PendingEncryptedFiles.end()) return;
+  const std::string temporary = destination_utf8 + ".tmp";
+  TransformCopiedFile(destination_utf8.c_str(), temporary.c_str(), entry->password.c_str());
+  // Replaced whatever the transformation returned: a copy that cannot be encrypted must not
+  // stay readable, even if that leaves no file at the destination.
+  DeleteFileW(destination);
+  MoveFileW(utf8_to_wide(temporary).c_str(), destination);
+  PendingEncryptedFiles.erase(entry);
 }
 
 void clear_pending_encrypted_files() {
