@@ -3,6 +3,7 @@
 // linearly (counting separately those up to the first ret/jmp/int3/ud). Then builds each export's trampoline at a near and a
 // far (> 2 GB) address for the 5- and 14-byte patches and checks it with Zydis.
 // Exit status 0 only with zero disagreements and zero bad trampolines.
+#include <capstone/capstone.h>
 #include <dirent.h>
 
 #include <algorithm>
@@ -107,9 +108,55 @@ struct Counts {
   size_t opsize_branches = 0;     // 66 E8/E9/0F 8x: Intel (Zydis, us) length, AMD would differ
   size_t rip_relative = 0;
   size_t relative_branches = 0;
+  size_t capstone_compared = 0;
+  size_t capstone_disagreements = 0;
 };
 
-void compare_prologue(const Export& e, const std::string& dll, Counts* c) {
+// Capstone as a second opinion on length and RIP-relative operands. Its one known split from
+// Zydis: 66 on a near call/jmp/Jcc, which Capstone reads as AMD CPUs run it (rel16, two bytes
+// shorter). The decoder follows Intel, so there Capstone's length must be exactly ours - 2.
+class Capstone {
+ public:
+  Capstone() {
+    ok_ = cs_open(CS_ARCH_X86, CS_MODE_64, &h_) == CS_ERR_OK;
+    if (ok_) cs_option(h_, CS_OPT_DETAIL, CS_OPT_ON);
+    insn_ = ok_ ? cs_malloc(h_) : nullptr;
+  }
+  ~Capstone() {
+    if (insn_) cs_free(insn_, 1);
+    if (ok_) cs_close(&h_);
+  }
+  bool ok() const { return ok_ && insn_; }
+  // Empty when Capstone agrees with the decoder's (already Zydis-checked) reading.
+  std::string compare(const uint8_t* code, size_t available, uint64_t address, const Instruction& mine) {
+    const uint8_t* p = code;
+    size_t size = std::min<size_t>(available, 15);
+    uint64_t a = address;
+    if (!cs_disasm_iter(h_, &p, &size, &a, insn_)) return "capstone: undecodable";
+    const bool near_branch_66 = mine.operand_size_prefix &&
+        (mine.branch == hookengine::BranchKind::kCallRel32 ||
+         mine.branch == hookengine::BranchKind::kJmpRel32 ||
+         mine.branch == hookengine::BranchKind::kJccRel32);
+    const unsigned expected = near_branch_66 ? mine.length - 2u : mine.length;
+    if (insn_->size != expected)
+      return "capstone length " + std::to_string(insn_->size) + " expected " + std::to_string(expected);
+    bool rip = false;
+    const cs_x86& x = insn_->detail->x86;
+    for (int i = 0; i < x.op_count; ++i)
+      if (x.operands[i].type == X86_OP_MEM &&
+          (x.operands[i].mem.base == X86_REG_RIP || x.operands[i].mem.base == X86_REG_EIP))
+        rip = true;
+    if (rip != mine.rip_relative) return "capstone rip-relative " + std::to_string(rip);
+    return {};
+  }
+
+ private:
+  bool ok_ = false;
+  csh h_ = 0;
+  cs_insn* insn_ = nullptr;
+};
+
+void compare_prologue(const Export& e, const std::string& dll, Capstone* cs, Counts* c) {
   size_t pos = 0;
   bool ended = false;  // past the first ret/jmp/int3/ud: still real code (padding, next function)
   while (pos < kPrologue && pos < e.readable) {
@@ -130,6 +177,12 @@ void compare_prologue(const Export& e, const std::string& dll, Counts* c) {
                     hex(e.code + pos, std::min<size_t>(15, e.readable - pos)).c_str());
       return;
     }
+    const std::string cdiff = cs->compare(e.code + pos, e.readable - pos, e.address + pos, mine);
+    ++c->capstone_compared;
+    if (!cdiff.empty() && ++c->capstone_disagreements <= 40)
+      std::printf("CAPSTONE DISAGREES %s @%llx+%zu: %s  [%s]\n", dll.c_str(),
+                  static_cast<unsigned long long>(e.address), pos, cdiff.c_str(),
+                  hex(e.code + pos, mine.length).c_str());
     if (mine.rip_relative) ++c->rip_relative;
     if (mine.branch != hookengine::BranchKind::kNone) {
       ++c->relative_branches;
@@ -250,6 +303,24 @@ int main(int argc, char** argv) {
   std::sort(names.begin(), names.end());
 
   Counts c;
+  Capstone cs;
+  if (!cs.ok()) {
+    std::printf("cannot open Capstone\n");
+    return 2;
+  }
+  {
+    // The quirk rule must accept exactly the AMD reading of 66 E8 and nothing looser.
+    const uint8_t call66[] = {0x66, 0xE8, 0, 0, 0, 0};
+    Instruction mine;
+    hookengine::decode(call66, sizeof(call66), &mine);
+    const bool accepted = cs.compare(call66, sizeof(call66), 0x1000, mine).empty();
+    mine.operand_size_prefix = false;
+    const bool strict = !cs.compare(call66, sizeof(call66), 0x1000, mine).empty();
+    if (mine.length != 6 || !accepted || !strict) {
+      std::printf("FAIL: Capstone quirk rule for 66 E8 does not behave\n");
+      return 1;
+    }
+  }
   // Near: 1 GB below the function (reachable by rel32). Far: 3 GB above (not reachable).
   const int64_t kNear = -(int64_t{1} << 30), kFar = int64_t{3} << 30;
   const size_t kPatches[] = {5, 14};
@@ -263,7 +334,7 @@ int main(int argc, char** argv) {
     ++dlls;
     exports += ex.size();
     for (const Export& e : ex) {
-      compare_prologue(e, n, &c);
+      compare_prologue(e, n, &cs, &c);
       for (int p = 0; p < 2; ++p) {
         check_relocation(e, n, kPatches[p], kNear, &rc[p][0]);
         check_relocation(e, n, kPatches[p], kFar, &rc[p][1]);
@@ -276,6 +347,8 @@ int main(int argc, char** argv) {
               "%zu scans ended on bytes both reject)\n",
               c.instructions, c.before_end, c.disagreements, c.rip_relative, c.relative_branches,
               c.opsize_branches, c.both_invalid);
+  std::printf("decoder vs Capstone: %zu instructions compared, %zu disagreements\n",
+              c.capstone_compared, c.capstone_disagreements);
   size_t bad = 0;
   for (int p = 0; p < 2; ++p) {
     for (int a = 0; a < 2; ++a) {
@@ -290,5 +363,5 @@ int main(int argc, char** argv) {
     std::printf("FAIL: corpus too small (is wine64 installed?)\n");
     return 1;
   }
-  return c.disagreements == 0 && bad == 0 ? 0 : 1;
+  return c.disagreements == 0 && c.capstone_disagreements == 0 && bad == 0 ? 0 : 1;
 }
