@@ -1,0 +1,125 @@
+// The pending encrypted-file table: registration rules, matching, consumption order and the
+// replacement of the copy even when its transformation fails.
+#include <gtest/gtest.h>
+
+#include "host/hook_setup.h"
+#include "kwtest.h"
+#include "protect/pending_files.h"
+#include "reference_crypto.h"
+
+namespace {
+
+// The interception set-up normally creates the lock; this program never runs it.
+struct LockForTests {
+  LockForTests() { InitializeCriticalSection(&g_pending_cs); }
+} lock_for_tests;
+
+std::string expected_file(const std::string& plain, const std::string& password) {
+  std::vector<uint8_t> km = ref::from_hex(KWTEST_KEY_MASK_HEX);
+  for (size_t i = 0; i < 31 && i < password.size(); ++i) km[i] |= static_cast<uint8_t>(password[i]);
+  return ref::encrypted_file(plain, km.data());
+}
+
+SecretAuditResult verdict(std::vector<std::string> files, std::string password, int32_t action = 1) {
+  SecretAuditResult r;
+  r.secret_files = std::move(files);
+  r.encrypted_pwd = std::move(password);
+  r.action = action;
+  return r;
+}
+
+class PendingTable : public ::testing::Test {
+ protected:
+  void SetUp() override { clear_pending_encrypted_files(); }
+  void TearDown() override { clear_pending_encrypted_files(); }
+  // A finished copy: `plain` at the destination, as the copy function left it.
+  std::wstring copied(const std::wstring& name, const std::string& plain) {
+    const std::wstring path = dir.file(name);
+    EXPECT_TRUE(kwtest::write_file(path, plain));
+    return path;
+  }
+  std::string contents(const std::wstring& path) {
+    std::string s;
+    EXPECT_TRUE(kwtest::read_file(path, &s));
+    return s;
+  }
+  kwtest::ScratchDir dir;
+};
+
+TEST_F(PendingTable, RegistersOnlyWithActionFilesAndPassword) {
+  register_pending_encrypted_files(verdict({}, "pw"));
+  register_pending_encrypted_files(verdict({"C:\\a.txt"}, ""));
+  register_pending_encrypted_files(verdict({"C:\\a.txt"}, "pw", 0));
+  EXPECT_EQ(pending_encrypted_file_count(), 0u);
+  register_pending_encrypted_files(verdict({"C:\\a.txt", "C:\\b.txt", "C:\\a.txt"}, "pw"));
+  EXPECT_EQ(pending_encrypted_file_count(), 3u);
+}
+
+TEST_F(PendingTable, AsciiCaseIsIgnoredButNotNonAsciiCase) {
+  register_pending_encrypted_files(verdict({"C:\\Docs\\Secret-\xC3\x84.txt"}, "pw"));  // A umlaut
+  const std::string plain = "quarterly figures, not for the stick";
+  const std::wstring dst = copied(L"copy1.txt", plain);
+  TakeAndTransform(L"c:\\DOCS\\secret-\u00e4.txt", dst.c_str());  // a umlaut: another byte sequence
+  EXPECT_EQ(contents(dst), plain);
+  EXPECT_EQ(pending_encrypted_file_count(), 1u);
+
+  TakeAndTransform(L"c:\\DOCS\\sECRET-\u00c4.TXT", dst.c_str());
+  EXPECT_TRUE(contents(dst) == expected_file(plain, "pw"));
+  EXPECT_FALSE(kwtest::file_exists(dst + L".tmp"));
+  EXPECT_EQ(pending_encrypted_file_count(), 0u);
+}
+
+TEST_F(PendingTable, EachCopyConsumesOneEntryInInsertionOrder) {
+  register_pending_encrypted_files(verdict({"C:\\s.doc"}, "first"));
+  register_pending_encrypted_files(verdict({"C:\\s.doc"}, "second"));
+  const std::string plain = "twice copied";
+  const std::wstring a = copied(L"a.doc", plain), b = copied(L"b.doc", plain), c = copied(L"c.doc", plain);
+  TakeAndTransform(L"C:\\s.doc", a.c_str());
+  EXPECT_EQ(pending_encrypted_file_count(), 1u);
+  TakeAndTransform(L"C:\\s.doc", b.c_str());
+  EXPECT_EQ(pending_encrypted_file_count(), 0u);
+  TakeAndTransform(L"C:\\s.doc", c.c_str());
+  EXPECT_TRUE(contents(a) == expected_file(plain, "first"));
+  EXPECT_TRUE(contents(b) == expected_file(plain, "second"));
+  EXPECT_EQ(contents(c), plain);
+}
+
+TEST_F(PendingTable, TheKeyIsTheSourceNeverTheDestination) {
+  const std::wstring dst = copied(L"d.txt", "data");
+  register_pending_encrypted_files(verdict({kwtest::narrow(dst)}, "pw"));
+  TakeAndTransform(L"C:\\other.txt", dst.c_str());
+  EXPECT_EQ(contents(dst), "data");
+  EXPECT_EQ(pending_encrypted_file_count(), 1u);
+}
+
+TEST_F(PendingTable, EmptyTableLooksAtNothing) {
+  // With no entry the paths are not even read: an unreadable pointer must not matter.
+  const wchar_t* unreadable = reinterpret_cast<const wchar_t*>(static_cast<uintptr_t>(8));
+  TakeAndTransform(unreadable, unreadable);
+  EXPECT_EQ(pending_encrypted_file_count(), 0u);
+}
+
+TEST_F(PendingTable, FailedTransformationStillDeletesAndRenames) {
+  // The copy's destination cannot be read (here: it is not there), so the transformation fails
+  // after creating an empty ".tmp"; the step renames that onto the destination anyway.
+  register_pending_encrypted_files(verdict({"C:\\gone.txt"}, "pw"));
+  const std::wstring dst = dir.file(L"vanished.txt");
+  TakeAndTransform(L"C:\\gone.txt", dst.c_str());
+  EXPECT_EQ(contents(dst), "");
+  EXPECT_FALSE(kwtest::file_exists(dst + L".tmp"));
+  EXPECT_EQ(pending_encrypted_file_count(), 0u);
+
+  // A destination that exists but is locked against readers: the transformation fails, the
+  // delete fails too, and the empty ".tmp" stays beside the untouched destination.
+  register_pending_encrypted_files(verdict({"C:\\locked.txt"}, "pw"));
+  const std::wstring locked = copied(L"locked.txt", "plain");
+  HANDLE h = CreateFileW(locked.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  ASSERT_NE(h, INVALID_HANDLE_VALUE);
+  TakeAndTransform(L"C:\\locked.txt", locked.c_str());
+  CloseHandle(h);
+  EXPECT_EQ(contents(locked), "plain");
+  EXPECT_EQ(contents(locked + L".tmp"), "");
+  EXPECT_EQ(pending_encrypted_file_count(), 0u);
+}
+
+}  // namespace
