@@ -95,8 +95,8 @@ const OpInfo kTwoByte[256] = {
   RZ, RZ, RZ, RZ, RZ, RZ, RZ, RZ,   RZ, RZ, RZ, RZ, RZ, RZ, RZ, RZ,
   // 90-9F setcc
   M, M, M, M, M, M, M, M,   M, M, M, M, M, M, M, M,
-  // A0-AF
-  N, N, N, M, MB, M, X, X,   N, N, N, M, MB, M, M, M,
+  // A0-AF: A6/A7 VIA PadLock (montmul/xsha, xstore/xcrypt: register-form ModRM)
+  N, N, N, M, MB, M, M, M,   N, N, N, M, MB, M, M, M,
   // B0-BF: B8 popcnt (with F3), B9 ud1, BA group 8 imm8
   M, M, M, M, M, M, M, M,   M, M, MB, M, M, M, M, M,
   // C0-CF: C8-CF bswap
@@ -127,6 +127,29 @@ size_t vex_imm_size(unsigned map, uint8_t op) {
     if ((op >= 0x70 && op <= 0x73) || op == 0xC2 || (op >= 0xC4 && op <= 0xC6)) return 1;
   }
   return 0;
+}
+
+// LOCK is legal only on the read-modify-write forms with a memory destination; anything else
+// raises #UD, so such bytes are not an instruction.
+bool lock_allowed(unsigned map, uint8_t op, uint8_t modrm, bool has_modrm) {
+  if (!has_modrm || (modrm >> 6) == 3) return false;
+  const uint8_t reg = (modrm >> 3) & 7;
+  if (map == 0) {
+    if (op < 0x40 && (op & 7) < 2 && (op & 0x38) != 0x38) return true;  // add..xor r/m, r (not cmp)
+    if (op == 0x80 || op == 0x81 || op == 0x83) return reg != 7;
+    if (op == 0x86 || op == 0x87) return true;
+    if (op == 0xF6 || op == 0xF7) return reg == 2 || reg == 3;
+    if (op == 0xFE || op == 0xFF) return reg < 2;
+    return false;
+  }
+  if (map == 1) {
+    if (op == 0xAB || op == 0xB3 || op == 0xBB || op == 0xB0 || op == 0xB1 || op == 0xC0 ||
+        op == 0xC1)
+      return true;
+    if (op == 0xBA) return reg >= 5;
+    if (op == 0xC7) return reg == 1;
+  }
+  return false;
 }
 
 struct Cursor {
@@ -215,6 +238,7 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
         uint8_t p[3];
         for (auto& x : p)
           if (!c.take(&x)) return fail(out);
+        // P1 bit 2 clear would be Knights Corner's MVEX: #UD on every other CPU.
         if ((p[0] & 0x08) != 0 || (p[1] & 0x04) == 0) return fail(out);
         map = p[0] & 0x07;
         if (map == 0 || map == 4 || map == 7) return fail(out);
@@ -231,6 +255,8 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
       else if (map <= 3) imm_size = vex_imm_size(map, op);
       if (b == 0xC4 || b == 0xC5) {
         if (map == 1 && op == 0x77) has_modrm = false;  // vzeroupper / vzeroall
+        // VEX 0F 84/85 exist only on Knights Corner (jkzd/jknzd); #UD everywhere else.
+        if (map == 1 && (op == 0x84 || op == 0x85)) return fail(out);
       }
     }
   }
@@ -270,7 +296,7 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
       case kI0: break;
       case kIb: imm_size = 1; break;
       case kIw: imm_size = 2; break;
-      case kIz: imm_size = opsize ? 2 : 4; break;
+      case kIz: imm_size = opsize && !rex_w ? 2 : 4; break;  // REX.W overrides 66
       case kIv: imm_size = rex_w ? 8 : (opsize ? 2 : 4); break;
       case kIwb: imm_size = 3; break;
       case kMoffs: imm_size = addrsize ? 4 : 8; break;
@@ -286,7 +312,7 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
     const uint8_t mod = modrm >> 6, reg = (modrm >> 3) & 7, rm = modrm & 7;
     if (!vex_like && map == 0) {
       // Opcode extensions that change the immediate or validity.
-      if ((b == 0xF6 || b == 0xF7) && reg < 2) imm_size = b == 0xF6 ? 1 : (opsize ? 2 : 4);
+      if ((b == 0xF6 || b == 0xF7) && reg < 2) imm_size = b == 0xF6 ? 1 : (opsize && !rex_w ? 2 : 4);
       if (b == 0xFE && reg > 1) return fail(out);
       if (b == 0xFF && (reg == 7 || ((reg == 3 || reg == 5) && mod == 3))) return fail(out);
       if (b == 0x8F && reg != 0) return fail(out);
@@ -325,6 +351,8 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
       }
     }
   }
+
+  if (lock && !vex_like && !lock_allowed(map, op, modrm, has_modrm)) return fail(out);
 
   // Immediate / relative displacement.
   const size_t imm_offset = c.pos;

@@ -120,6 +120,9 @@ TEST(Decoder, ImmediateSizesAndOpcodeExtensions) {
       {"b8 01 00 00 00", 5, false, N, F},
       {"66 b8 01 00", 4, false, N, F},
       {"48 b8 88 77 66 55 44 33 22 11", 10, false, N, F},
+      {"66 48 05 01 00 00 00", 7, false, N, F},          // REX.W wins over 66: imm32
+      {"66 48 f7 c0 01 00 00 00", 8, false, N, F},
+      {"66 4c 81 67 ec 40 a3 58 65", 9, false, N, F},
       {"66 48 b8 88 77 66 55 44 33 22 11", 11, false, N, F},  // REX.W wins over 66
       {"68 00 10 00 00", 5, false, N, F},
       {"66 68 00 10", 4, false, N, F},
@@ -146,6 +149,12 @@ TEST(Decoder, ImmediateSizesAndOpcodeExtensions) {
       {"9b", 1, false, N, F},                         // fwait is an instruction of its own
       {"f0 48 0f b1 0d 00 00 00 00", 9, true, N, F},  // lock cmpxchg [rip], rcx
       {"c6 f8 01", 3, false, N, F},                   // xabort
+      {"f3 0f a7 c8", 4, false, N, F},                // VIA PadLock xcrypt-ecb
+      {"f0 83 04 24 01", 5, false, N, F},             // lock add [rsp], 1
+      {"f0 0f c7 0f", 4, false, N, F},                // lock cmpxchg8b [rdi]
+      {"f0 83 c0 01", 0, false, N, F},                // lock on a register destination: #UD
+      {"f0 83 3c 24 01", 0, false, N, F},             // lock cmp: #UD
+      {"f0 90", 0, false, N, F},
   });
 }
 
@@ -165,6 +174,14 @@ TEST(Decoder, VexEvexXop) {
       {"66 c5 f8 77", 0, false, N, F},                         // 66 before VEX: #UD
       {"48 c5 f8 77", 0, false, N, F},                         // REX before VEX: #UD
   });
+  // Knights Corner only (VEX jkzd, MVEX): #UD on desktop CPUs, though Zydis decodes them.
+  Instruction insn;
+  for (const char* knc : {"c5 f8 84 e4 fe 2c ac", "62 b2 69 7e ba 32 f1 98 66 3c"}) {
+    const std::vector<uint8_t> b = hexbytes(knc);
+    EXPECT_FALSE(decode(b.data(), b.size(), &insn)) << knc;
+    RefInsn ref;
+    EXPECT_TRUE(ref_decode(b.data(), b.size(), &ref)) << knc;
+  }
 }
 
 TEST(Decoder, RelativeBranches) {
