@@ -60,16 +60,27 @@ struct Emitter {
   }
 };
 
+bool only_prefixes(const uint8_t* code, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    const uint8_t b = code[i];
+    const bool legacy = b == 0x66 || b == 0x67 || b == 0xF2 || b == 0xF3 || b == 0x2E ||
+                        b == 0x3E || b == 0x26 || b == 0x36 || b == 0x64 || b == 0x65;
+    if (!legacy && (b & 0xF0) != 0x40) return false;
+  }
+  return true;
+}
+
 bool is_padding(const Instruction& insn, const uint8_t* code) {
   if (insn.flow == FlowKind::kInt3) return true;
   const uint8_t op = code[insn.opcode_offset];
-  if (insn.opcode_offset >= 1 && code[insn.opcode_offset - 1] == 0x0F && op == 0x1F) {
+  if (insn.opcode_offset >= 1 && code[insn.opcode_offset - 1] == 0x0F && op == 0x1F &&
+      only_prefixes(code, insn.opcode_offset - 1)) {
     // Multi-byte NOP 0F 1F /0, with any prefixes (GCC's 66 66 2E 0F 1F 84 00 ...).
     const uint8_t modrm = code[insn.opcode_offset + 1];
     return ((modrm >> 3) & 7) == 0;
   }
   // 90 (nop, also 66 90 / F3 90 pause), but not REX.B 90 which is xchg r8, rax.
-  if (op == 0x90 && insn.opcode_offset < insn.length) {
+  if (op == 0x90 && only_prefixes(code, insn.opcode_offset)) {
     for (size_t i = 0; i < insn.opcode_offset; ++i)
       if ((code[i] & 0xF0) == 0x40 && (code[i] & 1)) return false;
     return true;

@@ -339,6 +339,7 @@ TEST(Relocator, PaddingAfterTheEndIsAccepted) {
   }
   // Code of the next function, or an xchg r8, rax that merely looks like a nop, is not padding.
   for (const char* f : {"c3 48 89 c8 90", "c3 41 90 90 90", "cc 55 48 89 e5", "0f 0b 55 48 89",
+                        "c3 c5 0f 1f c0",  // VEX opcode 1F after a VEX byte of 0F: not a nop
                         "ff e0 55 48 89"}) {
     SCOPED_TRACE(f);
     EXPECT_EQ(build(with_tail(f), 5, kNear).status, RelocateStatus::kFunctionTooShort);
