@@ -1,6 +1,6 @@
 # Front door. `make` builds the DLL and tools, `make test` bootstraps, builds and runs every test
 # under Wine, `make demo` shows the product working end to end in a fresh Wine prefix.
-.PHONY: all release test demo bootstrap clean
+.PHONY: all release test demo bench bootstrap clean
 
 all: release
 
@@ -16,6 +16,11 @@ test: bootstrap
 	cmake --preset tests
 	cmake --build --preset tests
 	ctest --preset tests
+
+# Builds the release preset with the benchmark programs and runs every bench/*.sh.
+bench: release
+	cmake --build --preset release --target benchmarks
+	bench/run.sh build/release
 
 demo: release
 	scripts/demo.sh build/release
