@@ -109,13 +109,73 @@ bool branches_into(const uint8_t* target, size_t readable, uint64_t target_addre
   return false;
 }
 
+bool is_legacy_prefix(uint8_t b) {
+  return b == 0x66 || b == 0x67 || b == 0xF2 || b == 0xF3 || b == 0xF0 || b == 0x2E ||
+         b == 0x3E || b == 0x26 || b == 0x36 || b == 0x64 || b == 0x65;
+}
+
+// A RIP-relative operand the trampoline's disp32 cannot reach, for legacy-encoded instructions
+// (no VEX/EVEX/XOP) that neither transfer control nor touch the stack:
+//   lea r32/r64, [rip+x]  ->  mov r, imm (the address itself)
+//   anything else         ->  push rsi; mov rsi, imm64; <the instruction on [rsi]>; pop rsi
+// (rdi instead of rsi when the ModRM reg field names rsi). push/mov/pop leave the flags alone,
+// and below rsp is free at this point on x64 Windows (no red zone to preserve).
+RelocateStatus relocate_far_rip(const Instruction& insn, const uint8_t* code, uint64_t dest,
+                                Emitter* e) {
+  size_t first = 0;  // first opcode byte
+  while (first < insn.opcode_offset && is_legacy_prefix(code[first])) ++first;
+  uint8_t rex = 0;
+  if (first < insn.opcode_offset && (code[first] & 0xF0) == 0x40) rex = code[first++];
+  const uint8_t op0 = code[first];
+  if (op0 == 0xC4 || op0 == 0xC5 || op0 == 0x62 || op0 == 0x8F) return RelocateStatus::kRipOutOfRange;
+  for (size_t i = first; i < insn.opcode_offset; ++i)  // only escape bytes between REX and opcode
+    if (code[i] != 0x0F && code[i] != 0x38 && code[i] != 0x3A) return RelocateStatus::kRipOutOfRange;
+  if (insn.flow != FlowKind::kNormal) return RelocateStatus::kRipOutOfRange;
+  const uint8_t op = code[insn.opcode_offset];
+  const bool one_byte = insn.opcode_offset == first;
+  const uint8_t modrm_at = static_cast<uint8_t>(insn.opcode_offset + 1);
+  if (modrm_at >= insn.length || insn.disp_offset != modrm_at + 1) return RelocateStatus::kRipOutOfRange;
+  const uint8_t modrm = code[modrm_at];
+  const unsigned reg = ((modrm >> 3) & 7) | ((rex & 0x04) ? 8 : 0);
+  // call/push through memory and pop into memory move rsp; a reg field naming rsp might too.
+  if (one_byte && op == 0xFF && (reg & 7) >= 2) return RelocateStatus::kRipOutOfRange;
+  if (one_byte && op == 0x8F) return RelocateStatus::kRipOutOfRange;
+  if (reg == 4) return RelocateStatus::kRipOutOfRange;
+  const bool opsize = std::memchr(code, 0x66, first) != nullptr;
+
+  if (one_byte && op == 0x8D && !opsize) {
+    if (rex & 0x08) {
+      e->byte(static_cast<uint8_t>(0x48 | (reg >> 3)));
+      e->byte(static_cast<uint8_t>(0xB8 | (reg & 7)));
+      e->u64(dest);
+    } else {
+      if (reg >= 8) e->byte(0x41);
+      e->byte(static_cast<uint8_t>(0xB8 | (reg & 7)));
+      e->u32(static_cast<uint32_t>(dest));
+    }
+    return RelocateStatus::kOk;
+  }
+  const uint8_t scratch = reg == 6 ? 7 : 6;  // rsi, or rdi
+  e->byte(static_cast<uint8_t>(0x50 | scratch));
+  e->byte(0x48);
+  e->byte(static_cast<uint8_t>(0xB8 | scratch));
+  e->u64(dest);
+  e->bytes(code, first - (rex ? 1 : 0));  // legacy prefixes
+  if (rex) e->byte(static_cast<uint8_t>(rex & ~0x03));  // X and B meant nothing with RIP
+  e->bytes(code + first, insn.opcode_offset + 1 - first);
+  e->byte(static_cast<uint8_t>((modrm & 0x38) | scratch));  // mod 00, rm = scratch: [rsi]/[rdi]
+  e->bytes(code + insn.disp_offset + 4, insn.length - (insn.disp_offset + 4));  // immediate
+  e->byte(static_cast<uint8_t>(0x58 | scratch));
+  return RelocateStatus::kOk;
+}
+
 RelocateStatus relocate_one(const Instruction& insn, const uint8_t* code, uint64_t address,
                             Emitter* e) {
   if (insn.rip_relative) {
     if (insn.address_size_prefix) return RelocateStatus::kUnsupportedBranch;  // EIP-relative
     const uint64_t dest = rip_relative_target(insn, code, address);
     const int64_t disp = static_cast<int64_t>(dest - (e->here() + insn.length));
-    if (!fits_rel32(disp)) return RelocateStatus::kRipOutOfRange;
+    if (!fits_rel32(disp)) return relocate_far_rip(insn, code, dest, e);
     uint8_t copy[16];
     std::memcpy(copy, code, insn.length);
     const uint32_t d32 = static_cast<uint32_t>(disp);

@@ -13,7 +13,8 @@ enum class RelocateStatus : uint8_t {
   kFunctionTooShort,    // ret/jmp/int3 ends the function before the patch does, and no padding follows
   kBranchIntoPatch,     // a relative branch in the function's first bytes lands inside the patch
   kUnsupportedBranch,   // a relative branch form that cannot be relocated
-  kRipOutOfRange,       // a RIP-relative operand cannot reach its target from the trampoline
+  kRipOutOfRange,       // a RIP-relative operand out of disp32 reach, in a form with no rebuild
+                        // (jmp/call/push/pop through memory, an rsp operand, VEX/EVEX/XOP)
   kBufferTooSmall,      // the trampoline does not fit in out_capacity
 };
 const char* to_string(RelocateStatus status);
@@ -35,7 +36,10 @@ constexpr size_t kMaxTrampolineLength = 256;
 // Builds in `out` (runtime address out_address, out_capacity bytes) the trampoline for a patch of
 // patch_size bytes at `target` (runtime address target_address; `readable` bytes may be read):
 // the covered instructions relocated, then a jump back to target_address + copied_length.
-// Writes nothing past out_capacity; on failure `out` holds no usable code and `result` is untouched.
+// Relative branches keep their targets (rel32 when it reaches, else absolute forms); RIP-relative
+// operands keep their addresses (new disp32, or beyond its reach lea -> mov imm and other
+// instructions rebuilt on [rsi]/[rdi] loaded with the address, that register saved around them).
+// Writes nothing to `out` or `result` unless it succeeds, and never past out_capacity.
 RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t target_address,
                                 size_t patch_size, uint8_t* out, size_t out_capacity,
                                 uint64_t out_address, Relocation* result);

@@ -301,8 +301,36 @@ TEST(Relocator, FileOperationStubPrologue) {
   EXPECT_EQ(b.r.trampoline_length, 4u + 7 + 6 + 5 + 5);  // jne rel8 became 0F 85 rel32
   EXPECT_EQ(b.out[11], 0x0F);
   EXPECT_EQ(b.out[12], 0x85);
-  // Far away the RIP-relative test cannot reach its byte.
-  EXPECT_EQ(build(code, 14, kFar).status, RelocateStatus::kRipOutOfRange);
+  // Far away the test reads its byte through rsi, saved around it.
+  Built far = build(code, 14, kFar);
+  ASSERT_EQ(far.status, RelocateStatus::kOk);
+  EXPECT_EQ(hex(far.out.data() + 4, 3), "56 48 be");  // push rsi; mov rsi, imm64
+  EXPECT_EQ(hex(far.out.data() + 15, 4), "f6 06 01 5e");  // test byte [rsi], 1; pop rsi
+}
+
+TEST(Relocator, RipRelativeOperandsOutOfReach) {
+  // lea becomes mov of the address: 64-bit and 32-bit destinations.
+  Built lea = build(with_tail("4c 8d 05 00 10 00 00 90"), 5, kFar);
+  ASSERT_EQ(lea.status, RelocateStatus::kOk);
+  EXPECT_EQ(hex(lea.out.data(), 2), "49 b8");  // mov r8, imm64
+  uint64_t value = 0;
+  std::memcpy(&value, lea.out.data() + 2, 8);
+  EXPECT_EQ(value, kTarget + 7 + 0x1000);
+  Built lea32 = build(with_tail("8d 0d 00 10 00 00 90"), 5, kFar);
+  ASSERT_EQ(lea32.status, RelocateStatus::kOk);
+  EXPECT_EQ(lea32.out[0], 0xB9);  // mov ecx, imm32
+  // The instruction's own register is never the scratch one: mov rsi, [rip] goes through rdi.
+  Built rsi = build(with_tail("48 8b 35 00 10 00 00"), 5, kFar);
+  ASSERT_EQ(rsi.status, RelocateStatus::kOk);
+  EXPECT_EQ(hex(rsi.out.data(), 3), "57 48 bf");
+  EXPECT_EQ(hex(rsi.out.data() + 11, 4), "48 8b 37 5f");  // mov rsi, [rdi]; pop rdi
+  // Stack-relative or control-transferring forms and VEX encodings stay refused.
+  for (const char* f : {"ff 25 00 10 00 00", "ff 15 00 10 00 00 90", "ff 35 00 10 00 00",
+                        "48 8b 25 00 10 00 00", "c5 f9 6f 05 00 10 00 00", "8f 05 00 10 00 00"}) {
+    SCOPED_TRACE(f);
+    EXPECT_EQ(build(with_tail(f), 5, kFar).status, RelocateStatus::kRipOutOfRange);
+    EXPECT_EQ(build(with_tail(f), 5, kNear).status, RelocateStatus::kOk);
+  }
 }
 
 TEST(Relocator, BranchesFarAwayBecomeAbsolute) {

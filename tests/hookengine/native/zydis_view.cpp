@@ -99,6 +99,65 @@ std::string fmt(const char* f, A... a) {
   return g_buf;
 }
 
+ZydisRegister widest(ZydisRegister r) {
+  return ZydisRegisterGetLargestEnclosing(ZYDIS_MACHINE_MODE_LONG_64, r);
+}
+
+// A RIP-relative instruction rebuilt for a trampoline its disp32 cannot reach: either
+// `mov reg, imm` of the address (for lea), or push S; mov S, imm64; <same instruction on [S]>;
+// pop S, with S a register the instruction does not use and the stack untouched by it.
+std::string check_far_rip(const RefInsn& o, uint64_t ea, const uint8_t* seg, size_t n) {
+  RefInsn a;
+  if (!ref_decode(seg, n, &a)) return "undecodable";
+  if (o.insn.mnemonic == ZYDIS_MNEMONIC_LEA && a.insn.mnemonic == ZYDIS_MNEMONIC_MOV) {
+    const uint64_t mask = o.ops[0].size == 64 ? ~0ull : 0xFFFFFFFFull;
+    if (a.insn.length != n || a.ops[0].reg.value != o.ops[0].reg.value ||
+        a.ops[1].type != ZYDIS_OPERAND_TYPE_IMMEDIATE || (a.ops[1].imm.value.u & mask) != (ea & mask) ||
+        (o.ops[0].size != 64 && o.ops[0].size != 32))
+      return "lea not turned into mov of its address";
+    return {};
+  }
+  if (a.insn.mnemonic != ZYDIS_MNEMONIC_PUSH || a.ops[0].type != ZYDIS_OPERAND_TYPE_REGISTER)
+    return "neither mov nor push first";
+  const ZydisRegister s = a.ops[0].reg.value;
+  size_t at = a.insn.length;
+  RefInsn m, x, p;
+  if (!ref_decode(seg + at, n - at, &m) || m.insn.mnemonic != ZYDIS_MNEMONIC_MOV ||
+      m.ops[0].reg.value != s || m.ops[1].type != ZYDIS_OPERAND_TYPE_IMMEDIATE || m.ops[1].imm.value.u != ea)
+    return "scratch not loaded with the address";
+  at += m.insn.length;
+  if (!ref_decode(seg + at, n - at, &x)) return "rebuilt instruction undecodable";
+  at += x.insn.length;
+  if (!ref_decode(seg + at, n - at, &p) || p.insn.mnemonic != ZYDIS_MNEMONIC_POP ||
+      p.ops[0].reg.value != s || at + p.insn.length != n)
+    return "scratch not restored at the end";
+  if (x.insn.mnemonic != o.insn.mnemonic || x.insn.operand_count != o.insn.operand_count ||
+      x.insn.operand_width != o.insn.operand_width ||
+      (x.insn.attributes | ZYDIS_ATTRIB_IS_RELATIVE) != (o.insn.attributes | ZYDIS_ATTRIB_IS_RELATIVE))
+    return "rebuilt instruction differs";
+  for (int i = 0; i < o.insn.operand_count; ++i) {
+    const ZydisDecodedOperand &u = o.ops[i], &v = x.ops[i];
+    if (u.type != v.type || u.size != v.size || u.actions != v.actions) return "operand differs";
+    if (u.type == ZYDIS_OPERAND_TYPE_REGISTER) {
+      if (u.reg.value != v.reg.value) return "register operand differs";
+      if (widest(u.reg.value) == widest(s) || widest(u.reg.value) == ZYDIS_REGISTER_RSP)
+        return "instruction uses the scratch register or rsp";
+    } else if (u.type == ZYDIS_OPERAND_TYPE_IMMEDIATE) {
+      if (u.imm.value.u != v.imm.value.u) return "immediate differs";
+    } else if (u.type == ZYDIS_OPERAND_TYPE_MEMORY) {
+      if (i == o.rip_operand) {
+        if (v.mem.base != s || v.mem.index != ZYDIS_REGISTER_NONE || v.mem.disp.has_displacement)
+          return "memory operand not [scratch]";
+      } else if (u.mem.base != v.mem.base || u.mem.index != v.mem.index) {
+        return "other memory operand differs";
+      }
+      if (u.mem.segment != v.mem.segment) return "segment differs";
+      if (widest(u.mem.base) == ZYDIS_REGISTER_RSP) return "instruction uses the stack";
+    }
+  }
+  return {};
+}
+
 }  // namespace
 
 bool ref_decode(const uint8_t* code, size_t available, RefInsn* out) {
@@ -226,8 +285,15 @@ std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t t
       }
     } else if (o.rip_operand >= 0) {
       RefInsn t;
-      if (!ref_decode(tramp + seg, len - seg, &t) || t.insn.length != o.insn.length ||
-          seg + t.insn.length != seg_end || t.rip_operand < 0)
+      if (!ref_decode(tramp + seg, len - seg, &t)) return fmt("rip-relative at +%zu: undecodable", orig);
+      if (t.rip_operand < 0) {
+        const std::string err = check_far_rip(o, ref_address(o, o.rip_operand, o_addr), tramp + seg,
+                                              seg_end - seg);
+        if (!err.empty()) return fmt("rip-relative at +%zu: %s", orig, err.c_str());
+        orig += o.insn.length;
+        continue;
+      }
+      if (t.insn.length != o.insn.length || seg + t.insn.length != seg_end)
         return fmt("rip-relative at +%zu: relocated form wrong", orig);
       if (ref_address(t, t.rip_operand, out_address + seg) != ref_address(o, o.rip_operand, o_addr))
         return fmt("rip-relative at +%zu: effective address differs", orig);
