@@ -110,8 +110,8 @@ bool branches_into(const uint8_t* target, size_t readable, uint64_t target_addre
 }
 
 bool is_legacy_prefix(uint8_t b) {
-  return b == 0x66 || b == 0x67 || b == 0xF2 || b == 0xF3 || b == 0xF0 || b == 0x2E ||
-         b == 0x3E || b == 0x26 || b == 0x36 || b == 0x64 || b == 0x65;
+  return b == 0x66 || b == 0x67 || b == 0xF2 || b == 0xF3 || b == 0xF0 || b == 0x2E || b == 0x3E ||
+         b == 0x26 || b == 0x36 || b == 0x64 || b == 0x65;
 }
 
 // A RIP-relative operand the trampoline's disp32 cannot reach, for legacy-encoded instructions
@@ -127,14 +127,17 @@ RelocateStatus relocate_far_rip(const Instruction& insn, const uint8_t* code, ui
   uint8_t rex = 0;
   if (first < insn.opcode_offset && (code[first] & 0xF0) == 0x40) rex = code[first++];
   const uint8_t op0 = code[first];
-  if (op0 == 0xC4 || op0 == 0xC5 || op0 == 0x62 || op0 == 0x8F) return RelocateStatus::kRipOutOfRange;
+  if (op0 == 0xC4 || op0 == 0xC5 || op0 == 0x62 || op0 == 0x8F)
+    return RelocateStatus::kRipOutOfRange;
   for (size_t i = first; i < insn.opcode_offset; ++i)  // only escape bytes between REX and opcode
-    if (code[i] != 0x0F && code[i] != 0x38 && code[i] != 0x3A) return RelocateStatus::kRipOutOfRange;
+    if (code[i] != 0x0F && code[i] != 0x38 && code[i] != 0x3A)
+      return RelocateStatus::kRipOutOfRange;
   if (insn.flow != FlowKind::kNormal) return RelocateStatus::kRipOutOfRange;
   const uint8_t op = code[insn.opcode_offset];
   const bool one_byte = insn.opcode_offset == first;
   const uint8_t modrm_at = static_cast<uint8_t>(insn.opcode_offset + 1);
-  if (modrm_at >= insn.length || insn.disp_offset != modrm_at + 1) return RelocateStatus::kRipOutOfRange;
+  if (modrm_at >= insn.length || insn.disp_offset != modrm_at + 1)
+    return RelocateStatus::kRipOutOfRange;
   const uint8_t modrm = code[modrm_at];
   const unsigned reg = ((modrm >> 3) & 7) | ((rex & 0x04) ? 8 : 0);
   // call/push through memory and pop into memory move rsp; a reg field naming rsp might too.
@@ -160,7 +163,7 @@ RelocateStatus relocate_far_rip(const Instruction& insn, const uint8_t* code, ui
   e->byte(0x48);
   e->byte(static_cast<uint8_t>(0xB8 | scratch));
   e->u64(dest);
-  e->bytes(code, first - (rex ? 1 : 0));  // legacy prefixes
+  e->bytes(code, first - (rex ? 1 : 0));                // legacy prefixes
   if (rex) e->byte(static_cast<uint8_t>(rex & ~0x03));  // X and B meant nothing with RIP
   e->bytes(code + first, insn.opcode_offset + 1 - first);
   e->byte(static_cast<uint8_t>((modrm & 0x38) | scratch));  // mod 00, rm = scratch: [rsi]/[rdi]
@@ -206,9 +209,7 @@ RelocateStatus relocate_one(const Instruction& insn, const uint8_t* code, uint64
       return RelocateStatus::kOk;
     }
     case BranchKind::kJmpRel8:
-    case BranchKind::kJmpRel32:
-      e->jmp(dest);
-      return RelocateStatus::kOk;
+    case BranchKind::kJmpRel32: e->jmp(dest); return RelocateStatus::kOk;
     case BranchKind::kJccRel8:
     case BranchKind::kJccRel32: {
       const uint8_t cc = op & 0x0F;
@@ -250,8 +251,7 @@ RelocateStatus relocate_one(const Instruction& insn, const uint8_t* code, uint64
       e->bytes(copy, insn.length);
       return RelocateStatus::kOk;
     }
-    case BranchKind::kNone:
-      break;
+    case BranchKind::kNone: break;
   }
   return RelocateStatus::kUnsupportedBranch;
 }

@@ -9,18 +9,19 @@ namespace hookengine {
 
 enum class RelocateStatus : uint8_t {
   kOk,
-  kUndecodable,         // an instruction in the copied range (or the scanned prologue) does not decode
-  kFunctionTooShort,    // ret/jmp/int3 ends the function before the patch does, and no padding follows
-  kBranchIntoPatch,     // a relative branch in the function's first bytes lands inside the patch
-  kUnsupportedBranch,   // a relative branch form that cannot be relocated
-  kRipOutOfRange,       // a RIP-relative operand out of disp32 reach, in a form with no rebuild
-                        // (jmp/call/push/pop through memory, an rsp operand, VEX/EVEX/XOP)
-  kBufferTooSmall,      // the trampoline does not fit in out_capacity
+  kUndecodable,  // an instruction in the copied range (or the scanned prologue) does not decode
+  kFunctionTooShort,   // ret/jmp/int3 ends the function before the patch does, and no padding
+                       // follows
+  kBranchIntoPatch,    // a relative branch in the function's first bytes lands inside the patch
+  kUnsupportedBranch,  // a relative branch form that cannot be relocated
+  kRipOutOfRange,      // a RIP-relative operand out of disp32 reach, in a form with no rebuild
+                       // (jmp/call/push/pop through memory, an rsp operand, VEX/EVEX/XOP)
+  kBufferTooSmall,     // the trampoline does not fit in out_capacity
 };
 const char* to_string(RelocateStatus status);
 
 struct Relocation {
-  size_t copied_length = 0;      // bytes of whole instructions taken from the target (>= patch_size)
+  size_t copied_length = 0;  // bytes of whole instructions taken from the target (>= patch_size)
   size_t trampoline_length = 0;  // bytes written to the trampoline, jump back included
   uint8_t boundary_count = 0;    // instruction boundaries, for moving frozen threads
   // original_offsets[i] (in the target) corresponds to trampoline_offsets[i]; the first pair is

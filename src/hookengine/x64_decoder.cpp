@@ -17,7 +17,7 @@ enum Imm : uint8_t {
   kIwb,    // imm16 + imm8 (ENTER)
   kMoffs,  // address-sized offset: 8 bytes, 4 with 67 (A0-A3)
   kRel8,
-  kRelz,   // rel32 (66 ignored on near branches in 64-bit mode, as Intel CPUs do)
+  kRelz,  // rel32 (66 ignored on near branches in 64-bit mode, as Intel CPUs do)
 };
 
 struct OpInfo {
@@ -112,11 +112,18 @@ const OpInfo kTwoByte[256] = {
 
 bool is_legacy_prefix(uint8_t b) {
   switch (b) {
-    case 0xF0: case 0xF2: case 0xF3: case 0x2E: case 0x36: case 0x3E: case 0x26: case 0x64:
-    case 0x65: case 0x66: case 0x67:
-      return true;
-    default:
-      return false;
+    case 0xF0:
+    case 0xF2:
+    case 0xF3:
+    case 0x2E:
+    case 0x36:
+    case 0x3E:
+    case 0x26:
+    case 0x64:
+    case 0x65:
+    case 0x66:
+    case 0x67: return true;
+    default: return false;
   }
 }
 
@@ -193,10 +200,14 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
     if (!c.take(&b)) return fail(out);
     if (is_legacy_prefix(b)) {
       rex = 0;
-      if (b == 0x66) opsize = true;
-      else if (b == 0x67) addrsize = true;
-      else if (b == 0xF2 || b == 0xF3) rep = true;
-      else if (b == 0xF0) lock = true;
+      if (b == 0x66)
+        opsize = true;
+      else if (b == 0x67)
+        addrsize = true;
+      else if (b == 0xF2 || b == 0xF3)
+        rep = true;
+      else if (b == 0xF0)
+        lock = true;
       continue;
     }
     if ((b & 0xF0) == 0x40) {
@@ -225,7 +236,8 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
     if (b == 0x8F && (p0 & 0x1F) < 8) {
       // pop r/m64: handled as a plain one-byte opcode below.
     } else {
-      if (rex != 0 || opsize || rep || lock) return fail(out);  // REX/66/F2/F3/F0 before VEX/EVEX/XOP: #UD
+      if (rex != 0 || opsize || rep || lock)
+        return fail(out);  // REX/66/F2/F3/F0 before VEX/EVEX/XOP: #UD
       vex_like = true;
       if (b == 0xC5) {
         if (!c.skip(1)) return fail(out);
@@ -250,9 +262,12 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
       if (!c.take(&op)) return fail(out);
       insn.opcode_offset = static_cast<uint8_t>(c.pos - 1);
       has_modrm = true;
-      if (map == 8) imm_size = 1;
-      else if (map == 10) imm_size = 4;
-      else if (map <= 3) imm_size = vex_imm_size(map, op);
+      if (map == 8)
+        imm_size = 1;
+      else if (map == 10)
+        imm_size = 4;
+      else if (map <= 3)
+        imm_size = vex_imm_size(map, op);
       if (b == 0xC4 || b == 0xC5) {
         if (map == 1 && op == 0x77) has_modrm = false;  // vzeroupper / vzeroall
         // VEX 0F 84/85 exist only on Knights Corner (jkzd/jknzd); #UD everywhere else.
@@ -285,10 +300,14 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
       insn.opcode_offset = static_cast<uint8_t>(c.pos - 1);
     } else {
       info = kOneByte[b];
-      if (b == 0xC8) info = OpInfo{true, false, kIwb};
-      else if (b >= 0xA0 && b <= 0xA3) info = OpInfo{true, false, kMoffs};
-      else if (b >= 0xB8 && b <= 0xBF) info = OpInfo{true, false, kIv};
-      else if (b == 0x8F) info = M;
+      if (b == 0xC8)
+        info = OpInfo{true, false, kIwb};
+      else if (b >= 0xA0 && b <= 0xA3)
+        info = OpInfo{true, false, kMoffs};
+      else if (b >= 0xB8 && b <= 0xBF)
+        info = OpInfo{true, false, kIv};
+      else if (b == 0x8F)
+        info = M;
     }
     if (!info.valid) return fail(out);
     has_modrm = info.modrm;
@@ -312,7 +331,8 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
     const uint8_t mod = modrm >> 6, reg = (modrm >> 3) & 7, rm = modrm & 7;
     if (!vex_like && map == 0) {
       // Opcode extensions that change the immediate or validity.
-      if ((b == 0xF6 || b == 0xF7) && reg < 2) imm_size = b == 0xF6 ? 1 : (opsize && !rex_w ? 2 : 4);
+      if ((b == 0xF6 || b == 0xF7) && reg < 2)
+        imm_size = b == 0xF6 ? 1 : (opsize && !rex_w ? 2 : 4);
       if (b == 0xFE && reg > 1) return fail(out);
       if (b == 0xFF && (reg == 7 || ((reg == 3 || reg == 5) && mod == 3))) return fail(out);
       if (b == 0x8F && reg != 0) return fail(out);
@@ -361,18 +381,26 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
   // Classification.
   if (!vex_like) {
     if (map == 0) {
-      if (b >= 0x70 && b <= 0x7F) insn.branch = BranchKind::kJccRel8;
-      else if (b == 0xE0 || b == 0xE1 || b == 0xE2) insn.branch = BranchKind::kLoop;
-      else if (b == 0xE3) insn.branch = BranchKind::kJrcxz;
-      else if (b == 0xE8) insn.branch = BranchKind::kCallRel32;
-      else if (b == 0xE9) insn.branch = BranchKind::kJmpRel32;
-      else if (b == 0xEB) insn.branch = BranchKind::kJmpRel8;
+      if (b >= 0x70 && b <= 0x7F)
+        insn.branch = BranchKind::kJccRel8;
+      else if (b == 0xE0 || b == 0xE1 || b == 0xE2)
+        insn.branch = BranchKind::kLoop;
+      else if (b == 0xE3)
+        insn.branch = BranchKind::kJrcxz;
+      else if (b == 0xE8)
+        insn.branch = BranchKind::kCallRel32;
+      else if (b == 0xE9)
+        insn.branch = BranchKind::kJmpRel32;
+      else if (b == 0xEB)
+        insn.branch = BranchKind::kJmpRel8;
 
       const uint8_t reg = (modrm >> 3) & 7;
-      if (b == 0xC2 || b == 0xC3 || b == 0xCA || b == 0xCB || b == 0xCF) insn.flow = FlowKind::kReturn;
+      if (b == 0xC2 || b == 0xC3 || b == 0xCA || b == 0xCB || b == 0xCF)
+        insn.flow = FlowKind::kReturn;
       else if (b == 0xE9 || b == 0xEB || (b == 0xFF && (reg == 4 || reg == 5)))
         insn.flow = FlowKind::kJumpAlways;
-      else if (b == 0xCC) insn.flow = FlowKind::kInt3;
+      else if (b == 0xCC)
+        insn.flow = FlowKind::kInt3;
     } else if (map == 1) {
       if (op >= 0x80 && op <= 0x8F) insn.branch = BranchKind::kJccRel32;
       if (op == 0x0B || op == 0xB9 || op == 0xFF) insn.flow = FlowKind::kUndefined;
@@ -409,13 +437,15 @@ int64_t read_signed(const uint8_t* p, size_t size) {
 
 uint64_t branch_target(const Instruction& insn, const uint8_t* code, uint64_t address) {
   const uint64_t next = address + insn.length;
-  const uint64_t target = next + static_cast<uint64_t>(read_signed(code + insn.rel_offset, insn.rel_size));
+  const uint64_t target =
+      next + static_cast<uint64_t>(read_signed(code + insn.rel_offset, insn.rel_size));
   if (insn.rel_size == 2) return target & 0xFFFF;  // xbegin with 66
   return target;
 }
 
 uint64_t rip_relative_target(const Instruction& insn, const uint8_t* code, uint64_t address) {
-  const uint64_t target = address + insn.length + static_cast<uint64_t>(read_signed(code + insn.disp_offset, 4));
+  const uint64_t target =
+      address + insn.length + static_cast<uint64_t>(read_signed(code + insn.disp_offset, 4));
   return insn.address_size_prefix ? (target & 0xFFFFFFFFu) : target;
 }
 

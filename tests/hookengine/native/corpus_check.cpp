@@ -1,8 +1,8 @@
 // Compares the decoder with Zydis on real code nobody here wrote: from every exported function of
 // every x86-64 PE DLL in a folder (default: Wine's x86_64-windows), the first 64 bytes decoded
-// linearly (counting separately those up to the first ret/jmp/int3/ud). Then builds each export's trampoline at a near and a
-// far (> 2 GB) address for the 5- and 14-byte patches and checks it with Zydis.
-// Exit status 0 only with zero disagreements and zero bad trampolines.
+// linearly (counting separately those up to the first ret/jmp/int3/ud). Then builds each export's
+// trampoline at a near and a far (> 2 GB) address for the 5- and 14-byte patches and checks it with
+// Zydis. Exit status 0 only with zero disagreements and zero bad trampolines.
 #include <capstone/capstone.h>
 #include <dirent.h>
 
@@ -27,9 +27,9 @@ using hookengine::RelocateStatus;
 constexpr size_t kPrologue = 64;
 
 struct Export {
-  uint64_t address;       // image base + RVA
-  const uint8_t* code;    // in the file image
-  size_t readable;        // up to the end of the section's raw data
+  uint64_t address;     // image base + RVA
+  const uint8_t* code;  // in the file image
+  size_t readable;      // up to the end of the section's raw data
 };
 
 template <typename T>
@@ -102,11 +102,11 @@ bool parse_exports(const std::vector<uint8_t>& f, std::vector<Export>* out) {
 }
 
 struct Counts {
-  size_t instructions = 0;         // over the whole first 64 bytes
-  size_t before_end = 0;           // of which up to the first ret/jmp/int3/ud
+  size_t instructions = 0;  // over the whole first 64 bytes
+  size_t before_end = 0;    // of which up to the first ret/jmp/int3/ud
   size_t disagreements = 0;
-  size_t both_invalid = 0;        // both decoders reject the bytes (the scan stops there)
-  size_t opsize_branches = 0;     // 66 E8/E9/0F 8x: Intel (Zydis, us) length, AMD would differ
+  size_t both_invalid = 0;     // both decoders reject the bytes (the scan stops there)
+  size_t opsize_branches = 0;  // 66 E8/E9/0F 8x: Intel (Zydis, us) length, AMD would differ
   size_t rip_relative = 0;
   size_t relative_branches = 0;
   size_t capstone_compared = 0;
@@ -129,18 +129,20 @@ class Capstone {
   }
   bool ok() const { return ok_ && insn_; }
   // Empty when Capstone agrees with the decoder's (already Zydis-checked) reading.
-  std::string compare(const uint8_t* code, size_t available, uint64_t address, const Instruction& mine) {
+  std::string compare(const uint8_t* code, size_t available, uint64_t address,
+                      const Instruction& mine) {
     const uint8_t* p = code;
     size_t size = std::min<size_t>(available, 15);
     uint64_t a = address;
     if (!cs_disasm_iter(h_, &p, &size, &a, insn_)) return "capstone: undecodable";
-    const bool near_branch_66 = mine.operand_size_prefix &&
-        (mine.branch == hookengine::BranchKind::kCallRel32 ||
-         mine.branch == hookengine::BranchKind::kJmpRel32 ||
-         mine.branch == hookengine::BranchKind::kJccRel32);
+    const bool near_branch_66 =
+        mine.operand_size_prefix && (mine.branch == hookengine::BranchKind::kCallRel32 ||
+                                     mine.branch == hookengine::BranchKind::kJmpRel32 ||
+                                     mine.branch == hookengine::BranchKind::kJccRel32);
     const unsigned expected = near_branch_66 ? mine.length - 2u : mine.length;
     if (insn_->size != expected)
-      return "capstone length " + std::to_string(insn_->size) + " expected " + std::to_string(expected);
+      return "capstone length " + std::to_string(insn_->size) + " expected " +
+             std::to_string(expected);
     bool rip = false;
     const cs_x86& x = insn_->detail->x86;
     for (int i = 0; i < x.op_count; ++i)
@@ -204,9 +206,9 @@ struct RelocCounts {
 
 // Zydis's view of the reasons for a refusal (and of their absence when the builder succeeded).
 struct RefFacts {
-  bool branch_into = false;   // a relative branch before the first ret/jmp lands in (0, copied)
-  bool ends_early = false;    // a ret/jmp/int3/ud ends before patch, followed by non-padding
-  bool rip_in_copy = false;   // a RIP-relative operand among the copied instructions
+  bool branch_into = false;  // a relative branch before the first ret/jmp lands in (0, copied)
+  bool ends_early = false;   // a ret/jmp/int3/ud ends before patch, followed by non-padding
+  bool rip_in_copy = false;  // a RIP-relative operand among the copied instructions
 };
 
 bool ref_padding(const RefInsn& r) {
@@ -271,7 +273,8 @@ void check_relocation(const Export& e, const std::string& dll, size_t patch, int
     }
     if (!found) err = "refused for a branch into the patch that Zydis does not see";
   } else if (s == RelocateStatus::kFunctionTooShort) {
-    if (!ref_facts(e, patch, patch).ends_early) err = "refused as too short, Zydis sees no early end";
+    if (!ref_facts(e, patch, patch).ends_early)
+      err = "refused as too short, Zydis sees no early end";
   } else if (s == RelocateStatus::kRipOutOfRange) {
     if (distance == 0 || (distance > -(int64_t{1} << 31) && distance < (int64_t{1} << 31)))
       err = "rip-relative out of range although the trampoline is near";
@@ -279,11 +282,12 @@ void check_relocation(const Export& e, const std::string& dll, size_t patch, int
     err = "unexpected refusal";
   }
   if (!err.empty() && ++rc->bad <= 40)
-    std::printf("BAD TRAMPOLINE %s @%llx patch %zu distance %lld: %s\n  original [%s]\n  trampoline [%s]\n",
-                dll.c_str(), static_cast<unsigned long long>(e.address), patch,
-                static_cast<long long>(distance), err.c_str(),
-                hex(e.code, std::min<size_t>(r.copied_length, e.readable)).c_str(),
-                s == RelocateStatus::kOk ? hex(out, r.trampoline_length).c_str() : to_string(s));
+    std::printf(
+        "BAD TRAMPOLINE %s @%llx patch %zu distance %lld: %s\n  original [%s]\n  trampoline [%s]\n",
+        dll.c_str(), static_cast<unsigned long long>(e.address), patch,
+        static_cast<long long>(distance), err.c_str(),
+        hex(e.code, std::min<size_t>(r.copied_length, e.readable)).c_str(),
+        s == RelocateStatus::kOk ? hex(out, r.trampoline_length).c_str() : to_string(s));
 }
 
 // Random instructions (a few prefixes, then a one-byte, 0F, 0F38 or 0F3A opcode and random
@@ -297,16 +301,20 @@ struct RandomCounts {
 
 void random_differential(size_t count, RandomCounts* rc) {
   std::mt19937_64 rng(20261123);
-  static const uint8_t kPrefixes[] = {0x66, 0x67, 0xF2, 0xF3, 0xF0, 0x2E, 0x3E, 0x64,
-                                      0x65, 0x40, 0x41, 0x48, 0x4C, 0x44};
+  static const uint8_t kPrefixes[] = {0x66, 0x67, 0xF2, 0xF3, 0xF0, 0x2E, 0x3E,
+                                      0x64, 0x65, 0x40, 0x41, 0x48, 0x4C, 0x44};
   for (size_t it = 0; it < count; ++it) {
     uint8_t b[15];
     for (auto& x : b) x = static_cast<uint8_t>(rng());
     size_t k = 0;
-    for (int n = static_cast<int>(rng() % 4); n > 0; --n) b[k++] = kPrefixes[rng() % sizeof(kPrefixes)];
+    for (int n = static_cast<int>(rng() % 4); n > 0; --n)
+      b[k++] = kPrefixes[rng() % sizeof(kPrefixes)];
     switch (rng() % 4) {
       case 1: b[k] = 0x0F; break;
-      case 2: b[k] = 0x0F; b[k + 1] = (rng() & 1) ? 0x38 : 0x3A; break;
+      case 2:
+        b[k] = 0x0F;
+        b[k + 1] = (rng() & 1) ? 0x38 : 0x3A;
+        break;
       default: break;
     }
     ++rc->tried;
@@ -374,7 +382,8 @@ int main(int argc, char** argv) {
   size_t dlls = 0, exports = 0;
   for (const std::string& n : names) {
     std::ifstream in(dir + "/" + n, std::ios::binary);
-    std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)),
+                              std::istreambuf_iterator<char>());
     std::vector<Export> ex;
     if (!parse_exports(file, &ex)) continue;
     ++dlls;
@@ -388,22 +397,25 @@ int main(int argc, char** argv) {
     }
   }
   std::printf("corpus: %zu DLLs, %zu exported functions\n", dlls, exports);
-  std::printf("decoder vs Zydis: %zu instructions compared (%zu up to the first ret/jmp), "
-              "%zu disagreements (%zu rip-relative, %zu relative branches, %zu with 66 on a near branch; "
-              "%zu scans ended on bytes both reject)\n",
-              c.instructions, c.before_end, c.disagreements, c.rip_relative, c.relative_branches,
-              c.opsize_branches, c.both_invalid);
+  std::printf(
+      "decoder vs Zydis: %zu instructions compared (%zu up to the first ret/jmp), "
+      "%zu disagreements (%zu rip-relative, %zu relative branches, %zu with 66 on a near branch; "
+      "%zu scans ended on bytes both reject)\n",
+      c.instructions, c.before_end, c.disagreements, c.rip_relative, c.relative_branches,
+      c.opsize_branches, c.both_invalid);
   RandomCounts rnd;
   random_differential(2000000, &rnd);
-  std::printf("random instructions: %zu tried, %zu decoded by both, %zu disagreements; "
-              "%zu Knights Corner encodings rejected; %zu accepted by us only\n",
-              rnd.tried, rnd.both_valid, rnd.disagreements, rnd.knc, rnd.accepted_only_by_us);
+  std::printf(
+      "random instructions: %zu tried, %zu decoded by both, %zu disagreements; "
+      "%zu Knights Corner encodings rejected; %zu accepted by us only\n",
+      rnd.tried, rnd.both_valid, rnd.disagreements, rnd.knc, rnd.accepted_only_by_us);
   std::printf("decoder vs Capstone: %zu instructions compared, %zu disagreements\n",
               c.capstone_compared, c.capstone_disagreements);
   size_t bad = 0;
   for (int p = 0; p < 2; ++p) {
     for (int a = 0; a < 2; ++a) {
-      std::printf("trampolines, %zu-byte patch, %s: ", kPatches[p], a ? "far (+3 GB)" : "near (-1 GB)");
+      std::printf("trampolines, %zu-byte patch, %s: ", kPatches[p],
+                  a ? "far (+3 GB)" : "near (-1 GB)");
       for (const auto& kv : rc[p][a].by_status)
         std::printf("%s %zu; ", hookengine::to_string(kv.first), kv.second);
       std::printf("wrong %zu\n", rc[p][a].bad);

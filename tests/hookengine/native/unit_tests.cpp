@@ -45,8 +45,8 @@ class PageEnd {
  public:
   PageEnd() {
     page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    mem_ = static_cast<uint8_t*>(mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE,
-                                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mem_ = static_cast<uint8_t*>(
+        mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     mprotect(mem_ + page_, page_, PROT_NONE);
   }
   ~PageEnd() { munmap(mem_, 2 * page_); }
@@ -86,18 +86,18 @@ void check_cases(const std::vector<Case>& cases) {
 
 TEST(Decoder, ModrmSibDisplacementAndRipRelative) {
   check_cases({
-      {"48 8b 05 10 20 30 40", 7, true, N, F},        // mov rax, [rip+disp32]
-      {"67 8b 05 10 20 30 40", 7, true, N, F},        // EIP-relative with 67
-      {"8b 04 25 10 20 30 40", 7, false, N, F},       // SIB without base: absolute disp32
-      {"8b 04 24", 3, false, N, F},                   // [rsp]
-      {"8b 44 24 08", 4, false, N, F},                // [rsp+disp8]
-      {"8b 84 24 00 01 00 00", 7, false, N, F},       // [rsp+disp32]
-      {"41 8b 45 00", 4, false, N, F},                // [r13+0]: r13 needs disp8
-      {"42 8b 04 2d 00 00 00 00", 8, false, N, F},    // SIB index r13, no base
-      {"48 8d 0d 00 00 00 00", 7, true, N, F},        // lea rcx, [rip]
-      {"0f 20 c0", 3, false, N, F},                   // mov rax, cr0
-      {"0f 22 05", 3, false, N, F},                   // mov cr0: mod ignored, no disp, not rip
-      {"ff 15 02 00 00 00", 6, true, N, F},           // call [rip+2]
+      {"48 8b 05 10 20 30 40", 7, true, N, F},      // mov rax, [rip+disp32]
+      {"67 8b 05 10 20 30 40", 7, true, N, F},      // EIP-relative with 67
+      {"8b 04 25 10 20 30 40", 7, false, N, F},     // SIB without base: absolute disp32
+      {"8b 04 24", 3, false, N, F},                 // [rsp]
+      {"8b 44 24 08", 4, false, N, F},              // [rsp+disp8]
+      {"8b 84 24 00 01 00 00", 7, false, N, F},     // [rsp+disp32]
+      {"41 8b 45 00", 4, false, N, F},              // [r13+0]: r13 needs disp8
+      {"42 8b 04 2d 00 00 00 00", 8, false, N, F},  // SIB index r13, no base
+      {"48 8d 0d 00 00 00 00", 7, true, N, F},      // lea rcx, [rip]
+      {"0f 20 c0", 3, false, N, F},                 // mov rax, cr0
+      {"0f 22 05", 3, false, N, F},                 // mov cr0: mod ignored, no disp, not rip
+      {"ff 15 02 00 00 00", 6, true, N, F},         // call [rip+2]
       {"ff 25 00 00 00 00", 6, true, N, FlowKind::kJumpAlways},
       {"ff e0", 2, false, N, FlowKind::kJumpAlways},  // jmp rax
       {"41 ff 64 24 08", 5, false, N, FlowKind::kJumpAlways},
@@ -106,21 +106,21 @@ TEST(Decoder, ModrmSibDisplacementAndRipRelative) {
 
 TEST(Decoder, ImmediateSizesAndOpcodeExtensions) {
   check_cases({
-      {"f6 05 d0 d1 d2 d3 01", 7, true, N, F},  // test byte [rip+x], 1: F6 /0 has imm8
-      {"f6 c8 01", 3, false, N, F},             // F6 /1 also has imm8
-      {"f6 d0", 2, false, N, F},                // not al: F6 /2 has none
-      {"f7 c0 01 00 00 00", 6, false, N, F},    // test eax, imm32
-      {"66 f7 c0 01 00", 5, false, N, F},       // test ax, imm16
-      {"48 f7 c1 ff 00 00 00", 7, false, N, F}, // test rcx, imm32 (REX.W keeps imm32)
-      {"f7 d8", 2, false, N, F},                // neg eax
-      {"f7 3c 24", 3, false, N, F},             // idiv [rsp]
+      {"f6 05 d0 d1 d2 d3 01", 7, true, N, F},         // test byte [rip+x], 1: F6 /0 has imm8
+      {"f6 c8 01", 3, false, N, F},                    // F6 /1 also has imm8
+      {"f6 d0", 2, false, N, F},                       // not al: F6 /2 has none
+      {"f7 c0 01 00 00 00", 6, false, N, F},           // test eax, imm32
+      {"66 f7 c0 01 00", 5, false, N, F},              // test ax, imm16
+      {"48 f7 c1 ff 00 00 00", 7, false, N, F},        // test rcx, imm32 (REX.W keeps imm32)
+      {"f7 d8", 2, false, N, F},                       // neg eax
+      {"f7 3c 24", 3, false, N, F},                    // idiv [rsp]
       {"a1 88 77 66 55 44 33 22 11", 9, false, N, F},  // mov eax, moffs64
       {"67 a1 44 33 22 11", 6, false, N, F},           // moffs32 with 67
       {"48 a3 88 77 66 55 44 33 22 11", 10, false, N, F},
       {"b8 01 00 00 00", 5, false, N, F},
       {"66 b8 01 00", 4, false, N, F},
       {"48 b8 88 77 66 55 44 33 22 11", 10, false, N, F},
-      {"66 48 05 01 00 00 00", 7, false, N, F},          // REX.W wins over 66: imm32
+      {"66 48 05 01 00 00 00", 7, false, N, F},  // REX.W wins over 66: imm32
       {"66 48 f7 c0 01 00 00 00", 8, false, N, F},
       {"66 4c 81 67 ec 40 a3 58 65", 9, false, N, F},
       {"66 48 b8 88 77 66 55 44 33 22 11", 11, false, N, F},  // REX.W wins over 66
@@ -160,19 +160,19 @@ TEST(Decoder, ImmediateSizesAndOpcodeExtensions) {
 
 TEST(Decoder, VexEvexXop) {
   check_cases({
-      {"c5 f8 77", 3, false, N, F},                            // vzeroupper: no ModRM
-      {"c5 f9 6f 05 00 00 00 00", 8, true, N, F},              // vmovdqa xmm0, [rip]
-      {"c5 f1 73 d0 04", 5, false, N, F},                      // vpsrlq xmm1, xmm0, 4
-      {"c4 e2 79 18 05 00 00 00 00", 9, true, N, F},           // vbroadcastss xmm0, [rip]
-      {"c4 e3 79 0f c1 08", 6, false, N, F},                   // map 0F3A: imm8
-      {"62 f1 7c 48 10 05 00 00 00 00", 10, true, N, F},       // vmovups zmm0, [rip]
-      {"62 f1 7c 48 10 44 24 01", 8, false, N, F},             // disp8*N still one byte
-      {"62 f3 7d 48 1e c1 00", 7, false, N, F},                // EVEX map 3: imm8
-      {"8f e9 78 e1 c0", 5, false, N, F},                      // XOP map 9
-      {"8f e8 78 c0 c1 03", 6, false, N, F},                   // XOP map 8: imm8
-      {"8f c0", 2, false, N, F},                               // pop rax, not XOP
-      {"66 c5 f8 77", 0, false, N, F},                         // 66 before VEX: #UD
-      {"48 c5 f8 77", 0, false, N, F},                         // REX before VEX: #UD
+      {"c5 f8 77", 3, false, N, F},                       // vzeroupper: no ModRM
+      {"c5 f9 6f 05 00 00 00 00", 8, true, N, F},         // vmovdqa xmm0, [rip]
+      {"c5 f1 73 d0 04", 5, false, N, F},                 // vpsrlq xmm1, xmm0, 4
+      {"c4 e2 79 18 05 00 00 00 00", 9, true, N, F},      // vbroadcastss xmm0, [rip]
+      {"c4 e3 79 0f c1 08", 6, false, N, F},              // map 0F3A: imm8
+      {"62 f1 7c 48 10 05 00 00 00 00", 10, true, N, F},  // vmovups zmm0, [rip]
+      {"62 f1 7c 48 10 44 24 01", 8, false, N, F},        // disp8*N still one byte
+      {"62 f3 7d 48 1e c1 00", 7, false, N, F},           // EVEX map 3: imm8
+      {"8f e9 78 e1 c0", 5, false, N, F},                 // XOP map 9
+      {"8f e8 78 c0 c1 03", 6, false, N, F},              // XOP map 8: imm8
+      {"8f c0", 2, false, N, F},                          // pop rax, not XOP
+      {"66 c5 f8 77", 0, false, N, F},                    // 66 before VEX: #UD
+      {"48 c5 f8 77", 0, false, N, F},                    // REX before VEX: #UD
   });
   // Knights Corner only (VEX jkzd, MVEX): #UD on desktop CPUs, though Zydis decodes them.
   Instruction insn;
@@ -196,7 +196,7 @@ TEST(Decoder, RelativeBranches) {
       {"e3 10", 2, false, BranchKind::kJrcxz, F},
       {"67 e3 10", 3, false, BranchKind::kJrcxz, F},  // jecxz
       {"c7 f8 00 01 00 00", 6, false, BranchKind::kXbegin, F},
-      {"2e 74 10", 3, false, BranchKind::kJccRel8, F},     // branch hint prefix
+      {"2e 74 10", 3, false, BranchKind::kJccRel8, F},  // branch hint prefix
       {"f2 e9 00 00 00 00", 6, false, BranchKind::kJmpRel32, FlowKind::kJumpAlways},  // bnd
       {"48 e8 00 00 00 00", 6, false, BranchKind::kCallRel32, F},
       // 66 on a near call/jmp/Jcc: Intel CPUs ignore it (rel32), AMD ones use rel16. We follow
@@ -218,9 +218,31 @@ TEST(Decoder, RelativeBranches) {
 }
 
 TEST(Decoder, InvalidIn64BitModeAndLengthLimit) {
-  for (const char* op : {"06", "07", "0e", "16", "17", "1e", "1f", "27", "2f", "37", "3f", "60",
-                         "61", "ce", "d4 0a", "d5 0a", "d6", "82 c0 01", "9a 00 00 00 00 00 00",
-                         "ea 00 00 00 00 00 00", "ff f8", "fe d0", "ff d8", "c6 c8 01", "0f 04"}) {
+  for (const char* op : {"06",
+                         "07",
+                         "0e",
+                         "16",
+                         "17",
+                         "1e",
+                         "1f",
+                         "27",
+                         "2f",
+                         "37",
+                         "3f",
+                         "60",
+                         "61",
+                         "ce",
+                         "d4 0a",
+                         "d5 0a",
+                         "d6",
+                         "82 c0 01",
+                         "9a 00 00 00 00 00 00",
+                         "ea 00 00 00 00 00 00",
+                         "ff f8",
+                         "fe d0",
+                         "ff d8",
+                         "c6 c8 01",
+                         "0f 04"}) {
     check_cases({{op, 0, false, N, F}});
   }
   // Fourteen prefixes and a nop are 15 bytes: valid. One more prefix: too long.
@@ -253,9 +275,9 @@ Built build(const std::vector<uint8_t>& code, size_t patch, uint64_t out_address
   b.status = build_trampoline(code.data(), code.size(), kTarget, patch, b.out.data(), capacity,
                               out_address, &b.r);
   if (b.status == RelocateStatus::kOk) {
-    EXPECT_EQ(verify_trampoline(code.data(), code.size(), kTarget, patch, b.out.data(), b.r,
-                                out_address),
-              "");
+    EXPECT_EQ(
+        verify_trampoline(code.data(), code.size(), kTarget, patch, b.out.data(), b.r, out_address),
+        "");
   }
   // Never a byte beyond the capacity, and nothing at all on failure.
   const size_t written = b.status == RelocateStatus::kOk ? b.r.trampoline_length : 0;
@@ -293,7 +315,8 @@ TEST(Relocator, CopiesPlainInstructionsAndJumpsBack) {
 
 TEST(Relocator, FileOperationStubPrologue) {
   // sub rsp,0x28; test byte [rip+x],1; jne +0x0c; mov eax,0x80004001: 14 bytes take 18.
-  const auto code = with_tail("48 83 ec 28 f6 05 d0 d1 02 00 01 75 0c b8 01 40 00 80 48 83 c4 28 c3");
+  const auto code =
+      with_tail("48 83 ec 28 f6 05 d0 d1 02 00 01 75 0c b8 01 40 00 80 48 83 c4 28 c3");
   Built b = build(code, 14, kNear);
   ASSERT_EQ(b.status, RelocateStatus::kOk);
   EXPECT_EQ(b.r.copied_length, 18u);
@@ -304,7 +327,7 @@ TEST(Relocator, FileOperationStubPrologue) {
   // Far away the test reads its byte through rsi, saved around it.
   Built far = build(code, 14, kFar);
   ASSERT_EQ(far.status, RelocateStatus::kOk);
-  EXPECT_EQ(hex(far.out.data() + 4, 3), "56 48 be");  // push rsi; mov rsi, imm64
+  EXPECT_EQ(hex(far.out.data() + 4, 3), "56 48 be");      // push rsi; mov rsi, imm64
   EXPECT_EQ(hex(far.out.data() + 15, 4), "f6 06 01 5e");  // test byte [rsi], 1; pop rsi
 }
 
@@ -348,8 +371,8 @@ TEST(Relocator, BranchesFarAwayBecomeAbsolute) {
 }
 
 TEST(Relocator, LoopAndJrcxzNearAndFar) {
-  for (const char* f : {"e2 30 48 89 c8 90", "e3 30 48 89 c8 90", "67 e3 30 48 89 c8 90",
-                        "e0 30 48 89 c8 90"}) {
+  for (const char* f :
+       {"e2 30 48 89 c8 90", "e3 30 48 89 c8 90", "67 e3 30 48 89 c8 90", "e0 30 48 89 c8 90"}) {
     SCOPED_TRACE(f);
     const auto code = with_tail(f);
     ASSERT_EQ(build(code, 5, kNear).status, RelocateStatus::kOk);
@@ -358,8 +381,9 @@ TEST(Relocator, LoopAndJrcxzNearAndFar) {
 }
 
 TEST(Relocator, PaddingAfterTheEndIsAccepted) {
-  for (const char* f : {"c3 cc cc cc cc", "c3 90 90 0f 1f 00", "c3 66 66 2e 0f 1f 84 00 00 00 00 00",
-                        "eb 10 66 90 0f 1f 40 00", "c3 0f 1f 44 00 00", "e9 00 00 00 00"}) {
+  for (const char* f :
+       {"c3 cc cc cc cc", "c3 90 90 0f 1f 00", "c3 66 66 2e 0f 1f 84 00 00 00 00 00",
+        "eb 10 66 90 0f 1f 40 00", "c3 0f 1f 44 00 00", "e9 00 00 00 00"}) {
     SCOPED_TRACE(f);
     Built b = build(with_tail(f), 5, kNear);
     EXPECT_EQ(b.status, RelocateStatus::kOk);

@@ -112,7 +112,8 @@ std::string check_far_rip(const RefInsn& o, uint64_t ea, const uint8_t* seg, siz
   if (o.insn.mnemonic == ZYDIS_MNEMONIC_LEA && a.insn.mnemonic == ZYDIS_MNEMONIC_MOV) {
     const uint64_t mask = o.ops[0].size == 64 ? ~0ull : 0xFFFFFFFFull;
     if (a.insn.length != n || a.ops[0].reg.value != o.ops[0].reg.value ||
-        a.ops[1].type != ZYDIS_OPERAND_TYPE_IMMEDIATE || (a.ops[1].imm.value.u & mask) != (ea & mask) ||
+        a.ops[1].type != ZYDIS_OPERAND_TYPE_IMMEDIATE ||
+        (a.ops[1].imm.value.u & mask) != (ea & mask) ||
         (o.ops[0].size != 64 && o.ops[0].size != 32))
       return "lea not turned into mov of its address";
     return {};
@@ -123,7 +124,8 @@ std::string check_far_rip(const RefInsn& o, uint64_t ea, const uint8_t* seg, siz
   size_t at = a.insn.length;
   RefInsn m, x, p;
   if (!ref_decode(seg + at, n - at, &m) || m.insn.mnemonic != ZYDIS_MNEMONIC_MOV ||
-      m.ops[0].reg.value != s || m.ops[1].type != ZYDIS_OPERAND_TYPE_IMMEDIATE || m.ops[1].imm.value.u != ea)
+      m.ops[0].reg.value != s || m.ops[1].type != ZYDIS_OPERAND_TYPE_IMMEDIATE ||
+      m.ops[1].imm.value.u != ea)
     return "scratch not loaded with the address";
   at += m.insn.length;
   if (!ref_decode(seg + at, n - at, &x)) return "rebuilt instruction undecodable";
@@ -133,7 +135,8 @@ std::string check_far_rip(const RefInsn& o, uint64_t ea, const uint8_t* seg, siz
     return "scratch not restored at the end";
   if (x.insn.mnemonic != o.insn.mnemonic || x.insn.operand_count != o.insn.operand_count ||
       x.insn.operand_width != o.insn.operand_width ||
-      (x.insn.attributes | ZYDIS_ATTRIB_IS_RELATIVE) != (o.insn.attributes | ZYDIS_ATTRIB_IS_RELATIVE))
+      (x.insn.attributes | ZYDIS_ATTRIB_IS_RELATIVE) !=
+          (o.insn.attributes | ZYDIS_ATTRIB_IS_RELATIVE))
     return "rebuilt instruction differs";
   for (int i = 0; i < o.insn.operand_count; ++i) {
     const ZydisDecodedOperand &u = o.ops[i], &v = x.ops[i];
@@ -199,12 +202,14 @@ std::string compare(bool ok, const Instruction& mine, const RefInsn& ref) {
   if (mine.length != ref.insn.length)
     return fmt("length: mine %u zydis %u", mine.length, ref.insn.length);
   const bool rip = ref.rip_operand >= 0;
-  if (mine.rip_relative != rip) return fmt("rip-relative: mine %d zydis %d", mine.rip_relative, rip);
+  if (mine.rip_relative != rip)
+    return fmt("rip-relative: mine %d zydis %d", mine.rip_relative, rip);
   if (rip && mine.disp_offset != ref.insn.raw.disp.offset)
     return fmt("disp offset: mine %u zydis %u", mine.disp_offset, ref.insn.raw.disp.offset);
   const BranchKind kind = expected_branch(ref);
   if (mine.branch != kind)
-    return fmt("branch kind: mine %d zydis %d", static_cast<int>(mine.branch), static_cast<int>(kind));
+    return fmt("branch kind: mine %d zydis %d", static_cast<int>(mine.branch),
+               static_cast<int>(kind));
   if (kind != BranchKind::kNone) {
     const auto& imm = ref.insn.raw.imm[0];
     if (mine.rel_offset != imm.offset || mine.rel_size * 8 != imm.size)
@@ -249,7 +254,8 @@ std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t t
       if (!a.ok) return fmt("branch at +%zu: relocated form undecodable", orig);
       if (m == ZYDIS_MNEMONIC_JMP || m == ZYDIS_MNEMONIC_XBEGIN) {
         if (a.mnemonic != m || a.target != dest || seg + a.span != seg_end)
-          return fmt("%s at +%zu: target differs", m == ZYDIS_MNEMONIC_JMP ? "jmp" : "xbegin", orig);
+          return fmt("%s at +%zu: target differs", m == ZYDIS_MNEMONIC_JMP ? "jmp" : "xbegin",
+                     orig);
       } else if (m == ZYDIS_MNEMONIC_CALL) {
         if (a.mnemonic != m || a.target != dest) return fmt("call at +%zu: target differs", orig);
         if (seg + a.length != seg_end) {  // returns onto a jmp over the literal
@@ -285,10 +291,11 @@ std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t t
       }
     } else if (o.rip_operand >= 0) {
       RefInsn t;
-      if (!ref_decode(tramp + seg, len - seg, &t)) return fmt("rip-relative at +%zu: undecodable", orig);
+      if (!ref_decode(tramp + seg, len - seg, &t))
+        return fmt("rip-relative at +%zu: undecodable", orig);
       if (t.rip_operand < 0) {
-        const std::string err = check_far_rip(o, ref_address(o, o.rip_operand, o_addr), tramp + seg,
-                                              seg_end - seg);
+        const std::string err =
+            check_far_rip(o, ref_address(o, o.rip_operand, o_addr), tramp + seg, seg_end - seg);
         if (!err.empty()) return fmt("rip-relative at +%zu: %s", orig, err.c_str());
         orig += o.insn.length;
         continue;
