@@ -1,11 +1,135 @@
+#include <winsock2.h>  // before windows.h, which hook_setup.h includes
+
 #include "host/hook_setup.h"
 
-#include <winsock2.h>
+#include <windows.h>
+#include <objbase.h>
+#include <shellapi.h>
+#include <shobjidl.h>
 
+#include <cstdlib>
+
+#include "hookengine/flat_hooks.h"
+#include "hookengine/inline_hook.h"
 #include "host/debug_trace.h"
+#include "intercept/file_operation_methods.h"
+#include "intercept/flat_file_functions.h"
+#include "intercept/shell_file_operation.h"
+#include "protect/pending_files.h"
 
 CRITICAL_SECTION g_pending_cs;
 volatile bool g_perform_operations_allowed = false;
+
+namespace {
+
+// 1 while CopyItems, MoveItems and PerformOperations are patched: patching happens at most once.
+volatile LONG g_com_methods_patched = 0;
+
+// The file-operation object created at set-up. Deliberately never released: the method table it
+// points to is shared by every object of the class, and the object is kept for the process's life.
+IFileOperation* g_file_operation = nullptr;
+
+// What the flat hooks are installed with: EasyHook64.dll when present on the pre-6 path,
+// otherwise the engine's own equivalents (also what the tear-down calls on the COM path).
+FlatHookApi g_flat_api = own_flat_hook_api();
+
+// The eight hook handles, allocated and zeroed when the library is loaded: CopyFileW,
+// CopyFileExW, SHFileOperationW, MoveFileWithProgressW, then four that are never used.
+constexpr int kHandleCount = 8;
+HookTraceInfo* allocate_handle() { return static_cast<HookTraceInfo*>(std::calloc(1, sizeof(HookTraceInfo))); }
+HookTraceInfo* g_hook_handles[kHandleCount] = {allocate_handle(), allocate_handle(), allocate_handle(),
+                                               allocate_handle(), allocate_handle(), allocate_handle(),
+                                               allocate_handle(), allocate_handle()};
+enum HandleIndex { kCopyFileW = 0, kCopyFileExW = 1, kSHFileOperationW = 2, kMoveFileWithProgressW = 3 };
+
+// {3AD05575-8857-4850-9277-11B85BDB8E09} and {947AAB5F-0A5C-4C13-B4D6-4BF7836FC9F8}
+const CLSID kClsidFileOperation = {0x3AD05575, 0x8857, 0x4850, {0x92, 0x77, 0x11, 0xB8, 0x5B, 0xDB, 0x8E, 0x09}};
+const IID kIidFileOperation = {0x947AAB5F, 0x0A5C, 0x4C13, {0xB4, 0xD6, 0x4B, 0xF7, 0x83, 0x6F, 0xC9, 0xF8}};
+constexpr int kSlotMoveItems = 15;
+constexpr int kSlotCopyItems = 17;
+constexpr int kSlotPerformOperations = 21;
+
+HMODULE own_module() {
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                     reinterpret_cast<LPCWSTR>(&HookApi), &module);
+  return module;
+}
+
+template <typename Fn> void** as_variable(Fn* variable) { return reinterpret_cast<void**>(variable); }
+
+void hook_com_methods() {
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE))) {
+    DebugTrace("HookApi", 1457, "[ZELTRAP:KWINDEL] initialize com error");
+    return;
+  }
+  DebugTrace("HookApi", 1462, "[ZELTRAP:KWINDEL] com initial finished");
+  IFileOperation* operation = nullptr;
+  const HRESULT created = CoCreateInstance(kClsidFileOperation, nullptr, 0x15, kIidFileOperation,
+                                           reinterpret_cast<void**>(&operation));
+  DebugTrace("HookApi", 1464, "get file opretation interface,result:%x", static_cast<unsigned>(created));
+  if (SUCCEEDED(created)) {
+    g_file_operation = operation;
+    g_perform_operations_allowed = true;
+    if (g_com_methods_patched == 0) {
+      void** methods = *reinterpret_cast<void***>(operation);
+      g_real_copy_items = reinterpret_cast<CopyItemsFn>(methods[kSlotCopyItems]);
+      g_real_move_items = reinterpret_cast<MoveItemsFn>(methods[kSlotMoveItems]);
+      g_real_perform_operations = reinterpret_cast<PerformOperationsFn>(methods[kSlotPerformOperations]);
+      if (!hookengine::set_hook(as_variable(&g_real_copy_items), reinterpret_cast<void*>(&CopyItems_new))) {
+        DebugTrace("HookApi", 1500, "[ZELTRAP:KWINDEL] hook copyitems error");
+        return;
+      }
+      if (!hookengine::set_hook(as_variable(&g_real_move_items), reinterpret_cast<void*>(&MoveItems_new))) {
+        DebugTrace("HookApi", 1506, "[ZELTRAP:KWINDEL] hook moveitems error");
+        return;
+      }
+      if (!hookengine::set_hook(as_variable(&g_real_perform_operations),
+                                reinterpret_cast<void*>(&PerformOperations_new))) {
+        DebugTrace("HookApi", 1511, "[ZELTRAP:KWINDEL] hook performoperations error");
+        return;
+      }
+      GetLastError();  // read and discarded
+      g_com_methods_patched = 1;
+      DebugTrace("HookApi", 1523, "[ZELTRAP:KWINDEL] hook com succeed");
+    }
+  }
+  CoUninitialize();
+}
+
+void hook_flat_function(void* entry, void* replacement, HookTraceInfo* handle, const char* name, int line) {
+  if (g_flat_api.install_hook(entry, replacement, nullptr, handle) < 0) OutputDebugStringW(L"easyhook:AttachFail");
+  // Written whether or not the installation succeeded: it marks that the step was passed.
+  DebugTrace("HookApi", line, "easyhook:attach %s succeed", name);
+  ULONG all_threads[1] = {0xFFFFFFFF};  // an exclusive list naming no real thread: every thread
+  if (g_flat_api.set_exclusive_acl(all_threads, 1, handle) < 0) OutputDebugStringW(L"easyhook:AttachFail");
+}
+
+void hook_flat_functions() {
+  g_flat_api = bind_flat_hook_api(own_module());
+  // The entries as this module imports them (kernel32's and shell32's exports); the replacements
+  // call through these, and the hooks' per-thread barrier sends those calls to the original code.
+  g_CopyFileW = &CopyFileW;
+  g_CopyFileExW = &CopyFileExW;
+  g_SHFileOperationW = &SHFileOperationW;
+  g_MoveFileWithProgressW = &MoveFileWithProgressW;
+  hook_flat_function(reinterpret_cast<void*>(g_CopyFileW), reinterpret_cast<void*>(&Hook_CopyFileW),
+                     g_hook_handles[kCopyFileW], "CopyFileW", 1567);
+  hook_flat_function(reinterpret_cast<void*>(g_CopyFileExW), reinterpret_cast<void*>(&Hook_CopyFileExW),
+                     g_hook_handles[kCopyFileExW], "CopyFileExW", 1575);
+  hook_flat_function(reinterpret_cast<void*>(g_SHFileOperationW), reinterpret_cast<void*>(&Hook_SHFileOperationW),
+                     g_hook_handles[kSHFileOperationW], "SHFileOperationW", 1583);
+  hook_flat_function(reinterpret_cast<void*>(g_MoveFileWithProgressW),
+                     reinterpret_cast<void*>(&Hook_MoveFileWithProgressW), g_hook_handles[kMoveFileWithProgressW],
+                     "MoveFileWithProgressW", 1591);
+}
+
+void free_handle(int index) {
+  std::free(g_hook_handles[index]);
+  g_hook_handles[index] = nullptr;
+}
+
+}  // namespace
 
 bool is_nt6_or_later() {
   OSVERSIONINFOW basic = {};
@@ -32,12 +156,33 @@ void HookApi() {
     return;
   }
   InitializeCriticalSection(&g_pending_cs);
+  if (is_nt6_or_later()) {
+    hook_com_methods();
+  } else {
+    hook_flat_functions();
+  }
 }
 
 void UnHookApi() {
   EnterCriticalSection(&g_pending_cs);
+  clear_swapped_source_files();  // both take g_pending_cs again: the section is re-entrant
+  clear_pending_encrypted_files();
   LeaveCriticalSection(&g_pending_cs);
+  if (is_nt6_or_later() && g_com_methods_patched != 0) {
+    hookengine::unhook(as_variable(&g_real_copy_items));
+    hookengine::unhook(as_variable(&g_real_move_items));
+    hookengine::unhook(as_variable(&g_real_perform_operations));
+    GetLastError();  // read and discarded
+    g_com_methods_patched = 0;
+  }
   WSACleanup();
+  g_flat_api.uninstall_all_hooks();
+  free_handle(kSHFileOperationW);
+  free_handle(kCopyFileW);
+  free_handle(kCopyFileExW);
+  free_handle(kMoveFileWithProgressW);
+  for (int i = 4; i < kHandleCount; ++i) free_handle(i);
+  g_flat_api.wait_for_pending_removals();
   DeleteCriticalSection(&g_pending_cs);
   DebugTrace("UnHookApi", 1658, "easyhook:dettach kwindel succeed");
 }

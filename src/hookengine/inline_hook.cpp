@@ -1,0 +1,525 @@
+#include "hookengine/inline_hook.h"
+
+#include <windows.h>
+
+#include <cstring>
+
+#include "hookengine/code_memory.h"
+#include "hookengine/relocator.h"
+#include "hookengine/thread_freeze.h"
+
+namespace hookengine {
+
+namespace {
+
+constexpr size_t kNearPatch = 5;       // E9 rel32
+constexpr size_t kAbsolutePatch = 14;  // FF 25 00000000 + 64-bit address
+constexpr size_t kRelaySpace = 128;
+constexpr size_t kChunkSize = kRelaySpace + kMaxTrampolineLength;
+constexpr size_t kMaxRead = 64;
+constexpr size_t kMaxAcl = 128;        // as EasyHook's MAX_ACE_COUNT
+constexpr uint32_t kMaxBarrierHooks = 64;
+constexpr uint32_t kMaxDepth = 32;     // nested barrier entries per thread
+
+}  // namespace
+
+struct HookRecord {
+  uint64_t target;
+  void** variable;
+  void* volatile replacement;
+  uint8_t* relay;
+  uint8_t* trampoline;
+  Relocation relocation;
+  uint8_t original[32];  // the copied instructions as they were (copied_length <= 28)
+  uint8_t patch[kAbsolutePatch];
+  uint8_t patch_size;
+  bool barrier;
+  bool force_absolute;
+  volatile bool active;
+  uint32_t barrier_index;
+  volatile bool acl_exclusive;
+  volatile uint32_t acl_count;
+  uint32_t acl[kMaxAcl];
+  HookRecord* next;
+};
+
+namespace {
+
+// ---- engine lock: a spin lock, since the set-up may run before anything can be initialised
+// and two callers at once is not expected (set-up and tear-down run on the loader's thread).
+volatile LONG g_lock = 0;
+struct EngineLock {
+  EngineLock() { while (InterlockedCompareExchange(&g_lock, 1, 0) != 0) Sleep(0); }
+  ~EngineLock() { InterlockedExchange(&g_lock, 0); }
+};
+
+HookRecord* g_records = nullptr;  // never freed: relays and trampolines may still be running
+volatile HookStatus g_last_status = HookStatus::kOk;
+
+// ---- per-thread barrier state ----
+struct BarrierFrame {
+  uint64_t return_address;
+  uint32_t index;
+};
+struct ThreadBarrier {
+  uint64_t inside;  // bit n: the thread is inside the replacement of barrier hook n
+  uint32_t depth;
+  BarrierFrame frames[kMaxDepth];
+};
+void* const kAllocating = reinterpret_cast<void*>(1);
+
+DWORD g_fls = FLS_OUT_OF_INDEXES;
+uint32_t g_barrier_count = 0;
+volatile LONG g_barrier_pending = 0;  // replacements entered and not yet returned, all threads
+uint8_t* g_leave_stub = nullptr;
+uint8_t* g_fls_callback = nullptr;
+
+class Emitter {
+ public:
+  explicit Emitter(uint8_t* at) : base_(at), p_(at) {}
+  Emitter& bytes(std::initializer_list<uint8_t> list) {
+    for (uint8_t b : list) *p_++ = b;
+    return *this;
+  }
+  Emitter& u32(uint32_t v) { std::memcpy(p_, &v, 4); p_ += 4; return *this; }
+  Emitter& u64(uint64_t v) { std::memcpy(p_, &v, 8); p_ += 8; return *this; }
+  // disp32 of a [rip+disp32] operand ending the current instruction, aimed at `data`
+  Emitter& rip_to(const uint8_t* data) {
+    return u32(static_cast<uint32_t>(static_cast<int32_t>(data - (p_ + 4))));
+  }
+  uint8_t* here() const { return p_; }
+  size_t size() const { return static_cast<size_t>(p_ - base_); }
+ private:
+  uint8_t* base_;
+  uint8_t* p_;
+};
+
+extern "C" uint64_t kwindel_barrier_enter(HookRecord* record, uint64_t* return_slot);
+extern "C" uint64_t kwindel_barrier_leave();
+
+// A relay that jumps straight to the replacement: jmp [rip+0]; dq replacement.
+void emit_plain_relay(uint8_t* relay, void* replacement) {
+  Emitter(relay).bytes({0xFF, 0x25, 0, 0, 0, 0}).u64(reinterpret_cast<uint64_t>(replacement));
+}
+
+// A relay that asks kwindel_barrier_enter where to go (replacement or trampoline), keeping the
+// argument registers: rcx, rdx, r8, r9 and xmm0-xmm3.
+void emit_barrier_relay(uint8_t* relay, HookRecord* record) {
+  uint8_t* data = relay + 96;  // [record][enter function]
+  std::memcpy(data, &record, 8);
+  const uint64_t enter = reinterpret_cast<uint64_t>(&kwindel_barrier_enter);
+  std::memcpy(data + 8, &enter, 8);
+  Emitter e(relay);
+  e.bytes({0x51, 0x52, 0x41, 0x50, 0x41, 0x51})               // push rcx, rdx, r8, r9
+      .bytes({0x48, 0x83, 0xEC, 0x68})                         // sub rsp, 0x68 (aligned again)
+      .bytes({0xF3, 0x0F, 0x7F, 0x44, 0x24, 0x20})             // movdqu [rsp+0x20], xmm0
+      .bytes({0xF3, 0x0F, 0x7F, 0x4C, 0x24, 0x30})             // movdqu [rsp+0x30], xmm1
+      .bytes({0xF3, 0x0F, 0x7F, 0x54, 0x24, 0x40})             // movdqu [rsp+0x40], xmm2
+      .bytes({0xF3, 0x0F, 0x7F, 0x5C, 0x24, 0x50})             // movdqu [rsp+0x50], xmm3
+      .bytes({0x48, 0x8D, 0x94, 0x24, 0x88, 0, 0, 0})          // lea rdx, [rsp+0x88] (return slot)
+      .bytes({0x48, 0x8B, 0x0D}).rip_to(data)                  // mov rcx, [record]
+      .bytes({0xFF, 0x15}).rip_to(data + 8)                    // call [enter]
+      .bytes({0xF3, 0x0F, 0x6F, 0x44, 0x24, 0x20})             // movdqu xmm0, [rsp+0x20]
+      .bytes({0xF3, 0x0F, 0x6F, 0x4C, 0x24, 0x30})
+      .bytes({0xF3, 0x0F, 0x6F, 0x54, 0x24, 0x40})
+      .bytes({0xF3, 0x0F, 0x6F, 0x5C, 0x24, 0x50})
+      .bytes({0x48, 0x83, 0xC4, 0x68})                         // add rsp, 0x68
+      .bytes({0x41, 0x59, 0x41, 0x58, 0x5A, 0x59})             // pop r9, r8, rdx, rcx
+      .bytes({0xFF, 0xE0});                                    // jmp rax
+}
+
+// Where a replacement entered through a barrier relay returns to: it asks
+// kwindel_barrier_leave for the caller's real return address, keeping rax and xmm0.
+uint8_t* make_leave_stub() {
+  uint8_t* stub = allocate_code_anywhere(64);
+  if (stub == nullptr) return nullptr;
+  uint8_t* data = stub + 48;
+  const uint64_t leave = reinterpret_cast<uint64_t>(&kwindel_barrier_leave);
+  std::memcpy(data, &leave, 8);
+  Emitter(stub)
+      .bytes({0x50, 0x50})                                     // push rax (slot), push rax
+      .bytes({0x48, 0x83, 0xEC, 0x30})                         // sub rsp, 0x30
+      .bytes({0xF3, 0x0F, 0x7F, 0x44, 0x24, 0x20})             // movdqu [rsp+0x20], xmm0
+      .bytes({0xFF, 0x15}).rip_to(data)                        // call [leave]
+      .bytes({0x48, 0x89, 0x44, 0x24, 0x38})                   // mov [rsp+0x38], rax
+      .bytes({0xF3, 0x0F, 0x6F, 0x44, 0x24, 0x20})             // movdqu xmm0, [rsp+0x20]
+      .bytes({0x48, 0x83, 0xC4, 0x30})                         // add rsp, 0x30
+      .bytes({0x58, 0xC3});                                    // pop rax; ret
+  return stub;
+}
+
+// The fiber-local-storage destructor lives in the engine's pages, not in the module, so that a
+// thread ending after the module was unloaded still finds it: HeapFree(process heap, 0, data).
+uint8_t* make_fls_callback() {
+  uint8_t* stub = allocate_code_anywhere(48);
+  if (stub == nullptr) return nullptr;
+  uint8_t* data = stub + 32;
+  const uint64_t heap = reinterpret_cast<uint64_t>(GetProcessHeap());
+  const uint64_t heap_free =
+      reinterpret_cast<uint64_t>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "HeapFree"));
+  std::memcpy(data, &heap, 8);
+  std::memcpy(data + 8, &heap_free, 8);
+  Emitter(stub)
+      .bytes({0x49, 0x89, 0xC8})                               // mov r8, rcx
+      .bytes({0x31, 0xD2})                                     // xor edx, edx
+      .bytes({0x48, 0x8B, 0x0D}).rip_to(data)                  // mov rcx, [heap]
+      .bytes({0xFF, 0x25}).rip_to(data + 8);                   // jmp [HeapFree]
+  return stub;
+}
+
+bool prepare_barrier_support() {
+  if (g_leave_stub == nullptr) g_leave_stub = make_leave_stub();
+  if (g_fls_callback == nullptr) g_fls_callback = make_fls_callback();
+  if (g_leave_stub == nullptr || g_fls_callback == nullptr) return false;
+  if (g_fls == FLS_OUT_OF_INDEXES) g_fls = FlsAlloc(reinterpret_cast<PFLS_CALLBACK_FUNCTION>(g_fls_callback));
+  return g_fls != FLS_OUT_OF_INDEXES;
+}
+
+ThreadBarrier* thread_barrier() {
+  void* value = FlsGetValue(g_fls);
+  if (value == kAllocating) return nullptr;  // a hooked function called by HeapAlloc itself
+  if (value != nullptr) return static_cast<ThreadBarrier*>(value);
+  FlsSetValue(g_fls, kAllocating);
+  value = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(ThreadBarrier));
+  FlsSetValue(g_fls, value);
+  return static_cast<ThreadBarrier*>(value);
+}
+
+bool thread_listed(const HookRecord* record, DWORD thread) {
+  const uint32_t count = record->acl_count;
+  for (uint32_t i = 0; i < count && i < kMaxAcl; ++i) {
+    if (record->acl[i] == thread) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+extern "C" uint64_t kwindel_barrier_enter(HookRecord* record, uint64_t* return_slot) {
+  const DWORD error = GetLastError();
+  const uint64_t original = reinterpret_cast<uint64_t>(record->trampoline);
+  uint64_t to = original;
+  if (record->active && g_fls != FLS_OUT_OF_INDEXES &&
+      thread_listed(record, GetCurrentThreadId()) != record->acl_exclusive) {
+    ThreadBarrier* state = thread_barrier();
+    const uint64_t bit = uint64_t{1} << record->barrier_index;
+    if (state != nullptr && (state->inside & bit) == 0 && state->depth < kMaxDepth) {
+      state->inside |= bit;
+      state->frames[state->depth].return_address = *return_slot;
+      state->frames[state->depth].index = record->barrier_index;
+      ++state->depth;
+      InterlockedIncrement(&g_barrier_pending);
+      *return_slot = reinterpret_cast<uint64_t>(g_leave_stub);
+      to = reinterpret_cast<uint64_t>(record->replacement);
+    }
+  }
+  SetLastError(error);
+  return to;
+}
+
+extern "C" uint64_t kwindel_barrier_leave() {
+  const DWORD error = GetLastError();
+  ThreadBarrier* state = static_cast<ThreadBarrier*>(FlsGetValue(g_fls));
+  // Only entries that recorded a frame return here, so the state and a frame exist.
+  --state->depth;
+  const BarrierFrame& frame = state->frames[state->depth];
+  state->inside &= ~(uint64_t{1} << frame.index);
+  InterlockedDecrement(&g_barrier_pending);
+  SetLastError(error);
+  return frame.return_address;
+}
+
+namespace {
+
+HookStatus from_relocate(RelocateStatus status) {
+  switch (status) {
+    case RelocateStatus::kOk: return HookStatus::kOk;
+    case RelocateStatus::kUndecodable: return HookStatus::kUndecodable;
+    case RelocateStatus::kFunctionTooShort: return HookStatus::kFunctionTooShort;
+    case RelocateStatus::kBranchIntoPatch: return HookStatus::kBranchIntoPatch;
+    case RelocateStatus::kUnsupportedBranch: return HookStatus::kUnsupportedBranch;
+    case RelocateStatus::kRipOutOfRange: return HookStatus::kRipOutOfRange;
+    case RelocateStatus::kBufferTooSmall: return HookStatus::kTrampolineTooLong;
+  }
+  return HookStatus::kUndecodable;
+}
+
+bool readable_protection(DWORD protect) {
+  if (protect & (PAGE_GUARD | PAGE_NOACCESS)) return false;
+  return (protect & (PAGE_READONLY | PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READ |
+                     PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY)) != 0;
+}
+
+// How many bytes from `address` on can be read (at most kMaxRead), crossing into the next
+// region when that one is readable too.
+size_t readable_bytes(uint64_t address) {
+  size_t total = 0;
+  uint64_t at = address;
+  while (total < kMaxRead) {
+    MEMORY_BASIC_INFORMATION mbi;
+    if (VirtualQuery(reinterpret_cast<void*>(at), &mbi, sizeof mbi) == 0) break;
+    if (mbi.State != MEM_COMMIT || !readable_protection(mbi.Protect)) break;
+    const uint64_t end = reinterpret_cast<uint64_t>(mbi.BaseAddress) + mbi.RegionSize;
+    total += static_cast<size_t>(end - at);
+    at = end;
+  }
+  return total < kMaxRead ? total : kMaxRead;
+}
+
+HookRecord* find_active(uint64_t target) {
+  for (HookRecord* r = g_records; r != nullptr; r = r->next) {
+    if (r->active && r->target == target) return r;
+  }
+  return nullptr;
+}
+
+// An unused record for the same target and kind whose trampoline still matches the code.
+HookRecord* find_reusable(uint64_t target, const HookOptions& options, size_t readable) {
+  for (HookRecord* r = g_records; r != nullptr; r = r->next) {
+    if (r->active || r->target != target || r->barrier != options.barrier ||
+        r->force_absolute != options.force_absolute || r->relocation.copied_length > readable) {
+      continue;
+    }
+    if (std::memcmp(r->original, reinterpret_cast<const void*>(target), r->relocation.copied_length) == 0) return r;
+  }
+  return nullptr;
+}
+
+struct MoveContext {
+  const HookRecord* record;
+};
+
+// A thread stopped inside the bytes about to be overwritten continues at the same instruction
+// in the trampoline. One stopped at the very start may stay: it will take the new jump.
+uint64_t move_out_of_patch(uint64_t rip, const void* context) {
+  const HookRecord* record = static_cast<const MoveContext*>(context)->record;
+  if (rip <= record->target || rip >= record->target + record->patch_size) return rip;
+  uint64_t moved = rip;
+  if (map_to_trampoline(record->relocation, record->target, reinterpret_cast<uint64_t>(record->trampoline), rip,
+                        &moved)) {
+    return moved;
+  }
+  return rip;
+}
+
+// Writes `bytes` over the target with every other thread frozen, provided the target still
+// holds `expected`. Threads inside the overwritten range are moved when `record` is given.
+HookStatus write_code(uint64_t target, const uint8_t* expected, const uint8_t* bytes, size_t size,
+                      const HookRecord* move_for) {
+  void* at = reinterpret_cast<void*>(target);
+  DWORD old_protect = 0;
+  // Made writable before freezing: changing protection may take locks other threads hold.
+  if (!VirtualProtect(at, size, PAGE_EXECUTE_READWRITE, &old_protect)) return HookStatus::kProtectFailed;
+  HookStatus status = HookStatus::kOk;
+  {
+    ThreadFreeze freeze;
+    if (std::memcmp(at, expected, size) != 0) {
+      status = HookStatus::kTargetChanged;
+    } else {
+      std::memcpy(at, bytes, size);
+      if (move_for != nullptr) {
+        MoveContext context{move_for};
+        freeze.move_instruction_pointers(&move_out_of_patch, &context);
+      }
+      FlushInstructionCache(GetCurrentProcess(), at, size);
+    }
+  }
+  DWORD ignored = 0;
+  VirtualProtect(at, size, old_protect, &ignored);
+  return status;
+}
+
+HookStatus install_locked(void** variable, void* replacement, const HookOptions& options, HookRecord** out) {
+  if (variable == nullptr || *variable == nullptr || replacement == nullptr) return HookStatus::kInvalidArgument;
+  const uint64_t target = reinterpret_cast<uint64_t>(*variable);
+  if (find_active(target) != nullptr) return HookStatus::kAlreadyHooked;
+  const size_t readable = readable_bytes(target);
+  if (readable < kAbsolutePatch) {
+    // Still enough for a near patch? Only when the relay can be near; decided below.
+    if (readable < kNearPatch) return HookStatus::kUnreadableTarget;
+  }
+  if (options.barrier && !prepare_barrier_support()) return HookStatus::kNoCodeMemory;
+
+  HookRecord* record = find_reusable(target, options, readable);
+  if (record == nullptr) {
+    uint8_t* chunk = allocate_code_near(target, kChunkSize);
+    bool near_chunk = chunk != nullptr && rel32_reaches(target, kNearPatch, reinterpret_cast<uint64_t>(chunk));
+    if (!near_chunk) chunk = allocate_code_anywhere(kChunkSize);
+    if (chunk == nullptr) return HookStatus::kNoCodeMemory;
+    const size_t patch_size = near_chunk && !options.force_absolute ? kNearPatch : kAbsolutePatch;
+    if (readable < patch_size) return HookStatus::kUnreadableTarget;
+
+    uint8_t* trampoline = chunk + kRelaySpace;
+    Relocation relocation;
+    const RelocateStatus relocated =
+        build_trampoline(reinterpret_cast<const uint8_t*>(target), readable, target, patch_size, trampoline,
+                         kMaxTrampolineLength, reinterpret_cast<uint64_t>(trampoline), &relocation);
+    if (relocated != RelocateStatus::kOk) return from_relocate(relocated);  // the chunk stays for later hooks
+    if (relocation.copied_length > sizeof(HookRecord::original)) return HookStatus::kTrampolineTooLong;
+    if (options.barrier && g_barrier_count == kMaxBarrierHooks) return HookStatus::kTooManyHooks;
+
+    record = static_cast<HookRecord*>(allocate_engine_data(sizeof(HookRecord)));
+    if (record == nullptr) return HookStatus::kNoCodeMemory;
+    record->target = target;
+    record->relay = chunk;
+    record->trampoline = trampoline;
+    record->relocation = relocation;
+    std::memcpy(record->original, reinterpret_cast<const void*>(target), relocation.copied_length);
+    record->patch_size = static_cast<uint8_t>(patch_size);
+    record->barrier = options.barrier;
+    record->force_absolute = options.force_absolute;
+    record->barrier_index = options.barrier ? g_barrier_count++ : 0;
+    if (patch_size == kNearPatch) {
+      Emitter(record->patch).bytes({0xE9}).u32(static_cast<uint32_t>(
+          static_cast<int32_t>(reinterpret_cast<uint64_t>(chunk) - (target + kNearPatch))));
+    } else {
+      Emitter(record->patch).bytes({0xFF, 0x25, 0, 0, 0, 0}).u64(reinterpret_cast<uint64_t>(chunk));
+    }
+    if (options.barrier) emit_barrier_relay(chunk, record);
+    record->next = g_records;
+    g_records = record;
+  }
+
+  record->variable = variable;
+  record->replacement = replacement;
+  if (options.barrier) {
+    record->acl_count = 0;  // as EasyHook: no thread is intercepted until an ACL is set
+    record->acl_exclusive = false;
+  } else {
+    emit_plain_relay(record->relay, replacement);
+  }
+  FlushInstructionCache(GetCurrentProcess(), record->relay, kChunkSize);
+
+  // The trampoline is published before the jump exists, so a replacement entered the moment the
+  // patch lands already finds the way to the original.
+  *variable = record->trampoline;
+  record->active = true;
+  const HookStatus written = write_code(target, record->original, record->patch, record->patch_size, record);
+  if (written != HookStatus::kOk) {
+    record->active = false;
+    *variable = reinterpret_cast<void*>(target);
+    return written;
+  }
+  if (out != nullptr) *out = record;
+  return HookStatus::kOk;
+}
+
+HookStatus remove_record_locked(HookRecord* record) {
+  const HookStatus written =
+      write_code(record->target, record->patch, record->original, record->patch_size, nullptr);
+  if (written == HookStatus::kTargetChanged) return HookStatus::kPatchNotOurs;
+  if (written != HookStatus::kOk) return written;
+  // Threads still in the relay or trampoline finish there: both stay valid for ever, and a
+  // barrier relay of an inactive hook sends every call to the original.
+  record->active = false;
+  *record->variable = reinterpret_cast<void*>(record->target);
+  return HookStatus::kOk;
+}
+
+HookStatus remove_locked(void** variable) {
+  if (variable == nullptr) return HookStatus::kInvalidArgument;
+  for (HookRecord* r = g_records; r != nullptr; r = r->next) {
+    if (r->active && r->variable == variable) return remove_record_locked(r);
+  }
+  return HookStatus::kNotHooked;
+}
+
+}  // namespace
+
+const char* to_string(HookStatus status) {
+  switch (status) {
+    case HookStatus::kOk: return "ok";
+    case HookStatus::kInvalidArgument: return "invalid argument";
+    case HookStatus::kAlreadyHooked: return "already hooked";
+    case HookStatus::kNotHooked: return "not hooked";
+    case HookStatus::kUnreadableTarget: return "unreadable target";
+    case HookStatus::kUndecodable: return "undecodable";
+    case HookStatus::kFunctionTooShort: return "function too short";
+    case HookStatus::kBranchIntoPatch: return "branch into patch";
+    case HookStatus::kUnsupportedBranch: return "unsupported branch";
+    case HookStatus::kRipOutOfRange: return "rip-relative out of range";
+    case HookStatus::kTrampolineTooLong: return "trampoline too long";
+    case HookStatus::kNoCodeMemory: return "no code memory";
+    case HookStatus::kTooManyHooks: return "too many hooks";
+    case HookStatus::kProtectFailed: return "protect failed";
+    case HookStatus::kTargetChanged: return "target changed";
+    case HookStatus::kPatchNotOurs: return "patch not ours";
+  }
+  return "?";
+}
+
+HookStatus install_hook(void** variable, void* replacement, const HookOptions& options, HookRecord** record) {
+  EngineLock lock;
+  const HookStatus status = install_locked(variable, replacement, options, record);
+  g_last_status = status;
+  return status;
+}
+
+HookStatus remove_hook(void** variable) {
+  EngineLock lock;
+  const HookStatus status = remove_locked(variable);
+  g_last_status = status;
+  return status;
+}
+
+bool set_hook(void** variable, void* replacement) { return install_hook(variable, replacement) == HookStatus::kOk; }
+bool unhook(void** variable) { return remove_hook(variable) == HookStatus::kOk; }
+HookStatus last_hook_status() { return g_last_status; }
+
+HookStatus set_barrier_acl(HookRecord* record, const uint32_t* thread_ids, size_t count, bool exclusive) {
+  if (record == nullptr || !record->barrier || count > kMaxAcl || (count > 0 && thread_ids == nullptr)) {
+    return HookStatus::kInvalidArgument;
+  }
+  EngineLock lock;
+  record->acl_count = 0;  // readers see an empty list while it changes
+  for (size_t i = 0; i < count; ++i) record->acl[i] = thread_ids[i] == 0 ? GetCurrentThreadId() : thread_ids[i];
+  record->acl_exclusive = exclusive;
+  record->acl_count = static_cast<uint32_t>(count);
+  return HookStatus::kOk;
+}
+
+size_t remove_all_barrier_hooks() {
+  EngineLock lock;
+  size_t removed = 0;
+  for (HookRecord* r = g_records; r != nullptr; r = r->next) {
+    if (r->active && r->barrier && remove_record_locked(r) == HookStatus::kOk) ++removed;
+  }
+  return removed;
+}
+
+bool release_barrier_state() {
+  EngineLock lock;
+  if (g_fls == FLS_OUT_OF_INDEXES) return true;
+  for (HookRecord* r = g_records; r != nullptr; r = r->next) {
+    if (r->active && r->barrier) return false;
+  }
+  if (g_barrier_pending != 0) return false;  // a replacement still has to return through its frame
+  FlsFree(g_fls);                            // runs the destructor for every thread's state
+  g_fls = FLS_OUT_OF_INDEXES;
+  return true;
+}
+
+bool barrier_active_on_this_thread(const HookRecord* record) {
+  if (record == nullptr || !record->barrier || g_fls == FLS_OUT_OF_INDEXES) return false;
+  void* value = FlsGetValue(g_fls);
+  if (value == nullptr || value == kAllocating) return false;
+  return (static_cast<ThreadBarrier*>(value)->inside & (uint64_t{1} << record->barrier_index)) != 0;
+}
+
+bool describe_hook(const HookRecord* record, HookInfo* info) {
+  if (record == nullptr || info == nullptr) return false;
+  info->target = record->target;
+  info->trampoline = reinterpret_cast<uint64_t>(record->trampoline);
+  info->relay = reinterpret_cast<uint64_t>(record->relay);
+  info->patch_size = record->patch_size;
+  info->copied_length = record->relocation.copied_length;
+  info->active = record->active;
+  return true;
+}
+
+HookRecord* find_hook(uint64_t target) {
+  EngineLock lock;
+  return find_active(target);
+}
+
+}  // namespace hookengine
