@@ -53,6 +53,6 @@ int wmain(int argc, wchar_t** argv) {
   if (mode == L"pump" && argc > 2) return pump(static_cast<DWORD>(_wtoi(argv[2])));
   if (mode == L"policy") return policy();
   if (mode == L"agent" && argc > 2) return kwtest::test_agent_main(argc - 2, argv + 2);
-  std::fprintf(stderr, "usage: kwtest-child pump MS | policy | agent MS [--no-ack] [--other-port] [--reply HEX]...\n");
+  std::fprintf(stderr, "usage: kwtest-child pump MS | policy | agent MS [--no-ack] [--other-port] [--ready EVENT] [--reply HEX]...\n");
   return 100;
 }

@@ -172,9 +172,11 @@ int test_agent_main(int argc, wchar_t** argv) {
   if (argc < 1) return 100;
   const DWORD ms = static_cast<DWORD>(_wtoi(argv[0]));
   AgentScript script;
+  std::wstring ready_name;
   for (int i = 1; i < argc; ++i) {
     if (std::wcscmp(argv[i], L"--no-ack") == 0) script.acknowledge = false;
     else if (std::wcscmp(argv[i], L"--other-port") == 0) script.reply_from_other_port = true;
+    else if (std::wcscmp(argv[i], L"--ready") == 0 && i + 1 < argc) ready_name = argv[++i];
     else if (std::wcscmp(argv[i], L"--reply") == 0 && i + 1 < argc) {
       std::wstring wide(argv[++i]);
       script.reply.push_back(from_hex(std::string(wide.begin(), wide.end())));
@@ -184,8 +186,13 @@ int test_agent_main(int argc, wchar_t** argv) {
   {
     TestAgent agent(script);
     if (!agent.ok()) return 3;
-    std::printf("ready\n");
-    std::fflush(stdout);
+    if (!ready_name.empty()) {
+      HANDLE ready = OpenEventW(EVENT_MODIFY_STATE, FALSE, ready_name.c_str());
+      if (ready != nullptr) {
+        SetEvent(ready);
+        CloseHandle(ready);
+      }
+    }
     Sleep(ms);
     recorded = agent.datagrams();
   }

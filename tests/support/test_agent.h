@@ -71,9 +71,9 @@ class TestAgent {
   std::thread thread_;
 };
 
-// kwtest-child agent MS [--no-ack] [--other-port] [--reply HEX]...: runs a TestAgent for MS
-// milliseconds, then prints each recorded datagram as "PORT HEX" on one line. Exit 3 when the
-// port was taken.
+// kwtest-child agent MS [--no-ack] [--other-port] [--ready EVENT] [--reply HEX]...: runs a
+// TestAgent for MS milliseconds (signalling the existing named EVENT once the port is bound),
+// then prints each recorded datagram as "PORT HEX" on one line. Exit 3 when the port was taken.
 int test_agent_main(int argc, wchar_t** argv);
 
 std::string to_hex(const std::string& bytes);

@@ -73,6 +73,7 @@ void usage(FILE* out) {
       "  --event NAME   stop when the named event NAME is signalled\n"
       "  --ready NAME   signal the named event NAME once the port is bound\n"
       "  --count N      stop after N messages\n"
+      "  --parent PID   stop when process PID ends (for test harnesses and scripts)\n"
       "  --port N       listen on N instead of 7886 (the library always sends to 7886)\n"
       "  --help         this text\n"
       "Stops on Ctrl-C. One JSON line per message: tag, processname, operation, destination,\n"
@@ -335,6 +336,7 @@ std::string json_or_null(const char* text) { return text != nullptr ? json_strin
 
 struct Options {
   std::wstring rules_path, log_path, event_name, ready_name;
+  DWORD parent_pid = 0;
   bool silent = false, empty = false, pretty = false;
   DWORD delay_ms = 0;
   long count = -1;
@@ -527,6 +529,8 @@ bool parse_options(int argc, wchar_t** argv, Options* o) {
       o->delay_ms = static_cast<DWORD>(_wtol(argv[++i]));
     } else if (a == L"--count" && has_value) {
       o->count = _wtol(argv[++i]);
+    } else if (a == L"--parent" && has_value) {
+      o->parent_pid = static_cast<DWORD>(_wtol(argv[++i]));
     } else if (a == L"--port" && has_value) {
       o->port = static_cast<unsigned>(_wtol(argv[++i]));
     } else if (a == L"--rules" && has_value) {
@@ -592,6 +596,7 @@ int wmain(int argc, wchar_t** argv) {
   setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&poll_ms), sizeof poll_ms);
   SetConsoleCtrlHandler(on_console_event, TRUE);
   HANDLE stop_event = options.event_name.empty() ? nullptr : CreateEventW(nullptr, TRUE, FALSE, options.event_name.c_str());
+  HANDLE parent = options.parent_pid == 0 ? nullptr : OpenProcess(SYNCHRONIZE, FALSE, options.parent_pid);
   std::fprintf(stderr, "kwagent: listening on UDP 127.0.0.1:%u\n", options.port);
   if (!options.ready_name.empty()) {
     HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, options.ready_name.c_str());
@@ -606,6 +611,7 @@ int wmain(int argc, wchar_t** argv) {
   long handled = 0;
   while (!g_stop && (options.count < 0 || handled < options.count)) {
     if (stop_event != nullptr && WaitForSingleObject(stop_event, 0) == WAIT_OBJECT_0) break;
+    if (parent != nullptr && WaitForSingleObject(parent, 0) == WAIT_OBJECT_0) break;
     sockaddr_in from = {};
     int from_length = sizeof from;
     const int n = recvfrom(s, buffer.data(), static_cast<int>(buffer.size()), 0, reinterpret_cast<sockaddr*>(&from),
@@ -638,6 +644,7 @@ int wmain(int argc, wchar_t** argv) {
     ++handled;
   }
   if (stop_event != nullptr) CloseHandle(stop_event);
+  if (parent != nullptr) CloseHandle(parent);
   closesocket(s);
   WSACleanup();
   std::fprintf(stderr, "kwagent: stopped after %ld message(s)\n", handled);
