@@ -156,6 +156,24 @@ TEST(Kwagent, EmptyModeAnswersWithLengthTwo) {
   EXPECT_NE(std::string::npos, text.find(R"x("answer":"(empty)")x")) << text;
 }
 
+// A request and an answer of several chunks each: kwagent acknowledges the request's chunks and
+// waits for the library's acknowledgements between the answer's.
+TEST(Kwagent, LargeRequestAndAnswerTravelInChunks) {
+  kwtest::ScratchDir dir;
+  const std::wstring rules = dir.file(L"rules.txt");
+  ASSERT_TRUE(kwtest::write_file(rules, "secret C:\\big\\* secret-password 1\n"));
+  RunningAgent agent(L"--rules \"" + rules + L"\" --log \"" + dir.file(L"log.txt") + L"\"");
+  ASSERT_TRUE(agent.ready());
+  std::vector<std::string> sources;
+  for (int i = 0; i < 500; ++i) sources.push_back("C:\\big\\folder\\document-" + std::to_string(i) + ".docx");
+  ASSERT_GT(BuildSecretAuditRequest(get_process_name(), sources, {"E:\\"}).size(), 2u * 8192u);
+  SecretAuditOn on;
+  SecretAuditResult r;
+  EXPECT_TRUE(RequestSecretAudit(sources, {"E:\\"}, r));
+  EXPECT_EQ(sources, r.secret_files);
+  EXPECT_EQ("secret-password", r.encrypted_pwd);
+}
+
 TEST(Kwagent, SaysWhenThePortIsTaken) {
   kwtest::TestAgent holder;
   ASSERT_TRUE(holder.ok());

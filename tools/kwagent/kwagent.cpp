@@ -626,6 +626,8 @@ int wmain(int argc, wchar_t** argv) {
         std::string line = "{\"tag\":null,\"error\":\"datagram of " + std::to_string(n) +
                            " bytes is not the start of a frame\",\"from_port\":" + std::to_string(ntohs(from.sin_port)) + "}";
         output.json(line);
+        output.pretty("ignored a datagram of " + std::to_string(n) + " bytes from port " +
+                      std::to_string(ntohs(from.sin_port)) + ": not the start of a frame\n");
         partials.erase({from.sin_addr.s_addr, from.sin_port});
         continue;
       }
