@@ -114,6 +114,17 @@ bool is_legacy_prefix(uint8_t b) {
          b == 0x26 || b == 0x36 || b == 0x64 || b == 0x65;
 }
 
+// Opcodes whose ModRM reg field extends the opcode (/digit) instead of naming a register.
+bool reg_field_is_opcode(bool one_byte, bool two_byte, uint8_t op) {
+  if (one_byte) {
+    return op == 0x80 || op == 0x81 || op == 0x83 || op == 0xC0 || op == 0xC1 || op == 0xC6 ||
+           op == 0xC7 || (op >= 0xD0 && op <= 0xD3) || op == 0xF6 || op == 0xF7 || op == 0xFE ||
+           op == 0xFF;
+  }
+  return two_byte && (op == 0x00 || op == 0x01 || op == 0x0D || (op >= 0x18 && op <= 0x1F) ||
+                      op == 0xAE || op == 0xBA || op == 0xC7);
+}
+
 // A RIP-relative operand the trampoline's disp32 cannot reach, for legacy-encoded instructions
 // (no VEX/EVEX/XOP) that neither transfer control nor touch the stack:
 //   lea r32/r64, [rip+x]  ->  mov r, imm (the address itself)
@@ -143,7 +154,9 @@ RelocateStatus relocate_far_rip(const Instruction& insn, const uint8_t* code, ui
   // call/push through memory and pop into memory move rsp; a reg field naming rsp might too.
   if (one_byte && op == 0xFF && (reg & 7) >= 2) return RelocateStatus::kRipOutOfRange;
   if (one_byte && op == 0x8F) return RelocateStatus::kRipOutOfRange;
-  if (reg == 4) return RelocateStatus::kRipOutOfRange;
+  const bool two_byte = insn.opcode_offset == first + 1;  // 0F xx
+  if (reg == 4 && !reg_field_is_opcode(one_byte, two_byte, op))
+    return RelocateStatus::kRipOutOfRange;
   const bool opsize = std::memchr(code, 0x66, first) != nullptr;
 
   if (one_byte && op == 0x8D && !opsize) {

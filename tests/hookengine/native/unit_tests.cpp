@@ -347,6 +347,10 @@ TEST(Relocator, RipRelativeOperandsOutOfReach) {
   ASSERT_EQ(rsi.status, RelocateStatus::kOk);
   EXPECT_EQ(hex(rsi.out.data(), 3), "57 48 bf");
   EXPECT_EQ(hex(rsi.out.data() + 11, 4), "48 8b 37 5f");  // mov rsi, [rdi]; pop rdi
+  // A /4 opcode extension is no rsp operand: and dword [rip+x], 1 is rebuilt.
+  Built and4 = build(with_tail("83 25 00 10 00 00 01"), 5, kFar);
+  ASSERT_EQ(and4.status, RelocateStatus::kOk);
+  EXPECT_EQ(hex(and4.out.data() + 11, 4), "83 26 01 5e");
   // Stack-relative or control-transferring forms and VEX encodings stay refused.
   for (const char* f : {"ff 25 00 10 00 00", "ff 15 00 10 00 00 90", "ff 35 00 10 00 00",
                         "48 8b 25 00 10 00 00", "c5 f9 6f 05 00 10 00 00", "8f 05 00 10 00 00"}) {
