@@ -98,6 +98,7 @@ std::string FileDigestHex(const std::wstring& path) {
 }
 
 bool TransformFile(const char* source, const char* destination, const uint8_t password_buffer[32], bool encrypt) {
+  if (source == nullptr || destination == nullptr || password_buffer == nullptr) return false;
   uint8_t digest_field[kDigestFieldSize] = {};
   const std::wstring wide_source = utf8_to_wide(source);
   const std::string digest = FileDigestHex(wide_source);
