@@ -1,20 +1,290 @@
 #include "intercept/file_operation_methods.h"
 
+#include <shellapi.h>
+#include <shlobj.h>
+
+#include <cstdio>
+#include <map>
+
+#include "agent/copy_audit.h"
+#include "agent/secret_audit.h"
+#include "host/caller_context.h"
+#include "host/debug_trace.h"
+#include "host/hook_setup.h"
+#include "host/policy_block.h"
+#include "protect/drive_class.h"
+#include "protect/file_transform.h"
+
 CopyItemsFn g_real_copy_items = nullptr;
 MoveItemsFn g_real_move_items = nullptr;
 PerformOperationsFn g_real_perform_operations = nullptr;
 
-// Pass-throughs until the screening lands.
+namespace {
+
+constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);  // the bare refusal value
+constexpr int kOperationCopy = 6;
+constexpr int kOperationMove = 5;
+
+// Source path -> where its untouched file is parked in the temporary folder while the shell
+// copies the transformed one. Guarded by g_pending_cs; ordered byte-wise.
+std::map<std::string, std::string> SwappedSourceFiles;
+
+struct PendingLock {
+  PendingLock() { EnterCriticalSection(&g_pending_cs); }
+  ~PendingLock() { LeaveCriticalSection(&g_pending_cs); }
+  PendingLock(const PendingLock&) = delete;
+  PendingLock& operator=(const PendingLock&) = delete;
+};
+
+// Owns one reference of a COM interface.
+template <typename T>
+struct ComRef {
+  T* p = nullptr;
+  ~ComRef() { if (p != nullptr) p->Release(); }
+  ComRef() = default;
+  ComRef(const ComRef&) = delete;
+  ComRef& operator=(const ComRef&) = delete;
+  void** out() { return reinterpret_cast<void**>(&p); }
+};
+
+// Owns a string or ID list allocated by the shell with CoTaskMemAlloc.
+template <typename T>
+struct CoTaskMem {
+  T* p = nullptr;
+  ~CoTaskMem() { if (p != nullptr) CoTaskMemFree(p); }
+  CoTaskMem() = default;
+  CoTaskMem(const CoTaskMem&) = delete;
+  CoTaskMem& operator=(const CoTaskMem&) = delete;
+};
+
+std::wstring to_wide(const std::string& utf8) { return utf8_to_wide(utf8); }
+
+// The CF_HDROP drop list of a data object into `out`; returns the count the list reports.
+uint32_t paths_from_data_object(IDataObject* data_object, std::vector<std::string>& out) {
+  FORMATETC format = {CF_HDROP, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
+  STGMEDIUM medium = {};
+  medium.tymed = TYMED_HGLOBAL;
+  if (data_object == nullptr || FAILED(data_object->GetData(&format, &medium))) {
+    DebugTrace("get_filepaths_from_comobject", 1061, "[ZELTRAP:KWINDEL]data_object->GetData(&fmt, &stg) error=%d",
+               static_cast<int>(GetLastError()));
+    return 0;
+  }
+  struct MediumRelease {
+    STGMEDIUM* m;
+    ~MediumRelease() { ReleaseStgMedium(m); }
+  } release{&medium};
+  HDROP drop = static_cast<HDROP>(GlobalLock(medium.hGlobal));
+  if (drop == nullptr) {
+    DebugTrace("get_filepaths_from_comobject", 1068, "[ZELTRAP:KWINDEL](HDROP)GlobalLock(stg.hGlobal); error=%d",
+               static_cast<int>(GetLastError()));
+    return 0;
+  }
+  struct Unlock {
+    HGLOBAL g;
+    ~Unlock() { GlobalUnlock(g); }
+  } unlock{medium.hGlobal};
+  const UINT count = DragQueryFileW(drop, 0xFFFFFFFF, nullptr, 0);
+  if (count == 0) {
+    DebugTrace("get_filepaths_from_comobject", 1075,
+               "[ZELTRAP:KWINDEL] DragQueryFile(hDrop, 0xFFFFFFFF, NULL, 0); error=%d", static_cast<int>(GetLastError()));
+    return 0;
+  }
+  for (UINT i = 0; i < count; ++i) {
+    wchar_t name[MAX_PATH] = {};
+    if (DragQueryFileW(drop, i, name, MAX_PATH) != 0) out.push_back(wide_to_utf8(name));
+  }
+  return count;  // what the list reports, even when a name could not be read
+}
+
+// Rewrites each secret source into its encrypted form in its own place and parks the untouched
+// file in the temporary folder until the next executed PerformOperations puts it back.
+void swap_sources(const SecretAuditResult& result) {
+  wchar_t temp[MAX_PATH] = {};
+  GetTempPathW(MAX_PATH, temp);
+  const std::string temp_folder = wide_to_utf8(temp);
+  for (const std::string& source : result.secret_files) {
+    const std::string transformed = source + ".tmp";
+    if (!TransformCopiedFile(source.c_str(), transformed.c_str(), result.encrypted_pwd.c_str())) continue;
+    const size_t slash = source.rfind('\\');
+    const std::string parked = temp_folder + (slash == std::string::npos ? source : source.substr(slash + 1));
+    const std::wstring wide_source = to_wide(source), wide_parked = to_wide(parked);
+    DeleteFileW(wide_parked.c_str());  // an earlier parked file of the same name goes
+    if (MoveFileW(wide_source.c_str(), wide_parked.c_str())) MoveFileW(to_wide(transformed).c_str(), wide_source.c_str());
+    // Entered on the transformation's success alone: the restore then puts back whatever is parked.
+    PendingLock lock;
+    SwappedSourceFiles.emplace(source, parked);
+  }
+}
+
+// Transforms each secret source in place for good (a move carries the encrypted form away).
+void transform_sources_in_place(const SecretAuditResult& result) {
+  for (const std::string& source : result.secret_files) {
+    const std::string transformed = source + ".tmp";
+    if (!TransformCopiedFile(source.c_str(), transformed.c_str(), result.encrypted_pwd.c_str())) continue;
+    const std::wstring wide_source = to_wide(source);
+    DeleteFileW(wide_source.c_str());
+    MoveFileW(to_wide(transformed).c_str(), wide_source.c_str());
+  }
+}
+
+// The destination folder's file-system path, as the shell gives it (null when it gives none).
+void destination_name(IShellItem* destination, CoTaskMem<wchar_t>& name) {
+  if (destination != nullptr) destination->GetDisplayName(SIGDN_FILESYSPATH, &name.p);
+}
+
+// The secret-audit gate: the first source local, the destination of a watched class.
+bool secret_check_applies(const std::vector<std::string>& sources, const wchar_t* destination) {
+  if (g_policy_block.g_secret_audit != 1) return false;
+  const int source_class = ClassifyDestination(to_wide(sources.front()).c_str());
+  const int destination_class = ClassifyDestination(destination != nullptr ? destination : L"");
+  if (source_class != 0) return false;
+  return destination_class_watched(destination_class);
+}
+
+void send_audit(int operation, const std::string& destination, const std::vector<std::string>& sources) {
+  if (g_policy_block.g_copy_audit == 0 || sources.empty()) return;
+  SendCopyAudit(BuildCopyAuditDocument(operation, destination, sources));
+}
+
+}  // namespace
+
+uint32_t get_filepaths_from_comobject(IUnknown* items, std::vector<std::string>& out) {
+  if (items == nullptr) return 0;
+  ComRef<IDataObject> data_object;
+  if (SUCCEEDED(items->QueryInterface(IID_IDataObject, data_object.out()))) {
+    return paths_from_data_object(data_object.p, out);
+  }
+  ComRef<IPersistIDList> persist;
+  const HRESULT hr = items->QueryInterface(IID_IPersistIDList, persist.out());
+  DebugTrace("get_filepaths_from_comobject", 1015,
+             "[ZELTRAP:KWINDEL] iUnknown->QueryInterface(IID_IDataObject, (void **)&data_object); hr=%d, error=%d",
+             static_cast<int>(hr), static_cast<int>(GetLastError()));
+  if (FAILED(hr)) {
+    DebugTrace("get_filepaths_from_comobject", 1018, "[ZELTRAP:KWINDEL] SHGetIDListFromObject(iUnknown,&pv);hr=%d, error=%d",
+               static_cast<int>(hr), static_cast<int>(GetLastError()));
+    return 0;
+  }
+  if (!is_vista_or_later()) {
+    DebugTrace("get_filepaths_from_comobject", 1052, "[ZELTRAP:KWINDEL] os is before vista");
+    return paths_from_data_object(nullptr, out);  // no data object: the GetData failure path
+  }
+  HMODULE shell32 = LoadLibraryW(L"C:\\Windows\\System32\\shell32.dll");
+  if (shell32 == nullptr) {
+    DebugTrace("get_filepaths_from_comobject", 1028, "[ZELTRAP:KWINDEL] load shell32.dll failed");
+    return 0;
+  }
+  using CreateArrayFn = HRESULT(WINAPI*)(UINT, PCIDLIST_ABSOLUTE_ARRAY, IShellItemArray**);
+  auto create_array = reinterpret_cast<CreateArrayFn>(
+      reinterpret_cast<void*>(GetProcAddress(shell32, "SHCreateShellItemArrayFromIDLists")));
+  if (create_array == nullptr) {
+    DebugTrace("get_filepaths_from_comobject", 1034,
+               "[ZELTRAP:KWINDEL] shell32.dll without function SHCreateShellItemArrayFromIDLists");
+    FreeLibrary(shell32);
+    return 0;
+  }
+  // shell32 stays loaded: the item array's code lives there.
+  CoTaskMem<ITEMIDLIST> id_list;
+  persist.p->GetIDList(&id_list.p);
+  ComRef<IShellItemArray> item_array;
+  PCIDLIST_ABSOLUTE list = id_list.p;
+  const HRESULT created = create_array(1, &list, &item_array.p);
+  if (FAILED(created) || item_array.p == nullptr) {
+    DebugTrace("get_filepaths_from_comobject", 1042,
+               "[ZELTRAP:KWINDEL] SHCreateItemFromIDList (pv,IID_IDataObject, (void **)&data_object);;hr=%d, error=%d",
+               static_cast<int>(created), static_cast<int>(GetLastError()));
+    return 0;
+  }
+  ComRef<IDataObject> bound;
+  item_array.p->BindToHandler(nullptr, BHID_DataObject, IID_IDataObject, bound.out());
+  return paths_from_data_object(bound.p, out);  // a failed bind is the GetData failure path
+}
+
 HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination) {
+  DebugTrace("CopyItems_new", 1150, "[ZELTRAP:KWINDEL] CopyItems_new g_secretcopy_audit=%d",
+             static_cast<int>(g_policy_block.g_secret_audit));
+  CoTaskMem<wchar_t> name;
+  destination_name(destination, name);
+  const std::string destination_path = wide_to_utf8(name.p);
+  std::vector<std::string> sources;
+  if (get_filepaths_from_comobject(items, sources) == 0) {
+    DebugTrace("CopyItems_new", 1162, "[ZELTRAP:KWINDEL] get file paths error");
+    return g_real_copy_items(self, items, destination);
+  }
+  if (!sources.empty() && secret_check_applies(sources, name.p)) {
+    const std::vector<std::string> destinations{destination_path};
+    SecretAuditResult result;
+    DebugTrace("CopyItems_new", 1179, "[ZELTRAP:KWINDEL] search %s", sources.front().c_str());
+    if (!RequestSecretAudit(sources, destinations, result)) {
+      DebugTrace("CopyItems_new", 1232,
+                 "[ZELTRAP:KWINDEL] not secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
+    } else {
+      DebugTrace("CopyItems_new", 1182,
+                 "[ZELTRAP:KWINDEL] secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
+      char sizes[128] = {};
+      std::snprintf(sizes, sizeof sizes,
+                    "g_secret_audit=%d,g_encrypt_audit=%d, secret file size:%d, encrypt file size:%d",
+                    static_cast<int>(g_policy_block.g_secret_audit), static_cast<int>(g_policy_block.g_encrypt_audit),
+                    static_cast<int>(result.secret_files.size()), static_cast<int>(result.encrypted_files.size()));
+      OutputDebugStringA(sizes);
+      if (result.secret_files.empty() && result.encrypted_files.empty()) return kRefused;
+      if (result.action == 0) {
+        g_perform_operations_allowed = false;  // queued, but the next PerformOperations refuses
+        return g_real_copy_items(self, items, destination);
+      }
+      if (!result.secret_files.empty() && !result.encrypted_pwd.empty()) swap_sources(result);
+    }
+  }
+  send_audit(kOperationCopy, destination_path, sources);
   return g_real_copy_items(self, items, destination);
 }
 
 HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination) {
+  DebugTrace("MoveItems_new", 1325, "[ZELTRAP:KWINDEL] MoveItems_new");
+  CoTaskMem<wchar_t> name;
+  destination_name(destination, name);
+  const std::string destination_path = wide_to_utf8(name.p);
+  std::vector<std::string> sources;
+  if (get_filepaths_from_comobject(items, sources) == 0) return g_real_move_items(self, items, destination);
+  if (!sources.empty() && secret_check_applies(sources, name.p)) {
+    const std::vector<std::string> destinations{destination_path};
+    SecretAuditResult result;
+    if (RequestSecretAudit(sources, destinations, result)) {
+      if (result.secret_files.empty() && result.encrypted_files.empty()) return kRefused;
+      if (result.action == 0) {
+        // Deliberate: the forbidden move is queued as a copy, which the next PerformOperations refuses.
+        g_perform_operations_allowed = false;
+        return g_real_copy_items(self, items, destination);
+      }
+      if (!result.secret_files.empty() && !result.encrypted_pwd.empty()) transform_sources_in_place(result);
+    }
+  }
+  send_audit(kOperationMove, destination_path, sources);
   return g_real_move_items(self, items, destination);
 }
 
 HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self) {
-  return g_real_perform_operations(self);
+  if (!g_perform_operations_allowed) {
+    g_perform_operations_allowed = true;  // one refusal per forbidding verdict
+    return kRefused;
+  }
+  DebugTrace("PerformOperations_new", 1290, "[ZELTRAP:KWINDEL] PerformOperations_new");
+  const HRESULT result = g_real_perform_operations(self);
+  PendingLock lock;
+  for (const auto& entry : SwappedSourceFiles) {
+    const std::wstring source = to_wide(entry.first);
+    DeleteFileW(source.c_str());  // the transformed copy standing in the source's place
+    MoveFileW(to_wide(entry.second).c_str(), source.c_str());
+  }
+  SwappedSourceFiles.clear();
+  return result;
 }
 
-void clear_swapped_source_files() {}
+void clear_swapped_source_files() {
+  PendingLock lock;
+  SwappedSourceFiles.clear();
+}
+
+size_t swapped_source_file_count() {
+  PendingLock lock;
+  return SwappedSourceFiles.size();
+}

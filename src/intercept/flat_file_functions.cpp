@@ -1,20 +1,36 @@
 #include "intercept/flat_file_functions.h"
 
+#include "host/debug_trace.h"
+#include "protect/pending_files.h"
+
 decltype(&CopyFileW) g_CopyFileW = nullptr;
 decltype(&CopyFileExW) g_CopyFileExW = nullptr;
 decltype(&MoveFileWithProgressW) g_MoveFileWithProgressW = nullptr;
 
-// Pass-throughs until the post-copy step lands.
+// Each replacement lets the call through unchanged and, only after success, encrypts the copy of
+// a source that the shell-operation screening registered. The result is never changed.
+
 BOOL WINAPI Hook_CopyFileW(LPCWSTR existing, LPCWSTR new_name, BOOL fail_if_exists) {
-  return g_CopyFileW(existing, new_name, fail_if_exists);
+  const BOOL result = g_CopyFileW(existing, new_name, fail_if_exists);
+  if (!result) return result;  // with the last error the copy set
+  TakeAndTransform(existing, new_name);
+  return result;
 }
 
 BOOL WINAPI Hook_CopyFileExW(LPCWSTR existing, LPCWSTR new_name, LPPROGRESS_ROUTINE progress, LPVOID data,
                              LPBOOL cancel, DWORD flags) {
-  return g_CopyFileExW(existing, new_name, progress, data, cancel, flags);
+  const BOOL result = g_CopyFileExW(existing, new_name, progress, data, cancel, flags);
+  if (!result) return result;
+  TakeAndTransform(existing, new_name);
+  return result;
 }
 
 BOOL WINAPI Hook_MoveFileWithProgressW(LPCWSTR existing, LPCWSTR new_name, LPPROGRESS_ROUTINE progress,
                                        LPVOID data, DWORD flags) {
-  return g_MoveFileWithProgressW(existing, new_name, progress, data, flags);
+  DebugTrace("Hook_MoveFileWithProgressW", 963, "MoveFileWithProgressW");
+  const BOOL result = g_MoveFileWithProgressW(existing, new_name, progress, data, flags);
+  if (!result) return result;
+  // A null new name schedules a deletion at restart: there is no moved file to encrypt.
+  if (new_name != nullptr) TakeAndTransform(existing, new_name);
+  return result;
 }
