@@ -195,8 +195,14 @@ uint32_t get_filepaths_from_comobject(IUnknown* items, std::vector<std::string>&
     return 0;
   }
   ComRef<IDataObject> bound;
-  item_array.p->BindToHandler(nullptr, BHID_DataObject, IID_IDataObject, bound.out());
-  return paths_from_data_object(bound.p, out);  // a failed bind is the GetData failure path
+  if (FAILED(item_array.p->BindToHandler(nullptr, BHID_DataObject, IID_IDataObject, bound.out()))) {
+    // Some shells give no data object for an item array; the single item then still has one.
+    ComRef<IShellItem> item;
+    if (SUCCEEDED(item_array.p->GetItemAt(0, &item.p)) && item.p != nullptr) {
+      item.p->BindToHandler(nullptr, BHID_DataObject, IID_IDataObject, bound.out());
+    }
+  }
+  return paths_from_data_object(bound.p, out);  // no data object: the GetData failure path
 }
 
 HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination) {
