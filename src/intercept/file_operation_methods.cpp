@@ -12,8 +12,8 @@
 #include "host/debug_trace.h"
 #include "host/hook_setup.h"
 #include "host/policy_block.h"
-#include "protect/drive_class.h"
-#include "protect/file_transform.h"
+#include "protect/classify.h"
+#include "protect/transform.h"
 
 CopyItemsFn g_real_copy_items = nullptr;
 MoveItemsFn g_real_move_items = nullptr;
@@ -22,8 +22,6 @@ PerformOperationsFn g_real_perform_operations = nullptr;
 namespace {
 
 constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);  // the bare refusal value
-constexpr int kOperationCopy = 6;
-constexpr int kOperationMove = 5;
 
 // Source path -> where its untouched file is parked in the temporary folder while the shell
 // copies the transformed one. Guarded by g_pending_cs; ordered byte-wise.
@@ -143,7 +141,7 @@ bool secret_check_applies(const std::vector<std::string>& sources, const wchar_t
 
 void send_audit(int operation, const std::string& destination, const std::vector<std::string>& sources) {
   if (g_policy_block.g_copy_audit == 0 || sources.empty()) return;
-  SendCopyAudit(BuildCopyAuditDocument(operation, destination, sources));
+  SendCopyAuditRecord(operation, destination, sources);
 }
 
 }  // namespace
@@ -240,7 +238,7 @@ HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, I
       if (!result.secret_files.empty() && !result.encrypted_pwd.empty()) swap_sources(result);
     }
   }
-  send_audit(kOperationCopy, destination_path, sources);
+  send_audit(kCopyAuditCopy, destination_path, sources);
   return g_real_copy_items(self, items, destination);
 }
 
@@ -264,7 +262,7 @@ HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, I
       if (!result.secret_files.empty() && !result.encrypted_pwd.empty()) transform_sources_in_place(result);
     }
   }
-  send_audit(kOperationMove, destination_path, sources);
+  send_audit(kCopyAuditMove, destination_path, sources);
   return g_real_move_items(self, items, destination);
 }
 

@@ -5,7 +5,7 @@
 #include "host/caller_context.h"
 #include "host/debug_trace.h"
 #include "host/policy_block.h"
-#include "protect/drive_class.h"
+#include "protect/classify.h"
 #include "protect/pending_files.h"
 
 decltype(&SHFileOperationW) g_SHFileOperationW = nullptr;
@@ -45,7 +45,7 @@ int WINAPI Hook_SHFileOperationW(LPSHFILEOPSTRUCTW op) {
   }
 
   if (g_policy_block.g_copy_audit == 0) return g_SHFileOperationW(op);
-  const int operation = op->wFunc == FO_COPY ? 6 : 5;
-  SendCopyAudit(BuildCopyAuditDocument(operation, wide_to_utf8(op->pTo), list_entries(op->pFrom)));
+  const int operation = op->wFunc == FO_COPY ? kCopyAuditCopy : kCopyAuditMove;
+  SendCopyAuditRecord(operation, wide_to_utf8(op->pTo), list_entries(op->pFrom));
   return g_SHFileOperationW(op);
 }

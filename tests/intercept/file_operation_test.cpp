@@ -1,0 +1,366 @@
+// The shell copy engine's CopyItems, MoveItems and PerformOperations, intercepted in this very
+// process by the real DLL (its entry patched Wine's own IFileOperation code), screened by a real
+// agent on the agent port, on real files. Wine's real methods return E_NOTIMPL, which tells a
+// call passed on from one refused with 0xFFFFFFFF.
+#include <gtest/gtest.h>
+
+#include <shlobj.h>
+
+#include "intercept_support.h"
+#include "shell_items.h"
+
+namespace {
+
+using namespace kwtest;
+
+constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);
+constexpr HRESULT kPassedOn = E_NOTIMPL;  // what Wine's own methods answer
+constexpr DWORD kCopyAudit = KWINDEL_POLICY_COPY_AUDIT, kSecretAudit = KWINDEL_POLICY_SECRET_AUDIT;
+constexpr DWORD kLocal = KWINDEL_POLICY_DEST_LOCAL, kRemovable = KWINDEL_POLICY_DEST_REMOVABLE;
+const std::string kBang57(57, '!');
+
+class FileOperationInterception : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    WSADATA wsa;
+    WSAStartup(MAKEWORD(2, 2), &wsa);
+    LoadedDll::get();
+  }
+  void SetUp() override {
+    ASSERT_NE(dll().module(), nullptr) << "kwindel-x64.dll did not load";
+    dll().set_policy(0);
+    ASSERT_TRUE(new_file_operation(&op));
+  }
+  void TearDown() override { dll().set_policy(0); }
+
+  static LoadedDll& dll() { return LoadedDll::get(); }
+  std::wstring make(const std::wstring& name, const std::string& content) {
+    const std::wstring path = dir.file(name);
+    EXPECT_TRUE(write_file(path, content));
+    return path;
+  }
+  std::wstring folder(const std::wstring& name) {
+    const std::wstring path = dir.file(name);
+    CreateDirectoryW(path.c_str(), nullptr);
+    return path;
+  }
+  HRESULT copy(const std::vector<std::wstring>& sources, const std::wstring& destination) {
+    Com<IDataObject> items;
+    Com<IShellItem> target;
+    EXPECT_TRUE(data_object_for(sources, &items));
+    EXPECT_TRUE(shell_item_for(destination, &target));
+    return op->CopyItems(items.get(), target.get());
+  }
+  HRESULT move(const std::vector<std::wstring>& sources, const std::wstring& destination) {
+    Com<IDataObject> items;
+    Com<IShellItem> target;
+    EXPECT_TRUE(data_object_for(sources, &items));
+    EXPECT_TRUE(shell_item_for(destination, &target));
+    return op->MoveItems(items.get(), target.get());
+  }
+  std::string audit_document(const std::string& operation, const std::wstring& destination,
+                             const std::vector<std::wstring>& files) {
+    std::string doc = "<FilesCopy processname=\"intercept_com_tests.exe\" operation=\"" + operation +
+                      "\" flags=\"0\" time=\"T\" dstfloder=\"" + utf8(destination) + "\" usersid=\"" + sid + "\">";
+    for (const auto& f : files) doc += "<File filename=\"" + utf8(f) + "\"/>";
+    return doc + (files.empty() ? "" : "") + "</FilesCopy>";
+  }
+
+  ScratchDir dir;
+  Com<IFileOperation> op;
+  std::string sid = [] {
+    // The SID as the system prints it, for the usersid attribute.
+    HANDLE token = nullptr;
+    OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
+    char buffer[256];
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, buffer, sizeof buffer, &size);
+    wchar_t* text = nullptr;
+    ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid, &text);
+    std::string s = narrow(text);
+    LocalFree(text);
+    CloseHandle(token);
+    return s;
+  }();
+};
+
+TEST_F(FileOperationInterception, PolicyOffPassesEveryCallOnWithOneTrace) {
+  TestAgent agent(AgentScript{true, {secret_answer({}, "", 1)}, false});
+  ASSERT_TRUE(agent.ok());
+  const std::wstring a = make(L"a.txt", "alpha"), dst = folder(L"dst");
+  TraceCapture trace;
+  EXPECT_EQ(copy({a}, dst), kPassedOn);
+  EXPECT_EQ(move({a}, dst), kPassedOn);
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);
+  EXPECT_EQ(trace.lines(), (std::vector<std::string>{
+                               "[CopyItems_new,1150] : [ZELTRAP:KWINDEL] CopyItems_new g_secretcopy_audit=0",
+                               "[MoveItems_new,1325] : [ZELTRAP:KWINDEL] MoveItems_new",
+                               "[PerformOperations_new,1290] : [ZELTRAP:KWINDEL] PerformOperations_new"}));
+  Sleep(100);
+  EXPECT_TRUE(agent.datagrams().empty());
+}
+
+TEST_F(FileOperationInterception, AnAnswerNamingNoFileIsNotSecretTheCopyGoesOnAndIsAudited) {
+  TestAgent agent(AgentScript{true, {secret_answer({}, "", 0)}, false});
+  ASSERT_TRUE(agent.ok());
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  const std::wstring a = make(L"a.txt", "alpha"), b = make(L"b.txt", "beta"), dst = folder(L"dst");
+  TraceCapture trace;
+  EXPECT_EQ(copy({a, b}, dst), kPassedOn);
+  ASSERT_TRUE(agent.wait_for_frames(2, 5000));
+  EXPECT_EQ(documents_with_tag(agent, kRequestTag),
+            (std::vector<std::string>{"<CopyFiles processname=\"intercept_com_tests.exe\"><File path=\"" + utf8(a) +
+                                      "\"/><File path=\"" + utf8(b) + "\"/><DstFolder path=\"" + utf8(dst) +
+                                      "\"/></CopyFiles>"}));
+  const auto audits = documents_with_tag(agent, kAuditTag);
+  ASSERT_EQ(audits.size(), 1u);
+  EXPECT_EQ(without_time(audits[0]), audit_document("6", dst, {a, b}));
+  EXPECT_EQ(trace.lines(), (std::vector<std::string>{
+                               "[CopyItems_new,1150] : [ZELTRAP:KWINDEL] CopyItems_new g_secretcopy_audit=1",
+                               "[CopyItems_new,1179] : [ZELTRAP:KWINDEL] search " + utf8(a),
+                               "[CopyItems_new,1232] : [ZELTRAP:KWINDEL] not secret" + kBang57}));
+}
+
+TEST_F(FileOperationInterception, AFailedExchangeRefusesWithoutAuditOrTheRealMethod) {
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  const std::wstring a = make(L"a.txt", "alpha"), dst = folder(L"dst");
+  const std::string wrong_tag = TestAgent::frame("<FILECOPY_SECRETAUDIT_RESPONSEX>", "<SecretCheckResult/>");
+  for (const std::string& reply : {wrong_tag, std::string()}) {  // a wrong tag, a zero-length datagram
+    TestAgent agent(AgentScript{true, {reply}, false});
+    ASSERT_TRUE(agent.ok());
+    TraceCapture trace;
+    EXPECT_EQ(copy({a}, dst), kRefused);
+    EXPECT_EQ(move({a}, dst), kRefused);
+    Sleep(100);
+    EXPECT_EQ(documents_with_tag(agent, kRequestTag).size(), 2u);
+    EXPECT_TRUE(documents_with_tag(agent, kAuditTag).empty());
+    const auto lines = trace.lines();
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_EQ(lines[2], "[CopyItems_new,1182] : [ZELTRAP:KWINDEL] secret" + kBang57);
+    EXPECT_EQ(lines[3], "g_secret_audit=1,g_encrypt_audit=0, secret file size:0, encrypt file size:0");
+  }
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);  // a refusal does not arm the one-shot gate
+}
+
+TEST_F(FileOperationInterception, AForbiddenCopyIsQueuedAndTheNextPerformRefusesOnce) {
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  const std::wstring a = make(L"a.txt", "alpha"), dst = folder(L"dst");
+  TestAgent agent(AgentScript{true, {secret_answer({utf8(a)}, "pw", 0)}, false});
+  ASSERT_TRUE(agent.ok());
+  EXPECT_EQ(copy({a}, dst), kPassedOn);
+  EXPECT_EQ(copy({a}, dst), kPassedOn);  // a second forbidding verdict still costs one refusal
+  Sleep(100);
+  EXPECT_TRUE(documents_with_tag(agent, kAuditTag).empty());
+  TraceCapture trace;
+  EXPECT_EQ(op->PerformOperations(), kRefused);
+  EXPECT_TRUE(trace.lines().empty());  // the refusal writes nothing
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);
+  std::string content;
+  ASSERT_TRUE(read_file(a, &content));
+  EXPECT_EQ(content, "alpha");
+}
+
+TEST_F(FileOperationInterception, AForbiddenMoveIsQueuedAsACopyAndRefusedAtExecution) {
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  const std::wstring a = make(L"a.txt", "alpha"), dst = folder(L"dst");
+  TestAgent agent(AgentScript{true, {secret_answer({utf8(a)}, "pw", 0)}, false});
+  ASSERT_TRUE(agent.ok());
+  EXPECT_EQ(move({a}, dst), kPassedOn);
+  Sleep(100);
+  EXPECT_TRUE(documents_with_tag(agent, kAuditTag).empty());
+  EXPECT_EQ(op->PerformOperations(), kRefused);
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);
+  std::string content;
+  ASSERT_TRUE(read_file(a, &content));
+  EXPECT_EQ(content, "alpha");  // no transformation for a forbidden move
+}
+
+TEST_F(FileOperationInterception, ASecretSourceIsSwappedForItsEncryptedFormUntilPerformOperations) {
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  const std::string original = "secret content, not a multiple of sixteen bytes";
+  const std::wstring s = make(L"secret.doc", original), plain = make(L"plain.txt", "plain"), dst = folder(L"dst");
+  const std::wstring parked = widen(temp_folder_utf8()) + L"secret.doc";
+  TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 1)}, false});
+  ASSERT_TRUE(agent.ok());
+  TraceCapture trace;
+  EXPECT_EQ(copy({s, plain}, dst), kPassedOn);
+  EXPECT_EQ(trace.lines().at(3), "g_secret_audit=1,g_encrypt_audit=0, secret file size:1, encrypt file size:0");
+  std::string during, parked_bytes;
+  ASSERT_TRUE(read_file(s, &during));
+  EXPECT_NE(during, original);
+  EXPECT_EQ(during.size(), 41 + original.size());
+  EXPECT_TRUE(decrypts_to(s, "pw", original));
+  ASSERT_TRUE(read_file(parked, &parked_bytes));
+  EXPECT_EQ(parked_bytes, original);
+  EXPECT_FALSE(file_exists(s + L".tmp"));
+  ASSERT_TRUE(agent.wait_for_frames(2, 5000));
+  const auto audits = documents_with_tag(agent, kAuditTag);
+  ASSERT_EQ(audits.size(), 1u);
+  EXPECT_EQ(without_time(audits[0]), audit_document("6", dst, {s, plain}));
+
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);  // restored although the real method failed
+  std::string after;
+  ASSERT_TRUE(read_file(s, &after));
+  EXPECT_EQ(after, original);
+  EXPECT_FALSE(file_exists(parked));
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);  // the table is empty: nothing more happens
+  EXPECT_TRUE(file_exists(s));
+}
+
+TEST_F(FileOperationInterception, ARefusedPerformLeavesSourcesParkedForTheNextOne) {
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  const std::string original = "0123456789abcdef0123456789abcdef";
+  const std::wstring s = make(L"kept.doc", original), other = make(L"other.txt", "o"), dst = folder(L"dst");
+  const std::wstring parked = widen(temp_folder_utf8()) + L"kept.doc";
+  {
+    TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 1)}, false});
+    ASSERT_TRUE(agent.ok());
+    EXPECT_EQ(copy({s}, dst), kPassedOn);
+  }
+  {
+    TestAgent agent(AgentScript{true, {secret_answer({utf8(other)}, "pw", 0)}, false});
+    ASSERT_TRUE(agent.ok());
+    EXPECT_EQ(copy({other}, dst), kPassedOn);  // forbidden: arms the one-shot refusal
+  }
+  EXPECT_EQ(op->PerformOperations(), kRefused);
+  EXPECT_TRUE(file_exists(parked));
+  EXPECT_TRUE(decrypts_to(s, "pw", original));
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);
+  std::string after;
+  ASSERT_TRUE(read_file(s, &after));
+  EXPECT_EQ(after, original);
+  EXPECT_FALSE(file_exists(parked));
+}
+
+TEST_F(FileOperationInterception, TheSameSourceSwappedTwiceKeepsItsFirstParkedPath) {
+  dll().set_policy(kSecretAudit | kLocal);
+  const std::string original = "twice";
+  const std::wstring s = make(L"twice.doc", original), dst = folder(L"dst");
+  for (int i = 0; i < 2; ++i) {
+    TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 1)}, false});
+    ASSERT_TRUE(agent.ok());
+    EXPECT_EQ(copy({s}, dst), kPassedOn);
+  }
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);
+  // The one entry puts back what was parked under its path at the second swap: the first
+  // encrypted form, which still decrypts to the original.
+  EXPECT_TRUE(decrypts_to(s, "pw", original));
+  EXPECT_FALSE(file_exists(widen(temp_folder_utf8()) + L"twice.doc"));
+}
+
+TEST_F(FileOperationInterception, ASecretMoveTransformsTheSourceInPlaceForGood) {
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  const std::string original = "moved secret";
+  const std::wstring s = make(L"moved.doc", original), dst = folder(L"dst");
+  TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 7)}, false});
+  ASSERT_TRUE(agent.ok());
+  EXPECT_EQ(move({s}, dst), kPassedOn);
+  EXPECT_TRUE(decrypts_to(s, "pw", original));
+  EXPECT_FALSE(file_exists(widen(temp_folder_utf8()) + L"moved.doc"));
+  EXPECT_FALSE(file_exists(s + L".tmp"));
+  ASSERT_TRUE(agent.wait_for_frames(2, 5000));
+  const auto audits = documents_with_tag(agent, kAuditTag);
+  ASSERT_EQ(audits.size(), 1u);
+  EXPECT_EQ(without_time(audits[0]), audit_document("5", dst, {s}));
+  EXPECT_EQ(op->PerformOperations(), kPassedOn);
+  EXPECT_TRUE(decrypts_to(s, "pw", original));  // no restore follows a move
+}
+
+TEST_F(FileOperationInterception, GatesDecideWhetherTheAgentIsAsked) {
+  const std::wstring a = make(L"a.txt", "alpha"), dst = folder(L"dst");
+  struct Case { const char* name; DWORD policy; uint32_t secret_override; bool asked; bool audited; };
+  const Case cases[] = {
+      {"secret audit 2 is not 1", kCopyAudit | kSecretAudit | kLocal, 2, false, true},
+      {"local destination, mask removable only", kCopyAudit | kSecretAudit | kRemovable, 1, false, true},
+      {"mask 0", kCopyAudit | kSecretAudit, 1, false, true},
+      {"copy audit off still checks", kSecretAudit | kLocal, 1, true, false},
+      {"secret audit off", kCopyAudit | kLocal, 0, false, true},
+  };
+  for (const Case& c : cases) {
+    TestAgent agent(AgentScript{true, {secret_answer({}, "", 1)}, false});
+    ASSERT_TRUE(agent.ok());
+    dll().set_policy(c.policy);
+    dll().block()->secret_audit = c.secret_override;
+    EXPECT_EQ(copy({a}, dst), kPassedOn) << c.name;
+    Sleep(150);
+    EXPECT_EQ(documents_with_tag(agent, kRequestTag).size(), c.asked ? 1u : 0u) << c.name;
+    EXPECT_EQ(documents_with_tag(agent, kAuditTag).size(), c.audited ? 1u : 0u) << c.name;
+  }
+}
+
+TEST_F(FileOperationInterception, AuditListsTheFilesOfFoldersButNotTheFoldersThemselves) {
+  dll().set_policy(kCopyAudit);
+  const std::wstring a = make(L"a.txt", "a");
+  const std::wstring tree = folder(L"tree");
+  folder(L"tree\\deeper");
+  const std::wstring x = make(L"tree\\x.txt", "x"), y = make(L"tree\\deeper\\y.txt", "y");
+  const std::wstring empty = folder(L"empty"), dst = folder(L"dst");
+  TestAgent agent;
+  ASSERT_TRUE(agent.ok());
+  EXPECT_EQ(copy({a, tree, empty}, dst), kPassedOn);
+  EXPECT_EQ(move({empty}, dst), kPassedOn);  // an empty folder still gets its record
+  ASSERT_TRUE(agent.wait_for_frames(2, 5000));
+  const auto audits = documents_with_tag(agent, kAuditTag);
+  ASSERT_EQ(audits.size(), 2u);
+  const std::string with_x_first = audit_document("6", dst, {a, x, y});
+  const std::string with_y_first = audit_document("6", dst, {a, y, x});
+  EXPECT_TRUE(without_time(audits[0]) == with_x_first || without_time(audits[0]) == with_y_first) << audits[0];
+  EXPECT_EQ(without_time(audits[1]), audit_document("5", dst, {}));
+}
+
+TEST_F(FileOperationInterception, AnIdListItemIsCollectedThroughItsItemArray) {
+  dll().set_policy(kCopyAudit);
+  const std::wstring a = make(L"single.txt", "s"), dst = folder(L"dst");
+  Com<IShellItem> item, target;
+  ASSERT_TRUE(shell_item_for(a, &item));
+  ASSERT_TRUE(shell_item_for(dst, &target));
+  TestAgent agent;
+  ASSERT_TRUE(agent.ok());
+  TraceCapture trace;
+  EXPECT_EQ(op->CopyItems(item.get(), target.get()), kPassedOn);
+  ASSERT_TRUE(agent.wait_for_frames(1, 5000));
+  const auto audits = documents_with_tag(agent, kAuditTag);
+  ASSERT_EQ(audits.size(), 1u);
+  EXPECT_EQ(without_time(audits[0]), audit_document("6", dst, {a}));
+  const auto lines = trace.lines();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines[1].rfind("[get_filepaths_from_comobject,1015] : [ZELTRAP:KWINDEL] iUnknown->QueryInterface("
+                           "IID_IDataObject, (void **)&data_object); hr=0, error=", 0), 0u) << lines[1];
+}
+
+TEST_F(FileOperationInterception, ItemsWithoutPathsAreTracedAndPassedOn) {
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  const std::wstring dst = folder(L"dst");
+  Com<IShellItem> target;
+  ASSERT_TRUE(shell_item_for(dst, &target));
+  TestAgent agent;
+  ASSERT_TRUE(agent.ok());
+  TraceCapture trace;
+  // The operation object itself offers neither a data object nor an ID list.
+  EXPECT_EQ(op->CopyItems(op.get(), target.get()), kPassedOn);
+  EXPECT_EQ(op->MoveItems(op.get(), target.get()), kPassedOn);
+  const auto lines = trace.lines();
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(lines[2].rfind("[get_filepaths_from_comobject,1018] : [ZELTRAP:KWINDEL] SHGetIDListFromObject(iUnknown,&pv);hr=-2147467262, error=", 0), 0u) << lines[2];
+  EXPECT_EQ(lines[3], "[CopyItems_new,1162] : [ZELTRAP:KWINDEL] get file paths error");
+  EXPECT_EQ(lines[4], "[MoveItems_new,1325] : [ZELTRAP:KWINDEL] MoveItems_new");
+  Sleep(100);
+  EXPECT_TRUE(agent.datagrams().empty());
+}
+
+TEST_F(FileOperationInterception, ALongFirstSourceIsCutInTheSearchTrace) {
+  dll().set_policy(kSecretAudit | kLocal);
+  const std::wstring deep = folder(std::wstring(60, L'd'));
+  const std::wstring a = make(std::wstring(60, L'd') + L"\\" + std::wstring(100, L'f') + L".txt", "a");
+  const std::wstring dst = folder(L"dst");
+  TestAgent agent(AgentScript{true, {secret_answer({}, "", 1)}, false});
+  ASSERT_TRUE(agent.ok());
+  TraceCapture trace;
+  EXPECT_EQ(copy({a}, dst), kPassedOn);
+  const std::string expected = "[CopyItems_new,1179] : [ZELTRAP:KWINDEL] search " + utf8(a);
+  ASSERT_GT(expected.size(), 255u);
+  EXPECT_EQ(trace.lines().at(1), expected.substr(0, 255));
+}
+
+}  // namespace
