@@ -4,10 +4,11 @@
 // call passed on from one refused with 0xFFFFFFFF.
 #include <gtest/gtest.h>
 
-#include <shlobj.h>
-
 #include "intercept_support.h"
 #include "shell_items.h"
+
+#include <sddl.h>
+#include <shlobj.h>
 
 namespace {
 
@@ -63,8 +64,9 @@ class FileOperationInterception : public ::testing::Test {
                              const std::vector<std::wstring>& files) {
     std::string doc = "<FilesCopy processname=\"intercept_com_tests.exe\" operation=\"" + operation +
                       "\" flags=\"0\" time=\"T\" dstfloder=\"" + utf8(destination) + "\" usersid=\"" + sid + "\">";
+    if (files.empty()) return doc.substr(0, doc.size() - 1) + "/>";  // compact form of an empty element
     for (const auto& f : files) doc += "<File filename=\"" + utf8(f) + "\"/>";
-    return doc + (files.empty() ? "" : "") + "</FilesCopy>";
+    return doc + "</FilesCopy>";
   }
 
   ScratchDir dir;
@@ -351,8 +353,8 @@ TEST_F(FileOperationInterception, ItemsWithoutPathsAreTracedAndPassedOn) {
 
 TEST_F(FileOperationInterception, ALongFirstSourceIsCutInTheSearchTrace) {
   dll().set_policy(kSecretAudit | kLocal);
-  const std::wstring deep = folder(std::wstring(60, L'd'));
-  const std::wstring a = make(std::wstring(60, L'd') + L"\\" + std::wstring(100, L'f') + L".txt", "a");
+  const std::wstring deep = folder(std::wstring(70, L'd'));
+  const std::wstring a = make(std::wstring(70, L'd') + L"\\" + std::wstring(100, L'f') + L".txt", "a");
   const std::wstring dst = folder(L"dst");
   TestAgent agent(AgentScript{true, {secret_answer({}, "", 1)}, false});
   ASSERT_TRUE(agent.ok());

@@ -3,9 +3,10 @@
 // registered secret files encrypted after the fact, a real agent on the agent port.
 #include <gtest/gtest.h>
 
-#include <shellapi.h>
-
 #include "intercept_support.h"
+
+#include <objbase.h>
+#include <shellapi.h>
 
 namespace {
 
