@@ -23,7 +23,7 @@ enum class FlowKind : uint8_t {
   kReturn,          // C2, C3, CA, CB, CF (iret)
   kJumpAlways,      // E9, EB, FF /4, FF /5 (ends the fall-through path)
   kInt3,            // CC
-  kUndefined,       // UD2, other instructions that never fall through (e.g. 0F 0B)
+  kUndefined,       // UD2 (0F 0B), UD1 (0F B9), UD0 (0F FF): raise #UD, never fall through
 };
 
 struct Instruction {
