@@ -365,4 +365,33 @@ TEST_F(FileOperationInterception, ALongFirstSourceIsCutInTheSearchTrace) {
   EXPECT_EQ(trace.lines().at(1), expected.substr(0, 255));
 }
 
+TEST_F(FileOperationInterception, AProcessInjectedThroughTheGlobalHookIsScreenedTheSameWay) {
+  auto install_hook_proc = reinterpret_cast<KwInstallHookProcFn>(
+      reinterpret_cast<void*>(GetProcAddress(dll().module(), "InstallHookProc")));
+  ASSERT_NE(install_hook_proc, nullptr);
+  const std::wstring a = make(L"a.txt", "alpha"), dst = folder(L"dst");
+  TestAgent agent(AgentScript{true, {secret_answer({utf8(a)}, "pw", 1)}, false});
+  ASSERT_TRUE(agent.ok());
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);  // seen by the other process through the shared block
+  ASSERT_EQ(install_hook_proc(TRUE), 1);
+  ChildResult r = run_child(exe_dir() + L"intercept-child.exe", L"copy \"" + a + L"\" \"" + dst + L"\"", 60000);
+  install_hook_proc(FALSE);
+  EXPECT_EQ(r.output, "loaded 80004001\n");  // screened, then passed on to Wine's method
+  ASSERT_TRUE(agent.wait_for_frames(2, 5000));
+  EXPECT_EQ(documents_with_tag(agent, kRequestTag),
+            (std::vector<std::string>{"<CopyFiles processname=\"intercept-child.exe\"><File path=\"" + utf8(a) +
+                                      "\"/><DstFolder path=\"" + utf8(dst) + "\"/></CopyFiles>"}));
+  const auto audits = documents_with_tag(agent, kAuditTag);
+  ASSERT_EQ(audits.size(), 1u);
+  EXPECT_EQ(without_time(audits[0]).find("<FilesCopy processname=\"intercept-child.exe\" operation=\"6\""), 0u);
+  // The other process swapped the source; its PerformOperations never ran, so the encrypted form
+  // stays in place and the untouched file waits in the temporary folder.
+  EXPECT_TRUE(decrypts_to(a, "pw", "alpha"));
+  const std::wstring parked = widen(temp_folder_utf8()) + L"a.txt";
+  std::string parked_bytes;
+  EXPECT_TRUE(read_file(parked, &parked_bytes));
+  EXPECT_EQ(parked_bytes, "alpha");
+  DeleteFileW(parked.c_str());
+}
+
 }  // namespace
