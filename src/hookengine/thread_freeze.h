@@ -12,7 +12,7 @@ namespace hookengine {
 // memory it needs is taken before the first thread is suspended, so nothing between freeze and
 // thaw touches the process heap (another thread may have been stopped holding its lock). It
 // never waits for a lock: threads are suspended, not asked to stop. A thread created after the
-// snapshot is not frozen.
+// threads were counted is not frozen.
 class ThreadFreeze {
  public:
   ThreadFreeze();
@@ -26,6 +26,8 @@ class ThreadFreeze {
   size_t move_instruction_pointers(uint64_t (*map)(uint64_t rip, const void* context), const void* context);
 
  private:
+  void freeze_by_walk(void* next_thread);
+  void freeze_by_snapshot();
   std::vector<DWORD> ids_;       // kept until after the thaw: freeing is an allocator call
   std::vector<HANDLE> threads_;  // sized before suspending
   size_t count_ = 0;
