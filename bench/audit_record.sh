@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# An audit record of 100,000 files sent to kwagent as the library sends it (8192-byte chunks, each
+# but the last acknowledged) against the same bytes sent as plain datagrams without
+# acknowledgements, alternating in one run. kwagent listens on a bench port (17886 unless
+# KWBENCH_AGENT_PORT says otherwise), so a running agent on 7886 is not disturbed.
+# Target: the acknowledged rate at least half the plain rate.
+# usage: bench/audit_record.sh [BUILD_DIR]   (default build/release)
+set -euo pipefail
+source "$(dirname "$0")/common.bash"
+port=${KWBENCH_AGENT_PORT:-17886}
+log=$build/bench/audit-agent.log
+start_prefix default
+echo "bench/audit_record: one audit record to kwagent against plain datagrams"
+kwbench default audit 100000 7 "$port" "$(winpath "$log")"
+rm -f "$log"

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Folder expansion: get_filepaths_from_folder over a tree of 100,000 files (1,000 folders of 100)
+# against "cmd /c dir /s /b" over the same tree, both in the same Wine prefix, alternating.
+# Target: the walk no slower than dir.
+# usage: bench/folder_walk.sh [BUILD_DIR]   (default build/release)
+set -euo pipefail
+source "$(dirname "$0")/common.bash"
+tree=$build/bench/tree-100k
+if [ ! -f "$build/bench/tree-100k.ready" ]; then  # made once, kept for later runs
+  rm -rf "$tree"
+  for a in $(seq -w 0 99); do
+    for b in $(seq -w 0 9); do
+      mkdir -p "$tree/folder-$a/sub-$b"
+      (cd "$tree/folder-$a/sub-$b" && touch file-{000..099}.txt)
+    done
+  done
+  touch "$build/bench/tree-100k.ready"
+fi
+start_prefix default
+echo "bench/folder_walk: expansion of a tree of $(find "$tree" -type f | wc -l) files"
+kwbench default walk "$(winpath "$tree")" "$(winpath "$build/bench/dir-listing.txt")" 5
+rm -f "$build/bench/dir-listing.txt"
