@@ -97,9 +97,12 @@ class Emitter {
 extern "C" uint64_t kwindel_barrier_enter(HookRecord* record, uint64_t* return_slot);
 extern "C" uint64_t kwindel_barrier_leave();
 
-// A relay that jumps straight to the replacement: jmp [rip+0]; dq replacement.
+// A relay that jumps straight to the replacement: jmp [rip+2]; int3 x2; dq replacement. The
+// address sits 8-aligned (the relay is 16-aligned), so a later re-hook with another replacement
+// changes it in one store while a thread may be passing through.
 void emit_plain_relay(uint8_t* relay, void* replacement) {
-  Emitter(relay).bytes({0xFF, 0x25, 0, 0, 0, 0}).u64(reinterpret_cast<uint64_t>(replacement));
+  Emitter(relay).bytes({0xFF, 0x25, 2, 0, 0, 0, 0xCC, 0xCC});
+  InterlockedExchangePointer(reinterpret_cast<void* volatile*>(relay + 8), replacement);
 }
 
 // A relay that asks kwindel_barrier_enter where to go (replacement or trampoline), keeping the

@@ -31,16 +31,18 @@ bool in_module(uint64_t address) {
                             reinterpret_cast<LPCWSTR>(address), &module) != FALSE;
 }
 
-// Where the jump written at `code` leads (E9 rel32 or FF 25 00000000 abs64); 0 if neither.
+// Where the jump written at `code` leads (E9 rel32 or FF 25 jmp [rip+disp32]); 0 if neither.
 uint64_t jump_destination(const uint8_t* code) {
   if (code[0] == 0xE9) {
     int32_t rel;
     std::memcpy(&rel, code + 1, 4);
     return reinterpret_cast<uint64_t>(code) + 5 + rel;
   }
-  if (code[0] == 0xFF && code[1] == 0x25 && code[2] == 0 && code[3] == 0 && code[4] == 0 && code[5] == 0) {
+  if (code[0] == 0xFF && code[1] == 0x25) {  // jmp [rip+disp32]
+    int32_t disp;
+    std::memcpy(&disp, code + 2, 4);
     uint64_t abs;
-    std::memcpy(&abs, code + 6, 8);
+    std::memcpy(&abs, code + 6 + disp, 8);
     return abs;
   }
   return 0;
@@ -111,6 +113,7 @@ TEST(HookEngine, EveryExportOfTheCoreDllsIsHookedAndRestoredExactly) {
     std::vector<CodeSection> sections = code_sections(module);
     auto exports = exported_code(module, sections);
     std::map<std::string, int> by_status;
+    std::string refused;
     int hooked = 0, restored = 0, near_patches = 0;
     for (auto& [name, address] : exports) {
       uint8_t before[16];
@@ -120,6 +123,7 @@ TEST(HookEngine, EveryExportOfTheCoreDllsIsHookedAndRestoredExactly) {
       const HookStatus status = hookengine::install_hook(stub.variable, stub.code, HookOptions(), &record);
       ++by_status[hookengine::to_string(status)];
       if (status != HookStatus::kOk) {
+        refused += " " + name + " (" + hookengine::to_string(status) + ")";
         EXPECT_EQ(*stub.variable, address) << name;
         EXPECT_EQ(std::memcmp(before, address, sizeof before), 0) << name << ": refused but written";
         continue;
@@ -141,7 +145,7 @@ TEST(HookEngine, EveryExportOfTheCoreDllsIsHookedAndRestoredExactly) {
     std::printf("%ls: %zu exports, %d hooked (%d near), %d restored;", dll, exports.size(), hooked, near_patches,
                 restored);
     for (auto& [status, count] : by_status) std::printf(" %s=%d", status.c_str(), count);
-    std::printf("\n");
+    std::printf("\n  refused:%s\n", refused.c_str());
     EXPECT_EQ(differing, 0u) << dll << ": code bytes differ after all unhooks";
     EXPECT_EQ(restored, hooked) << dll;
     EXPECT_GT(hooked * 10, static_cast<int>(exports.size()) * 9) << dll << ": fewer than 90% hookable";

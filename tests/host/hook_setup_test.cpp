@@ -5,6 +5,7 @@
 #include <windows.h>
 #include <shobjidl.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,45 @@ TEST(HookSetup, LoadPatchesTheThreeMethodsOnlyAndUnloadRestoresEveryByte) {
   EXPECT_EQ(lines_from(trace, "[UnHookApi,"),
             std::vector<std::string>{"[UnHookApi,1658] : easyhook:dettach kwindel succeed"});
   EXPECT_EQ(first->CopyItems(nullptr, nullptr), kNotImplemented);
+}
+
+// Writes `bytes` over code, returning what was there.
+std::string overwrite_code(void* code, const std::string& bytes) {
+  std::string old(static_cast<const char*>(code), bytes.size());
+  DWORD protect = 0;
+  VirtualProtect(code, bytes.size(), PAGE_EXECUTE_READWRITE, &protect);
+  std::memcpy(code, bytes.data(), bytes.size());
+  VirtualProtect(code, bytes.size(), protect, &protect);
+  FlushInstructionCache(GetCurrentProcess(), code, bytes.size());
+  return old;
+}
+
+TEST(HookSetup, AFailureToPatchMoveItemsStopsTheSetUpAndLeavesCopyItemsPatched) {
+  ComScope com;
+  ComPtr<IFileOperation> operation;
+  ASSERT_EQ(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, operation.out()), S_OK);
+  void** methods = *reinterpret_cast<void***>(operation.p);
+  // "ret" followed by code, not padding: the engine must refuse MoveItems.
+  const std::string move_items = overwrite_code(methods[15], std::string("\xC3\x48\x89\xC8\x48\x89\xC8", 7));
+  const std::string copy_items(static_cast<const char*>(methods[17]), 16);
+  const std::string perform(static_cast<const char*>(methods[21]), 16);
+  kwtest::TraceCapture trace;
+  {
+    kwtest::Library dll(kwtest::dll_path());
+    ASSERT_NE(dll.get(), nullptr);
+    EXPECT_EQ(lines_from(trace, "[HookApi,"),
+              (std::vector<std::string>{"[HookApi,1462] : [ZELTRAP:KWINDEL] com initial finished",
+                                        "[HookApi,1464] : get file opretation interface,result:0",
+                                        "[HookApi,1506] : [ZELTRAP:KWINDEL] hook moveitems error"}));
+    EXPECT_NE(jump_destination(static_cast<const uint8_t*>(methods[17])), 0u);
+    EXPECT_EQ(std::string(static_cast<const char*>(methods[21]), 16), perform);
+  }
+  // The patched flag stayed 0, so the tear-down did not unhook CopyItems (kept as designed);
+  // put the bytes back by hand before anything calls into the unloaded module.
+  EXPECT_NE(std::string(static_cast<const char*>(methods[17]), 16), copy_items);
+  overwrite_code(methods[17], copy_items);
+  overwrite_code(methods[15], move_items);
+  EXPECT_EQ(operation->CopyItems(nullptr, nullptr), kNotImplemented);
 }
 
 TEST(HookSetup, LoadingAgainAfterAnUnloadPatchesAgain) {

@@ -12,17 +12,18 @@
 
 namespace kwtest::hooksetup {
 
-// Where a jump written at `code` leads (E9 rel32, or FF 25 00000000 + abs64); 0 for neither.
+// Where a jump written at `code` leads (E9 rel32 or FF 25 jmp [rip+disp32]); 0 for neither.
 inline uint64_t jump_destination(const uint8_t* code) {
   if (code[0] == 0xE9) {
     int32_t rel;
     std::memcpy(&rel, code + 1, 4);
     return reinterpret_cast<uint64_t>(code) + 5 + rel;
   }
-  static const uint8_t kAbsolute[6] = {0xFF, 0x25, 0, 0, 0, 0};
-  if (std::memcmp(code, kAbsolute, 6) == 0) {
+  if (code[0] == 0xFF && code[1] == 0x25) {  // jmp [rip+disp32]
+    int32_t disp;
+    std::memcpy(&disp, code + 2, 4);
     uint64_t abs;
-    std::memcpy(&abs, code + 6, 8);
+    std::memcpy(&abs, code + 6 + disp, 8);
     return abs;
   }
   return 0;
