@@ -1,6 +1,6 @@
 # Front door. `make` builds the DLL and tools, `make test` bootstraps, builds and runs every test
 # under Wine, `make demo` shows the product working end to end in a fresh Wine prefix.
-.PHONY: all release test demo bench bootstrap clean
+.PHONY: all release test stress demo bench bootstrap clean
 
 all: release
 
@@ -16,6 +16,13 @@ test: bootstrap
 	cmake --preset tests
 	cmake --build --preset tests
 	ctest --preset tests
+
+# The long reliability runs (eight-thread copies, leak counts, load/unload cycles) under Wine;
+# `make test` runs their short versions.
+stress: bootstrap
+	cmake --preset tests
+	cmake --build --preset tests
+	tests/reliability/stress.sh build/tests
 
 # Builds the release preset with the benchmark programs and runs every bench/*.sh.
 bench: release
