@@ -14,7 +14,7 @@ start_prefix xp
 start_prefix default
 echo "bench/passthrough: intercepted calls against the unhooked calls"
 echo " winxp64 prefix, flat-function path:"
-kwbench xp copyfile "$(winpath "$work/xp")" 9 40
+kwbench xp copyfile "$(winpath "$work/xp")" 15 40
 echo " Windows 6.1 prefix, shell copy engine path:"
-kwbench default copyitems "$(winpath "$work/default")" 9 2000
+kwbench default copyitems "$(winpath "$work/default")" 9 1000
 rm -rf "$work"
