@@ -1,26 +1,133 @@
-// kwdemo-app.exe: a sample desktop program for the demo. It has a window and a message loop,
-// so the global hook brings kwindel-x64.dll into it, and reports when that happened.
+// kwdemo-app.exe: a sample desktop program for the demo. It has a message loop, so the global
+// hook brings kwindel-x64.dll into it, and then copies files the way Explorer does.
+//   kwdemo-app wait [MS]                     report whether the DLL arrived within MS ms
+//   kwdemo-app shell-engine DSTFOLDER SRC... copy each source through IFileOperation
+//   kwdemo-app shell-operation DSTFOLDER SRC... copy each source through SHFileOperationW
 #include <windows.h>
+#include <objbase.h>
+#include <shellapi.h>
+#include <shlobj.h>
+#include <shobjidl.h>
 
 #include <cstdio>
 #include <cwchar>
+#include <string>
+#include <vector>
 
-int wmain(int argc, wchar_t** argv) {
-  const DWORD wait_ms = argc > 1 ? static_cast<DWORD>(_wtoi(argv[1])) : 10000;
+namespace {
+
+constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);
+
+template <typename T>
+struct Com {
+  T* p = nullptr;
+  ~Com() { if (p != nullptr) p->Release(); }
+  void** out() { return reinterpret_cast<void**>(&p); }
+};
+
+struct IdList {
+  PIDLIST_ABSOLUTE p = nullptr;
+  ~IdList() { if (p != nullptr) CoTaskMemFree(p); }
+};
+
+bool wait_for_dll(DWORD ms) {
   MSG msg;
   PeekMessageW(&msg, nullptr, 0, 0, PM_NOREMOVE);
   HWND window = CreateWindowExW(0, L"STATIC", L"kwdemo-app", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
-  const ULONGLONG end = GetTickCount64() + wait_ms;
-  bool loaded = false;
-  while (!loaded && GetTickCount64() < end) {
+  const ULONGLONG end = GetTickCount64() + ms;
+  while (GetTickCount64() < end) {
     if (window != nullptr) SendMessageW(window, WM_NULL, 0, 0);
     PostThreadMessageW(GetCurrentThreadId(), WM_NULL, 0, 0);
     while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
-    loaded = GetModuleHandleW(L"kwindel-x64.dll") != nullptr;
-    if (!loaded) Sleep(10);
+    if (GetModuleHandleW(L"kwindel-x64.dll") != nullptr) return true;
+    Sleep(10);
   }
+  return false;
+}
+
+// The selection Explorer would hand over: a data object from the source's folder.
+bool data_object_for(const std::wstring& path, Com<IDataObject>* out) {
+  const std::wstring folder = path.substr(0, path.rfind(L'\\'));
+  std::wstring name = path.substr(path.rfind(L'\\') + 1);
+  IdList folder_id;
+  Com<IShellFolder> desktop, shell_folder;
+  if (FAILED(SHParseDisplayName(folder.c_str(), nullptr, &folder_id.p, 0, nullptr))) return false;
+  if (FAILED(SHGetDesktopFolder(&desktop.p))) return false;
+  if (FAILED(desktop.p->BindToObject(folder_id.p, nullptr, IID_IShellFolder, shell_folder.out()))) return false;
+  PIDLIST_RELATIVE child = nullptr;
+  if (FAILED(shell_folder.p->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, &child, nullptr))) return false;
+  PCUITEMID_CHILD children[] = {reinterpret_cast<PCUITEMID_CHILD>(child)};
+  const HRESULT hr = shell_folder.p->GetUIObjectOf(nullptr, 1, children, IID_IDataObject, nullptr, out->out());
+  CoTaskMemFree(child);
+  return SUCCEEDED(hr);
+}
+
+std::wstring leaf(const std::wstring& path) { return path.substr(path.rfind(L'\\') + 1); }
+
+int shell_engine(const std::wstring& destination, const std::vector<std::wstring>& sources) {
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  for (const std::wstring& source : sources) {
+    Com<IFileOperation> op;
+    Com<IDataObject> items;
+    Com<IShellItem> target;
+    if (FAILED(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, op.out())) ||
+        !data_object_for(source, &items) ||
+        FAILED(SHCreateItemFromParsingName(destination.c_str(), nullptr, IID_IShellItem, target.out()))) {
+      std::printf("kwdemo-app: cannot set up a shell copy of %ls\n", source.c_str());
+      continue;
+    }
+    const HRESULT queued = op.p->CopyItems(items.p, target.p);
+    if (queued == kRefused) {
+      std::printf("kwdemo-app: CopyItems(%ls) was REFUSED (0xFFFFFFFF): nothing is copied\n", leaf(source).c_str());
+      continue;
+    }
+    std::printf("kwdemo-app: CopyItems(%ls) was let through (0x%08lx from Wine's copy engine, which only queues)\n",
+                leaf(source).c_str(), static_cast<unsigned long>(queued));
+    // Wine's engine does not carry out queued copies: do its work here, between queueing and
+    // PerformOperations, exactly when Windows' engine would read the source.
+    const std::wstring copy = destination + L"\\" + leaf(source);
+    CopyFileW(source.c_str(), copy.c_str(), FALSE);
+    const HRESULT performed = op.p->PerformOperations();
+    std::printf("kwdemo-app: PerformOperations %s (0x%08lx); the copy stands at %ls\n",
+                performed == kRefused ? "was REFUSED" : "ran", static_cast<unsigned long>(performed), copy.c_str());
+  }
+  CoUninitialize();
+  return 0;
+}
+
+int shell_operation(const std::wstring& destination, const std::vector<std::wstring>& sources) {
+  for (const std::wstring& source : sources) {
+    std::wstring from = source + L'\0', to = destination + L'\0';
+    SHFILEOPSTRUCTW op = {};
+    op.wFunc = FO_COPY;
+    op.pFrom = from.c_str();
+    op.pTo = to.c_str();
+    op.fFlags = FOF_NOCONFIRMATION | FOF_SILENT | FOF_NOERRORUI | FOF_NOCONFIRMMKDIR;
+    const int result = SHFileOperationW(&op);
+    if (result == -1) std::printf("kwdemo-app: SHFileOperationW(%ls) was REFUSED (-1): nothing is copied\n", leaf(source).c_str());
+    else std::printf("kwdemo-app: SHFileOperationW(%ls) copied it (result %d) to %ls\n", leaf(source).c_str(), result, destination.c_str());
+  }
+  return 0;
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+  const std::wstring mode = argc > 1 ? argv[1] : L"wait";
+  const bool copying = mode == L"shell-engine" || mode == L"shell-operation";
+  if (!(mode == L"wait" || (copying && argc >= 4))) {
+    std::fprintf(stderr, "usage: kwdemo-app wait [MS] | shell-engine DSTFOLDER SRC... | shell-operation DSTFOLDER SRC...\n");
+    return 2;
+  }
+  const DWORD wait_ms = mode == L"wait" && argc > 2 ? static_cast<DWORD>(_wtoi(argv[2])) : 10000;
+  const bool loaded = wait_for_dll(wait_ms);
   std::printf(loaded ? "kwdemo-app: kwindel-x64.dll was injected into this process (pid %lu)\n"
                      : "kwdemo-app: kwindel-x64.dll did not arrive within the wait (pid %lu)\n",
               GetCurrentProcessId());
-  return loaded ? 0 : 1;
+  std::fflush(stdout);
+  if (!copying) return loaded ? 0 : 1;
+  std::vector<std::wstring> sources(argv + 3, argv + argc);
+  const int rc = mode == L"shell-engine" ? shell_engine(argv[2], sources) : shell_operation(argv[2], sources);
+  std::fflush(stdout);
+  return loaded ? rc : 1;
 }
