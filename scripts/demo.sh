@@ -106,7 +106,8 @@ scenario() {
   indent <"$log/agent-$label.txt"
   cp "$prefix/drive_c/demo/agent.jsonl" "$log/agent-$label.jsonl" 2>/dev/null || true
   say "[$label] Trace lines the DLL wrote inside kwdemo-app (WINEDEBUG=+debugstr)"
-  sed -n 's/^[0-9a-f]*:[a-z]*:debugstr:OutputDebugString[AW] "\(.*\)"$/\1/p' "$log/kwdemo-app-$label.trace" | indent
+  sed -n 's/^[0-9a-f]*:[a-z]*:debugstr:OutputDebugString[AW] "\(.*\)"$/\1/p' "$log/kwdemo-app-$label.trace" \
+    | sed 's/\\\\/\\/g' | indent
 }
 
 proofs=0

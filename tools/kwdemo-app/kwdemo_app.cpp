@@ -83,13 +83,20 @@ int shell_engine(const std::wstring& destination, const std::vector<std::wstring
     }
     std::printf("kwdemo-app: CopyItems(%ls) was let through (0x%08lx from Wine's copy engine, which only queues)\n",
                 leaf(source).c_str(), static_cast<unsigned long>(queued));
-    // Wine's engine does not carry out queued copies: do its work here, between queueing and
-    // PerformOperations, exactly when Windows' engine would read the source.
-    const std::wstring copy = destination + L"\\" + leaf(source);
-    CopyFileW(source.c_str(), copy.c_str(), FALSE);
+    // Wine's engine does not carry out queued copies, so do its work here: read the source now,
+    // while the queued operation would be reading it, and let the copy appear only if
+    // PerformOperations runs.
+    const std::wstring copy = destination + L"\\" + leaf(source), staged = copy + L".staged";
+    CopyFileW(source.c_str(), staged.c_str(), FALSE);
     const HRESULT performed = op.p->PerformOperations();
-    std::printf("kwdemo-app: PerformOperations %s (0x%08lx); the copy stands at %ls\n",
-                performed == kRefused ? "was REFUSED" : "ran", static_cast<unsigned long>(performed), copy.c_str());
+    if (performed == kRefused) {
+      DeleteFileW(staged.c_str());
+      std::printf("kwdemo-app: PerformOperations was REFUSED (0xFFFFFFFF): nothing is copied\n");
+    } else {
+      MoveFileExW(staged.c_str(), copy.c_str(), MOVEFILE_REPLACE_EXISTING);
+      std::printf("kwdemo-app: PerformOperations ran (0x%08lx); the copy stands at %ls\n",
+                  static_cast<unsigned long>(performed), copy.c_str());
+    }
   }
   CoUninitialize();
   return 0;
