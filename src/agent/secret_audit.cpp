@@ -1,8 +1,6 @@
 #include "agent/secret_audit.h"
 
-#include <cstring>
-
-#include <tinyxml2.h>
+#include <cwchar>
 
 #include "agent/agent_channel.h"
 #include "host/caller_context.h"
@@ -10,83 +8,12 @@
 
 namespace {
 
-std::string print_compact(const tinyxml2::XMLDocument& document) {
-  tinyxml2::XMLPrinter printer(nullptr, true);
-  document.Print(&printer);
-  return std::string(printer.CStr(), printer.CStrSize() > 0 ? printer.CStrSize() - 1 : 0);
-}
-
-void collect_paths(const tinyxml2::XMLElement* root, const char* name, std::vector<std::string>& out) {
-  for (const tinyxml2::XMLElement* e = root->FirstChildElement(name); e != nullptr; e = e->NextSiblingElement(name)) {
-    const char* path = e->Attribute("path");
-    if (path != nullptr && path[0] != '\0') out.emplace_back(path);
-  }
-}
-
 // Appends the paths of a double-NUL-terminated wide list, converted to UTF-8.
 void append_shell_list(const wchar_t* list, std::vector<std::string>& out) {
   for (const wchar_t* p = list; *p != L'\0'; p += std::wcslen(p) + 1) out.push_back(wide_to_utf8(p));
 }
 
 }  // namespace
-
-std::string BuildSecretAuditRequest(const std::string& process_name, const std::vector<std::string>& sources,
-                                    const std::vector<std::string>& destinations) {
-  tinyxml2::XMLDocument document;
-  tinyxml2::XMLElement* root = document.NewElement("CopyFiles");
-  document.InsertEndChild(root);
-  root->SetAttribute("processname", process_name.c_str());
-  for (const std::string& source : sources) {
-    root->InsertNewChildElement("File")->SetAttribute("path", source.c_str());
-  }
-  for (const std::string& destination : destinations) {
-    root->InsertNewChildElement("DstFolder")->SetAttribute("path", destination.c_str());
-  }
-  return print_compact(document);
-}
-
-bool ParseSecretAuditResponse(const char* frame, size_t frame_size, SecretAuditResult& result) {
-  if (frame == nullptr || frame_size <= static_cast<size_t>(agent::kHeaderSize)) return false;
-  const char* text = frame + agent::kHeaderSize;
-  // A peer's frame need not end in NUL: parse no further than the buffer.
-  const size_t length = strnlen(text, frame_size - agent::kHeaderSize);
-  tinyxml2::XMLDocument document;
-  document.Parse(text, length);  // errors leave no root element, which decides below
-  const tinyxml2::XMLElement* root = document.FirstChildElement("SecretCheckResult");
-  if (root == nullptr) return false;
-  const char* password = root->Attribute("encryptedpwd");
-  result.encrypted_pwd = password != nullptr ? password : "";
-  int action = 0;
-  if (root->QueryIntAttribute("action", &action) == tinyxml2::XML_SUCCESS) result.action = action;
-  collect_paths(root, "SecretFile", result.secret_files);
-  collect_paths(root, "EncryptedFile", result.encrypted_files);
-  return !result.secret_files.empty() || !result.encrypted_files.empty();
-}
-
-bool ParseSecretAuditResponse(const agent::AgentFrame* frame, SecretAuditResult& result) {
-  if (frame == nullptr) return false;
-  return ParseSecretAuditResponse(frame->data(), frame->size(), result);
-}
-
-bool ExchangeSecretAudit(agent::DatagramIo& io, const agent::DatagramAddress& destination,
-                         const std::string& request_xml, SecretAuditResult& result) {
-  // A missing acknowledgement only ends the sending; the answer is awaited all the same.
-  if (agent::SendFrame(io, destination, agent::kSecretAuditRequestTag, request_xml) == agent::SendStatus::kSendFailed) {
-    return true;
-  }
-  agent::AgentFrame response;
-  switch (agent::ReceiveFrame(io, agent::kSecretAuditResponseTag, &response)) {
-    case agent::ReceiveOutcome::kEmptyAnswer:
-      return false;
-    case agent::ReceiveOutcome::kFrame:
-      return ParseSecretAuditResponse(&response, result);
-    case agent::ReceiveOutcome::kNoFrame:
-    case agent::ReceiveOutcome::kWrongTag:
-    case agent::ReceiveOutcome::kFailed:
-      break;
-  }
-  return true;  // fails closed: the callers refuse the operation
-}
 
 bool RequestSecretAudit(const std::vector<std::string>& sources, const std::vector<std::string>& destinations,
                         SecretAuditResult& result) {

@@ -1,6 +1,8 @@
 // The secret-audit exchange: asks the agent whether sources of a copy or move are secret.
 #pragma once
-#include <windows.h>
+#ifdef _WIN32
+#include <windows.h>  // for includers; the declarations below need none of it
+#endif
 
 #include <cstdint>
 #include <string>
