@@ -6,7 +6,7 @@
 # usage: bench/dll_load.sh [BUILD_DIR]   (default build/release)
 set -euo pipefail
 source "$(dirname "$0")/common.bash"
-runs=15
+runs=25
 start_prefix default
 start_prefix xp
 echo "bench/dll_load: process start to first message, without and with the DLL injected"
