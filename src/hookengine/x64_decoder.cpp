@@ -339,8 +339,8 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
       if (b == 0xC6 || b == 0xC7) {
         if (reg == 7) {
           if (modrm != 0xF8) return fail(out);
-          if (b == 0xC7) {  // XBEGIN rel32 (rel16 with 66)
-            imm_size = opsize ? 2 : 4;
+          if (b == 0xC7) {  // XBEGIN rel32 (rel16 with 66, unless REX.W overrides it)
+            imm_size = opsize && !rex_w ? 2 : 4;
             insn.branch = BranchKind::kXbegin;
           }
         } else if (reg != 0) {
