@@ -229,12 +229,17 @@ std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t t
   if (r.copied_length < patch_size) return "copied fewer bytes than the patch";
   if (r.boundary_count == 0 || r.original_offsets[0] != 0 || r.trampoline_offsets[0] != 0)
     return "first boundary is not (0, 0)";
-  // The jump back: 14-byte absolute form or E9 rel32 at the end.
-  static const uint8_t kAbs[] = {0xFF, 0x25, 0, 0, 0, 0};
-  const size_t back = len >= 14 && std::memcmp(tramp + len - 14, kAbs, 6) == 0 ? len - 14 : len - 5;
+  // The jump back: E9 rel32 or the 14-byte absolute form at the end. Copied bytes can look like
+  // either (e.g. 8B FF 25 00 00 00 00 holds FF 25 00 00 00 00), so the one that reaches counts.
+  const uint64_t end = target_address + r.copied_length;
+  const size_t back =
+      len >= 5 && tramp[len - 5] == 0xE9 && transfer_at(tramp, len, out_address, len - 5).target == end
+          ? len - 5
+          : len - 14;
+  if (len < 14 && back == len - 14) return "no jump back";
   const Transfer jb = transfer_at(tramp, len, out_address, back);
   if (!jb.ok || jb.mnemonic != ZYDIS_MNEMONIC_JMP || back + jb.span != len ||
-      jb.target != target_address + r.copied_length)
+      jb.target != end)
     return "jump back does not reach the end of the copied bytes";
 
   size_t orig = 0;
