@@ -1,6 +1,6 @@
 # Front door. `make` builds the DLL and tools, `make test` bootstraps, builds and runs every test
 # under Wine, `make demo` shows the product working end to end in a fresh Wine prefix.
-.PHONY: all release test stress demo bench bootstrap clean
+.PHONY: all release test stress fuzz demo bench bootstrap clean
 
 all: release
 
@@ -23,6 +23,13 @@ stress: bootstrap
 	cmake --preset tests
 	cmake --build --preset tests
 	tests/reliability/stress.sh build/tests
+
+# The native libFuzzer targets (clang, ASan, UBSan), each run for FUZZ_SECONDS from the seed
+# corpus in tests/fuzz/corpus; prints executions, exec/s and findings (kept in build/fuzz/findings).
+FUZZ_SECONDS ?= 180
+fuzz: bootstrap
+	@scripts/fetch-deps.sh "$${XDG_CACHE_HOME:-$$HOME/.cache}/kwindel"
+	tests/fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 # Builds the release preset with the benchmark programs and runs every bench/*.sh.
 bench: release
