@@ -12,10 +12,8 @@
 #include "shell_items.h"
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
-#include <cstring>
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -55,28 +53,37 @@ HRESULT perform_operations() {
 }
 
 // A queued copy made on a thread of its own (with its own apartment), for exchanges that block.
+// A call still blocked at the end of the scope (a failed test) is left behind rather than joined,
+// so that the program ends instead of hanging; its state outlives the object.
 class AsyncCopy {
  public:
-  AsyncCopy(std::vector<std::wstring> sources, std::wstring destination)
-      : thread_([this, sources, destination] {
-          CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-          result_ = copy_items(sources, destination);
-          CoUninitialize();
-          done_ = true;
-        }) {}
-  ~AsyncCopy() { thread_.join(); }
-  bool done() const { return done_; }
+  AsyncCopy(std::vector<std::wstring> sources, std::wstring destination) : state_(std::make_shared<State>()) {
+    std::shared_ptr<State> state = state_;
+    thread_ = std::thread([state, sources, destination] {
+      CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+      state->result = copy_items(sources, destination);
+      CoUninitialize();
+      state->done = true;
+    });
+  }
+  ~AsyncCopy() {
+    if (wait(30000)) thread_.join();
+    else thread_.detach();
+  }
   // Waits up to timeout_ms for the call to return.
   bool wait(DWORD timeout_ms) const {
     const ULONGLONG end = GetTickCount64() + timeout_ms;
-    while (!done_ && GetTickCount64() < end) Sleep(10);
-    return done_;
+    while (!state_->done && GetTickCount64() < end) Sleep(10);
+    return state_->done;
   }
-  HRESULT result() const { return result_; }
+  HRESULT result() const { return state_->result; }
 
  private:
-  std::atomic<bool> done_{false};
-  std::atomic<HRESULT> result_{E_FAIL};
+  struct State {
+    std::atomic<bool> done{false};
+    std::atomic<HRESULT> result{E_FAIL};
+  };
+  std::shared_ptr<State> state_;
   std::thread thread_;
 };
 

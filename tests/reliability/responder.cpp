@@ -85,19 +85,6 @@ void Responder::run() {
   }
 }
 
-std::vector<std::string> attribute_values(const std::string& document, const std::string& attribute) {
-  std::vector<std::string> out;
-  const std::string key = " " + attribute + "=\"";
-  for (size_t at = document.find(key); at != std::string::npos; at = document.find(key, at)) {
-    at += key.size();
-    const size_t end = document.find('"', at);
-    if (end == std::string::npos) break;
-    out.push_back(document.substr(at, end - at));
-    at = end;
-  }
-  return out;
-}
-
 std::string all_secret_answer(const std::string& request_document, const std::string& password) {
   // File elements carry "path"; so do the DstFolder elements, which come after them.
   std::vector<std::string> files;

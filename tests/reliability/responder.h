@@ -43,10 +43,6 @@ class Responder {
   std::thread thread_;
 };
 
-// The values of every `attribute="..."` in `document`, in order (no unescaping: test paths
-// carry no XML special characters).
-std::vector<std::string> attribute_values(const std::string& document, const std::string& attribute);
-
 // A response naming every File path of the request secret under `password`, action 1.
 std::string all_secret_answer(const std::string& request_document, const std::string& password);
 
