@@ -1,6 +1,6 @@
-// What the leak checks count in the running process. Wine 8 answers GetProcessHandleCount and
-// the PrivateUsage of GetProcessMemoryInfo with 0, so both are counted directly: open handles by
-// probing every handle value, private bytes as the committed private pages (VirtualQuery).
+// What the leak checks count in the running process. Under Wine 8 GetProcessHandleCount gives 0
+// and GetProcessMemoryInfo leaves PrivateUsage at 0, so both are counted directly: open handles
+// by probing every handle value, private bytes as the committed private pages (VirtualQuery).
 #pragma once
 #include <windows.h>
 

@@ -179,4 +179,22 @@ TEST_F(ReliabilityXp, FreshProcessesLoadAndUnloadRestoringEveryByte) {
               static_cast<unsigned long long>(GetTickCount64() - start));
 }
 
+TEST_F(ReliabilityXp, ProcessesInjectedThroughTheGlobalHookReleaseTheDllRestoringEveryByte) {
+  const int k = iterations(10, 1000);
+  auto install_hook_proc = reinterpret_cast<KwInstallHookProcFn>(
+      reinterpret_cast<void*>(GetProcAddress(dll().module(), "InstallHookProc")));
+  ASSERT_NE(install_hook_proc, nullptr);
+  ASSERT_EQ(install_hook_proc(TRUE), 1);
+  const ULONGLONG start = GetTickCount64();
+  for (int i = 0; i < k; ++i) {
+    ChildResult r = run_child(exe_dir() + L"reliability-child.exe", L"injected 20000", 60000);
+    EXPECT_TRUE(r.finished) << "process " << i << " hung";
+    EXPECT_EQ(r.output, "patched=4 unloaded=1 restored=1 releases=1\n") << "process " << i;
+    if (r.output != "patched=4 unloaded=1 restored=1 releases=1\n") break;
+  }
+  install_hook_proc(FALSE);
+  std::printf("[ measured ] %d injected processes in %llu ms\n", k,
+              static_cast<unsigned long long>(GetTickCount64() - start));
+}
+
 }  // namespace
