@@ -6,6 +6,8 @@
 #include "agent/copy_audit.h"
 #include "protect/folder_walk.h"
 #ifdef _WIN32
+#include <windows.h>
+
 #include "host/caller_context.h"
 #endif
 
@@ -14,7 +16,13 @@ namespace {
 bool is_directory(const std::string& utf8_path) {
   boost::system::error_code ec;
 #ifdef _WIN32
-  const boost::filesystem::path path(utf8_to_wide(utf8_path));  // narrow paths would be ANSI here
+  const std::wstring wide = utf8_to_wide(utf8_path);  // narrow paths would be ANSI here
+  // Attributes alone answer for everything but links, without opening the file: an open handle,
+  // even a brief one, would make another thread's restore of a swapped source fail.
+  const DWORD attributes = GetFileAttributesW(wide.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) return false;
+  if (!(attributes & FILE_ATTRIBUTE_REPARSE_POINT)) return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  const boost::filesystem::path path(wide);  // a link: follow it
 #else
   const boost::filesystem::path path(utf8_path);  // POSIX paths are bytes already
 #endif

@@ -22,6 +22,8 @@ PerformOperationsFn g_real_perform_operations = nullptr;
 namespace {
 
 constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);  // the bare refusal value
+constexpr int kRestoreRetries = 20;    // at most 20 x 5 ms per source
+constexpr DWORD kRestoreRetryMs = 5;
 
 // Source path -> where its untouched file is parked in the temporary folder while the shell
 // copies the transformed one. Guarded by g_pending_cs; ordered byte-wise.
@@ -275,9 +277,14 @@ HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self) {
   const HRESULT result = g_real_perform_operations(self);
   PendingLock lock;
   for (const auto& entry : SwappedSourceFiles) {
-    const std::wstring source = to_wide(entry.first);
+    const std::wstring source = to_wide(entry.first), parked = to_wide(entry.second);
     DeleteFileW(source.c_str());  // the transformed copy standing in the source's place
-    MoveFileW(to_wide(entry.second).c_str(), source.c_str());
+    // While another program holds the transformed file open, its deletion is only pending and
+    // the name stays taken: give such a brief holder a moment rather than leave the place empty.
+    for (int attempt = 0; !MoveFileW(parked.c_str(), source.c_str()) && attempt < kRestoreRetries; ++attempt) {
+      if (GetFileAttributesW(parked.c_str()) == INVALID_FILE_ATTRIBUTES) break;  // nothing to put back
+      Sleep(kRestoreRetryMs);
+    }
   }
   SwappedSourceFiles.clear();
   return result;
