@@ -4,7 +4,7 @@
 // call passed on from one refused with 0xFFFFFFFF.
 #include <gtest/gtest.h>
 
-#include "intercept_support.h"
+#include "interception_fixture.h"
 #include "shell_items.h"
 
 #include <sddl.h>
@@ -20,31 +20,11 @@ constexpr DWORD kCopyAudit = KWINDEL_POLICY_COPY_AUDIT, kSecretAudit = KWINDEL_P
 constexpr DWORD kLocal = KWINDEL_POLICY_DEST_LOCAL, kRemovable = KWINDEL_POLICY_DEST_REMOVABLE;
 const std::string kBang57(57, '!');
 
-class FileOperationInterception : public ::testing::Test {
+class FileOperationInterception : public InterceptionTest {
  protected:
-  static void SetUpTestSuite() {
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    WSADATA wsa;
-    WSAStartup(MAKEWORD(2, 2), &wsa);
-    LoadedDll::get();
-  }
   void SetUp() override {
-    ASSERT_NE(dll().module(), nullptr) << "kwindel-x64.dll did not load";
-    dll().set_policy(0);
+    InterceptionTest::SetUp();
     ASSERT_TRUE(new_file_operation(&op));
-  }
-  void TearDown() override { dll().set_policy(0); }
-
-  static LoadedDll& dll() { return LoadedDll::get(); }
-  std::wstring make(const std::wstring& name, const std::string& content) {
-    const std::wstring path = dir.file(name);
-    EXPECT_TRUE(write_file(path, content));
-    return path;
-  }
-  std::wstring folder(const std::wstring& name) {
-    const std::wstring path = dir.file(name);
-    CreateDirectoryW(path.c_str(), nullptr);
-    return path;
   }
   HRESULT copy(const std::vector<std::wstring>& sources, const std::wstring& destination) {
     Com<IDataObject> items;
@@ -69,7 +49,6 @@ class FileOperationInterception : public ::testing::Test {
     return doc + "</FilesCopy>";
   }
 
-  ScratchDir dir;
   Com<IFileOperation> op;
   std::string sid = [] {
     // The SID as the system prints it, for the usersid attribute.

@@ -3,10 +3,7 @@
 // registered secret files encrypted after the fact, a real agent on the agent port.
 #include <gtest/gtest.h>
 
-#include "intercept_support.h"
-
-#include <objbase.h>
-#include <shellapi.h>
+#include "interception_fixture.h"
 
 namespace {
 
@@ -15,57 +12,8 @@ using namespace kwtest;
 constexpr DWORD kCopyAudit = KWINDEL_POLICY_COPY_AUDIT, kSecretAudit = KWINDEL_POLICY_SECRET_AUDIT;
 constexpr DWORD kLocal = KWINDEL_POLICY_DEST_LOCAL;
 
-std::wstring double_nul(const std::vector<std::wstring>& paths) {
-  std::wstring list;
-  for (const auto& p : paths) {
-    list += p;
-    list.push_back(L'\0');
-  }
-  list.push_back(L'\0');
-  return list;
-}
-
-int shell_operation(UINT function, const std::vector<std::wstring>& from, const std::wstring& to) {
-  const std::wstring f = double_nul(from), t = double_nul({to});
-  SHFILEOPSTRUCTW op = {};
-  op.wFunc = function;
-  op.pFrom = f.c_str();
-  op.pTo = t.c_str();
-  op.fFlags = FOF_NOCONFIRMATION | FOF_SILENT | FOF_NOERRORUI | FOF_NOCONFIRMMKDIR;
-  return SHFileOperationW(&op);
-}
-
-class FlatFunctionInterception : public ::testing::Test {
+class FlatFunctionInterception : public PreSixInterceptionTest {
  protected:
-  static void SetUpTestSuite() {
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    WSADATA wsa;
-    WSAStartup(MAKEWORD(2, 2), &wsa);
-    LoadedDll::get();
-  }
-  void SetUp() override {
-    ASSERT_NE(dll().module(), nullptr);
-    OSVERSIONINFOW version = {sizeof version};
-    GetVersionExW(&version);
-    ASSERT_EQ(version.dwMajorVersion, 5u) << "these tests need the winxp64 prefix";
-    dll().set_policy(0);
-  }
-  void TearDown() override { dll().set_policy(0); }
-  static LoadedDll& dll() { return LoadedDll::get(); }
-  std::wstring make(const std::wstring& name, const std::string& content) {
-    const std::wstring path = dir.file(name);
-    EXPECT_TRUE(write_file(path, content));
-    return path;
-  }
-  std::wstring folder(const std::wstring& name) {
-    const std::wstring path = dir.file(name);
-    CreateDirectoryW(path.c_str(), nullptr);
-    return path;
-  }
-  static std::string content(const std::wstring& path) {
-    std::string bytes;
-    return read_file(path, &bytes) ? bytes : std::string("<missing>");
-  }
   // Registers `secret` with password "pw" through a screened shell copy of `carrier` to `dst`.
   void register_through_shell_copy(const std::vector<std::string>& secrets, const std::wstring& carrier,
                                    const std::wstring& dst) {
@@ -75,7 +23,6 @@ class FlatFunctionInterception : public ::testing::Test {
     ASSERT_EQ(shell_operation(FO_COPY, {carrier}, dst), 0);
     dll().set_policy(0);
   }
-  ScratchDir dir;
 };
 
 TEST_F(FlatFunctionInterception, ACopyOfASecretFileArrivesEncryptedAndTheSourceStaysUntouched) {

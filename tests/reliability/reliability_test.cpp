@@ -6,7 +6,7 @@
 // 0xFFFFFFFF. KWINDEL_STRESS=1 (make stress) makes the long runs long.
 #include <gtest/gtest.h>
 
-#include "intercept_support.h"
+#include "interception_fixture.h"
 #include "process_counts.h"
 #include "responder.h"
 #include "shell_items.h"
@@ -28,10 +28,6 @@ constexpr DWORD kLocal = KWINDEL_POLICY_DEST_LOCAL;
 constexpr char kResponseTag[] = "<FILECOPY_SECRETAUDIT_RESPONSE>";
 const std::string kMagic("\x01\x02\x03\x04\x10\x20\x30\x40", 8);
 
-std::string content(const std::wstring& path) {
-  std::string bytes;
-  return read_file(path, &bytes) ? bytes : std::string("<missing>");
-}
 
 std::wstring parked_path(const std::wstring& name) { return widen(temp_folder_utf8()) + name; }
 
@@ -87,32 +83,7 @@ class AsyncCopy {
   std::thread thread_;
 };
 
-class Reliability : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    WSADATA wsa;
-    WSAStartup(MAKEWORD(2, 2), &wsa);
-    LoadedDll::get();
-  }
-  void SetUp() override {
-    ASSERT_NE(dll().module(), nullptr) << "kwindel-x64.dll did not load";
-    dll().set_policy(0);
-  }
-  void TearDown() override { dll().set_policy(0); }
-  static LoadedDll& dll() { return LoadedDll::get(); }
-  std::wstring make(const std::wstring& name, const std::string& bytes) {
-    const std::wstring path = dir.file(name);
-    EXPECT_TRUE(write_file(path, bytes));
-    return path;
-  }
-  std::wstring folder(const std::wstring& name) {
-    const std::wstring path = dir.file(name);
-    CreateDirectoryW(path.c_str(), nullptr);
-    return path;
-  }
-  ScratchDir dir;
-};
+class Reliability : public InterceptionTest {};
 
 // ---------------------------------------------------------------------------------------------
 // Fault injection

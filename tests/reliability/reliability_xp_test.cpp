@@ -4,7 +4,7 @@
 // unloaded in many fresh processes. KWINDEL_STRESS=1 (make stress) makes the long runs long.
 #include <gtest/gtest.h>
 
-#include "intercept_support.h"
+#include "interception_fixture.h"
 #include "process_counts.h"
 #include "responder.h"
 
@@ -21,50 +21,7 @@ constexpr DWORD kCopyAudit = KWINDEL_POLICY_COPY_AUDIT, kSecretAudit = KWINDEL_P
 constexpr DWORD kLocal = KWINDEL_POLICY_DEST_LOCAL;
 const std::string kMagic("\x01\x02\x03\x04\x10\x20\x30\x40", 8);
 
-std::string content(const std::wstring& path) {
-  std::string bytes;
-  return read_file(path, &bytes) ? bytes : std::string("<missing>");
-}
-
-int shell_copy(const std::wstring& from, const std::wstring& to) {
-  const std::wstring f = from + L'\0', t = to + L'\0';  // c_str() adds the list's final NUL
-  SHFILEOPSTRUCTW op = {};
-  op.wFunc = FO_COPY;
-  op.pFrom = f.c_str();
-  op.pTo = t.c_str();
-  op.fFlags = FOF_NOCONFIRMATION | FOF_SILENT | FOF_NOERRORUI | FOF_NOCONFIRMMKDIR;
-  return SHFileOperationW(&op);
-}
-
-class ReliabilityXp : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    WSADATA wsa;
-    WSAStartup(MAKEWORD(2, 2), &wsa);
-    LoadedDll::get();
-  }
-  void SetUp() override {
-    ASSERT_NE(dll().module(), nullptr);
-    OSVERSIONINFOW version = {sizeof version};
-    GetVersionExW(&version);
-    ASSERT_EQ(version.dwMajorVersion, 5u) << "these tests need the winxp64 prefix";
-    dll().set_policy(0);
-  }
-  void TearDown() override { dll().set_policy(0); }
-  static LoadedDll& dll() { return LoadedDll::get(); }
-  std::wstring make(const std::wstring& name, const std::string& bytes) {
-    const std::wstring path = dir.file(name);
-    EXPECT_TRUE(write_file(path, bytes));
-    return path;
-  }
-  std::wstring folder(const std::wstring& name) {
-    const std::wstring path = dir.file(name);
-    CreateDirectoryW(path.c_str(), nullptr);
-    return path;
-  }
-  ScratchDir dir;
-};
+class ReliabilityXp : public PreSixInterceptionTest {};
 
 TEST_F(ReliabilityXp, EightThreadsShellCopySecretFilesEachCopyEncryptedExactlyOnce) {
   constexpr int kThreads = 8;
@@ -87,7 +44,7 @@ TEST_F(ReliabilityXp, EightThreadsShellCopySecretFilesEachCopyEncryptedExactlyOn
     std::string reference;  // the encrypted form, checked once with kwdecrypt
     for (int i = 0; i < n && failures[t].empty(); ++i) {
       const std::wstring folder_path = targets[t].substr(0, targets[t].rfind(L'\\'));
-      const int result = shell_copy(sources[t], folder_path);
+      const int result = shell_operation(FO_COPY, {sources[t]}, folder_path);
       const std::string copied = content(targets[t]);
       std::string failure;
       if (result != 0) failure = "SHFileOperationW returned " + std::to_string(result);
@@ -128,7 +85,7 @@ TEST_F(ReliabilityXp, HandlesAndPrivateBytesStaySteadyOverInterceptedOperations)
   Responder agent([](const std::string& request) { return all_secret_answer(request, "pw"); });
   ASSERT_TRUE(agent.ok());
   // One operation: a screened shell copy whose file copy is encrypted after the fact.
-  auto operation = [&] { return shell_copy(s, dst) == 0 && DeleteFileW(target.c_str()); };
+  auto operation = [&] { return shell_operation(FO_COPY, {s}, dst) == 0 && DeleteFileW(target.c_str()); };
   for (int i = 0; i < 200; ++i) ASSERT_TRUE(operation()) << "warm-up " << i;
   const ProcessCounts before = process_counts();
   const ULONGLONG start = GetTickCount64();
@@ -149,7 +106,7 @@ TEST_F(ReliabilityXp, ADestinationHeldWithoutSharingFailsTheCopyAndKeepsTheRegis
   {
     TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 1)}, false});
     ASSERT_TRUE(agent.ok());
-    shell_copy(s, dst);  // Wine's result for a failed copy into a folder is not reliable
+    shell_operation(FO_COPY, {s}, dst);  // Wine's result for a failed copy into a folder is not reliable
     EXPECT_EQ(documents_with_tag(agent, kRequestTag).size(), 1u);
   }
   CloseHandle(holder);
