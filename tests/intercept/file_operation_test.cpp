@@ -270,6 +270,35 @@ TEST_F(FileOperationInterception, GatesDecideWhetherTheAgentIsAsked) {
   }
 }
 
+TEST_F(FileOperationInterception, AFirstSourceOnARemovableDriveIsAuditedButNotChecked) {
+  RemovableDrive drive;
+  ASSERT_TRUE(drive.ok());
+  const std::wstring r = drive.root() + L"\\usb.txt", dst = folder(L"dst");
+  ASSERT_TRUE(write_file(r, "from the stick"));
+  TestAgent agent(AgentScript{true, {secret_answer({}, "", 1)}, false});
+  ASSERT_TRUE(agent.ok());
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal | kRemovable);
+  EXPECT_EQ(copy({r}, dst), kPassedOn);
+  ASSERT_TRUE(agent.wait_for_frames(1, 5000));
+  Sleep(100);
+  EXPECT_TRUE(documents_with_tag(agent, kRequestTag).empty());
+  const auto audits = documents_with_tag(agent, kAuditTag);
+  ASSERT_EQ(audits.size(), 1u);
+  EXPECT_EQ(without_time(audits[0]), audit_document("6", dst, {r}));
+}
+
+TEST_F(FileOperationInterception, ARemovableDestinationIsCheckedWhenTheMaskSelectsIt) {
+  RemovableDrive drive;
+  ASSERT_TRUE(drive.ok());
+  const std::wstring a = make(L"a.txt", "alpha"), dst = drive.root() + L"\\";
+  TestAgent agent(AgentScript{true, {secret_answer({}, "", 1)}, false});
+  ASSERT_TRUE(agent.ok());
+  dll().set_policy(kSecretAudit | kRemovable);
+  EXPECT_EQ(copy({a}, dst), kPassedOn);
+  ASSERT_TRUE(agent.wait_for_frames(1, 5000));
+  EXPECT_EQ(documents_with_tag(agent, kRequestTag).size(), 1u);
+}
+
 TEST_F(FileOperationInterception, AuditListsTheFilesOfFoldersButNotTheFoldersThemselves) {
   dll().set_policy(kCopyAudit);
   const std::wstring a = make(L"a.txt", "a");

@@ -134,6 +134,29 @@ TEST_F(FlatFunctionInterception, DeleteRenameAndPolicyZeroPassStraightThrough) {
   EXPECT_TRUE(agent.datagrams().empty());
 }
 
+TEST_F(FlatFunctionInterception, CopiesFromARemovableDriveOrANetworkFormOfPathAreAuditedButNeverChecked) {
+  RemovableDrive drive;
+  ASSERT_TRUE(drive.ok());
+  const std::wstring r = drive.root() + L"\\usb.txt", local = make(L"local.txt", "l"), dst = folder(L"dst");
+  ASSERT_TRUE(write_file(r, "from the stick"));
+  // A path that starts with two backslashes counts as a network path; the long-path form of a
+  // local file is one the shell can still copy here.
+  const std::wstring network_form = L"\\\\?\\" + local;
+  TestAgent agent(AgentScript{true, {secret_answer({}, "", 1)}, false});
+  ASSERT_TRUE(agent.ok());
+  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
+  EXPECT_EQ(shell_operation(FO_COPY, {r}, dst), 0);
+  EXPECT_EQ(content(dst + L"\\usb.txt"), "from the stick");
+  shell_operation(FO_COPY, {network_form}, dst);
+  ASSERT_TRUE(agent.wait_for_frames(2, 5000));
+  Sleep(100);
+  EXPECT_TRUE(documents_with_tag(agent, kRequestTag).empty());
+  const auto audits = documents_with_tag(agent, kAuditTag);
+  ASSERT_EQ(audits.size(), 2u);
+  EXPECT_NE(audits[0].find("<File filename=\"" + utf8(r) + "\"/>"), std::string::npos) << audits[0];
+  EXPECT_NE(audits[1].find("<File filename=\"" + utf8(network_form) + "\"/>"), std::string::npos) << audits[1];
+}
+
 TEST_F(FlatFunctionInterception, ADestinationHeldOpenStillConsumesTheEntryAndTheCopySucceeds) {
   const std::wstring s = make(L"held.txt", "held"), carrier = make(L"carrier.txt", "c"), dst = folder(L"dst");
   register_through_shell_copy({utf8(s)}, carrier, dst);

@@ -1,7 +1,11 @@
 #include "kwtest.h"
 
+#include <winioctl.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <cwctype>
 
 namespace kwtest {
 
@@ -266,6 +270,67 @@ ScratchDir::ScratchDir() {
 }
 
 ScratchDir::~ScratchDir() { remove_tree(path_); }
+
+// ---- drives ----
+namespace {
+// Wine's private mount-manager request (include/ddk/mountmgr.h of Wine 8).
+constexpr DWORD kDefineUnixDrive = CTL_CODE('m', 32, METHOD_BUFFERED, FILE_READ_ACCESS | FILE_WRITE_ACCESS);
+struct UnixDrive {
+  ULONG size;
+  ULONG type;
+  ULONG fs_type;
+  DWORD serial;
+  ULONGLONG unix_dev;
+  WCHAR letter;
+  USHORT mount_point_offset;
+  USHORT device_offset;
+  USHORT label_offset;
+};
+}  // namespace
+
+bool define_unix_drive(wchar_t letter, UINT type, const std::string& unix_folder) {
+  HANDLE mgr = CreateFileW(L"\\\\.\\MountPointManager", GENERIC_READ | GENERIC_WRITE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+  if (mgr == INVALID_HANDLE_VALUE) return false;
+  std::vector<char> buffer(sizeof(UnixDrive) + unix_folder.size() + 1, 0);
+  auto* drive = reinterpret_cast<UnixDrive*>(buffer.data());
+  drive->size = static_cast<ULONG>(buffer.size());
+  drive->type = type;
+  drive->letter = static_cast<WCHAR>(towlower(letter));
+  if (!unix_folder.empty()) {
+    drive->mount_point_offset = sizeof(UnixDrive);
+    memcpy(buffer.data() + sizeof(UnixDrive), unix_folder.c_str(), unix_folder.size() + 1);
+  }
+  DWORD returned = 0;
+  const BOOL ok = DeviceIoControl(mgr, kDefineUnixDrive, buffer.data(), static_cast<DWORD>(buffer.size()), nullptr, 0,
+                                  &returned, nullptr);
+  CloseHandle(mgr);
+  return ok != 0;
+}
+
+std::string unix_path(const std::wstring& windows_path) {
+  std::string s = narrow(windows_path);
+  if (s.size() < 2 || (s[0] != 'Z' && s[0] != 'z') || s[1] != ':') return std::string();
+  s = s.substr(2);
+  std::replace(s.begin(), s.end(), '\\', '/');
+  return s;
+}
+
+RemovableDrive::RemovableDrive() {
+  folder_ = exe_dir() + L"removable-" + std::to_wstring(GetCurrentProcessId());
+  remove_tree(folder_);
+  CreateDirectoryW(folder_.c_str(), nullptr);
+  const std::string unix_folder = unix_path(folder_);
+  const DWORD used = GetLogicalDrives();
+  for (wchar_t c = L'R'; c <= L'Y' && letter_ == 0 && !unix_folder.empty(); ++c) {
+    if (!(used & (1u << (c - L'A'))) && define_unix_drive(c, DRIVE_REMOVABLE, unix_folder)) letter_ = c;
+  }
+}
+
+RemovableDrive::~RemovableDrive() {
+  if (letter_ != 0) define_unix_drive(letter_, DRIVE_NO_ROOT_DIR, std::string());
+  remove_tree(folder_);
+}
 
 bool write_file(const std::wstring& path, const std::string& bytes) {
   HANDLE h = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr);

@@ -123,6 +123,26 @@ class ScratchDir {
   std::wstring path_;
 };
 
+// A removable drive defined at run time through Wine's mount manager (what winecfg does), mapped
+// to a fresh folder beside the test program, removed again at the end of the scope.
+class RemovableDrive {
+ public:
+  RemovableDrive();
+  ~RemovableDrive();
+  RemovableDrive(const RemovableDrive&) = delete;
+  RemovableDrive& operator=(const RemovableDrive&) = delete;
+  bool ok() const { return letter_ != 0; }
+  std::wstring root() const { return std::wstring(1, letter_) + L":"; }  // e.g. L"R:"
+ private:
+  wchar_t letter_ = 0;
+  std::wstring folder_;
+};
+// Points drive `letter` at a Unix folder with the given drive type; DRIVE_NO_ROOT_DIR and no
+// folder remove it. False when the mount manager refuses.
+bool define_unix_drive(wchar_t letter, UINT type, const std::string& unix_folder);
+// The Unix form of a path on Z: (Wine maps Z: to /); "" for other drives.
+std::string unix_path(const std::wstring& windows_path);
+
 bool write_file(const std::wstring& path, const std::string& bytes);
 bool read_file(const std::wstring& path, std::string* bytes);
 bool file_exists(const std::wstring& path);
