@@ -6,7 +6,8 @@
 #     that audits copies and checks secret files for local and removable destinations;
 #  3. kwdemo-app (a desktop program with a message loop, so the DLL is injected into it) copies an
 #     ordinary file, a denied file and a secret file through the shell copy engine (IFileOperation);
-#     kwdecrypt proves the copy of the secret file is the original under the password;
+#     kwdecrypt proves the copy of the secret file is the original under the password; a secret
+#     file moved through the engine arrives encrypted for good;
 #  4. the same through SHFileOperationW in a winxp64 prefix (the pre-6 path);
 #  5. the agent's log as readable lines.
 set -euo pipefail
@@ -43,6 +44,7 @@ new_prefix() {
   printf 'Quarterly figures, nothing confidential.\n' >"$c/ordinary.txt"
   printf 'Names of the people who may not know.\n' >"$c/denied.txt"
   printf 'The merger is signed on Friday. Keep this to yourself.\n' >"$c/secret/plan.txt"
+  printf 'Board memo: moved, never to be read in clear again.\n' >"$c/secret/memo.txt"
   cat >"$c/rules.txt" <<'RULES'
 # kwagent rules for the demo: first matching rule wins, wildcards match the whole path.
 secret "C:\demo\secret\*" demo-password 1
@@ -78,9 +80,15 @@ scenario() {
   for _ in $(seq 1 100); do grep -q policy "$log/kwctl-$label.txt" 2>/dev/null && break; sleep 0.1; done
   indent <"$log/kwctl-$label.txt"
 
-  say "[$label] kwdemo-app, a desktop program, copies three files to C:\\demo\\out through $( [ "$mode" = shell-engine ] && echo "the shell copy engine (IFileOperation)" || echo "SHFileOperationW")"
+  local extra=()
+  if [ "$mode" = shell-engine ]; then
+    say "[$label] kwdemo-app, a desktop program, copies three files to C:\\demo\\out through the shell copy engine (IFileOperation), and moves a fourth"
+    extra=('move:C:\demo\secret\memo.txt')
+  else
+    say "[$label] kwdemo-app, a desktop program, copies three files to C:\\demo\\out through SHFileOperationW"
+  fi
   WINEDEBUG=-all,+debugstr wine "$bin/kwdemo-app.exe" "$mode" 'C:\demo\out' 'C:\demo\ordinary.txt' \
-    'C:\demo\denied.txt' 'C:\demo\secret\plan.txt' 2>"$log/kwdemo-app-$label.trace" </dev/null | indent
+    'C:\demo\denied.txt' 'C:\demo\secret\plan.txt' "${extra[@]}" 2>"$log/kwdemo-app-$label.trace" </dev/null | indent
 
   say "[$label] What arrived in C:\\demo\\out"
   for f in ordinary.txt denied.txt plan.txt; do
@@ -97,6 +105,16 @@ scenario() {
     echo "   !! the copy of plan.txt could not be proved to be the encrypted original"
   fi
   echo "   the source stays as it was: $(cat "$prefix/drive_c/demo/secret/plan.txt")"
+  if [ "$mode" = shell-engine ]; then
+    say "[$label] The moved secret file memo.txt left its place in encrypted form, for good"
+    if wine "$bin/kwdecrypt.exe" --verify 'C:\demo\out\memo.txt' demo-password 2>&1 </dev/null | indent \
+       && [ ! -e "$prefix/drive_c/demo/secret/memo.txt" ]; then
+      echo "   C:\\demo\\out\\memo.txt decrypts to the original; C:\\demo\\secret\\memo.txt is gone"
+    else
+      echo "   !! the moved memo.txt could not be proved to be the encrypted original"
+      proofs=$((proofs - 1))
+    fi
+  fi
 
   wine "$bin/kwctl.exe" --stop kwdemo-stop </dev/null || true
   wait "$ctl" || true
@@ -122,7 +140,8 @@ cat <<SUMMARY
    shown: the global hook brought kwindel-x64.dll into a desktop program in both prefixes;
           an ordinary file was copied and audited, a denied file was refused, a secret file was
           copied in encrypted form ($proofs of 2 copies proved by kwdecrypt), once through the shell
-          copy engine (IFileOperation, Windows 6 and later) and once through SHFileOperationW (older systems).
+          copy engine (IFileOperation, Windows 6 and later) and once through SHFileOperationW (older systems);
+          a secret file moved through the shell copy engine left its place encrypted for good.
    logs:  $log  ($(( $(date +%s) - started )) s)
 SUMMARY
 [ "$proofs" = 2 ]

@@ -1,7 +1,8 @@
 // kwdemo-app.exe: a sample desktop program for the demo. It has a message loop, so the global
 // hook brings kwindel-x64.dll into it, and then copies files the way Explorer does.
 //   kwdemo-app wait [MS]                     report whether the DLL arrived within MS ms
-//   kwdemo-app shell-engine DSTFOLDER SRC... copy each source through IFileOperation
+//   kwdemo-app shell-engine DSTFOLDER SRC... copy each source through IFileOperation ("move:SRC"
+//                                            moves it instead)
 //   kwdemo-app shell-operation DSTFOLDER SRC... copy each source through SHFileOperationW
 #include <windows.h>
 #include <objbase.h>
@@ -66,36 +67,42 @@ std::wstring leaf(const std::wstring& path) { return path.substr(path.rfind(L'\\
 
 int shell_engine(const std::wstring& destination, const std::vector<std::wstring>& sources) {
   CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-  for (const std::wstring& source : sources) {
+  for (const std::wstring& argument : sources) {
+    const bool move = argument.rfind(L"move:", 0) == 0;
+    const std::wstring source = move ? argument.substr(5) : argument;
+    const char* verb = move ? "MoveItems" : "CopyItems";
     Com<IFileOperation> op;
     Com<IDataObject> items;
     Com<IShellItem> target;
     if (FAILED(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, op.out())) ||
         !data_object_for(source, &items) ||
         FAILED(SHCreateItemFromParsingName(destination.c_str(), nullptr, IID_IShellItem, target.out()))) {
-      std::printf("kwdemo-app: cannot set up a shell copy of %ls\n", source.c_str());
+      std::printf("kwdemo-app: cannot set up a shell %s of %ls\n", move ? "move" : "copy", source.c_str());
       continue;
     }
-    const HRESULT queued = op.p->CopyItems(items.p, target.p);
+    const HRESULT queued = move ? op.p->MoveItems(items.p, target.p) : op.p->CopyItems(items.p, target.p);
     if (queued == kRefused) {
-      std::printf("kwdemo-app: CopyItems(%ls) was REFUSED (0xFFFFFFFF): nothing is copied\n", leaf(source).c_str());
+      std::printf("kwdemo-app: %s(%ls) was REFUSED (0xFFFFFFFF): nothing is %s\n", verb, leaf(source).c_str(),
+                  move ? "moved" : "copied");
       continue;
     }
-    std::printf("kwdemo-app: CopyItems(%ls) was let through (0x%08lx from Wine's copy engine, which only queues)\n",
+    std::printf("kwdemo-app: %s(%ls) was let through (0x%08lx from Wine's copy engine, which only queues)\n", verb,
                 leaf(source).c_str(), static_cast<unsigned long>(queued));
-    // Wine's engine does not carry out queued copies, so do its work here: read the source now,
-    // while the queued operation would be reading it, and let the copy appear only if
+    // Wine's engine does not carry out queued operations, so do its work here: read the source
+    // now, while the queued operation would be reading it, and let the result appear only if
     // PerformOperations runs.
-    const std::wstring copy = destination + L"\\" + leaf(source), staged = copy + L".staged";
-    CopyFileW(source.c_str(), staged.c_str(), FALSE);
+    const std::wstring result = destination + L"\\" + leaf(source), staged = result + L".staged";
+    if (move) MoveFileExW(source.c_str(), staged.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED);
+    else CopyFileW(source.c_str(), staged.c_str(), FALSE);
     const HRESULT performed = op.p->PerformOperations();
     if (performed == kRefused) {
-      DeleteFileW(staged.c_str());
-      std::printf("kwdemo-app: PerformOperations was REFUSED (0xFFFFFFFF): nothing is copied\n");
+      if (move) MoveFileExW(staged.c_str(), source.c_str(), MOVEFILE_COPY_ALLOWED);
+      else DeleteFileW(staged.c_str());
+      std::printf("kwdemo-app: PerformOperations was REFUSED (0xFFFFFFFF): nothing is %s\n", move ? "moved" : "copied");
     } else {
-      MoveFileExW(staged.c_str(), copy.c_str(), MOVEFILE_REPLACE_EXISTING);
-      std::printf("kwdemo-app: PerformOperations ran (0x%08lx); the copy stands at %ls\n",
-                  static_cast<unsigned long>(performed), copy.c_str());
+      MoveFileExW(staged.c_str(), result.c_str(), MOVEFILE_REPLACE_EXISTING);
+      std::printf("kwdemo-app: PerformOperations ran (0x%08lx); the %s stands at %ls\n",
+                  static_cast<unsigned long>(performed), move ? "moved file" : "copy", result.c_str());
     }
   }
   CoUninitialize();
