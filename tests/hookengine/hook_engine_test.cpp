@@ -31,22 +31,6 @@ bool in_module(uint64_t address) {
                             reinterpret_cast<LPCWSTR>(address), &module) != FALSE;
 }
 
-// Where the jump written at `code` leads (E9 rel32 or FF 25 jmp [rip+disp32]); 0 if neither.
-uint64_t jump_destination(const uint8_t* code) {
-  if (code[0] == 0xE9) {
-    int32_t rel;
-    std::memcpy(&rel, code + 1, 4);
-    return reinterpret_cast<uint64_t>(code) + 5 + rel;
-  }
-  if (code[0] == 0xFF && code[1] == 0x25) {  // jmp [rip+disp32]
-    int32_t disp;
-    std::memcpy(&disp, code + 2, 4);
-    uint64_t abs;
-    std::memcpy(&abs, code + 6 + disp, 8);
-    return abs;
-  }
-  return 0;
-}
 
 struct CodeSection {
   uint8_t* base;
@@ -131,7 +115,7 @@ TEST(HookEngine, EveryExportOfTheCoreDllsIsHookedAndRestoredExactly) {
       ++hooked;
       HookInfo info;
       ASSERT_TRUE(hookengine::describe_hook(record, &info));
-      EXPECT_EQ(jump_destination(address), info.relay) << name;
+      EXPECT_EQ(kwtest::jump_destination(address), info.relay) << name;
       EXPECT_EQ(reinterpret_cast<uint64_t>(*stub.variable), info.trampoline) << name;
       if (info.patch_size == 5) ++near_patches;
       EXPECT_EQ(hookengine::remove_hook(stub.variable), HookStatus::kOk) << name;

@@ -12,22 +12,7 @@
 
 namespace kwtest::hooksetup {
 
-// Where a jump written at `code` leads (E9 rel32 or FF 25 jmp [rip+disp32]); 0 for neither.
-inline uint64_t jump_destination(const uint8_t* code) {
-  if (code[0] == 0xE9) {
-    int32_t rel;
-    std::memcpy(&rel, code + 1, 4);
-    return reinterpret_cast<uint64_t>(code) + 5 + rel;
-  }
-  if (code[0] == 0xFF && code[1] == 0x25) {  // jmp [rip+disp32]
-    int32_t disp;
-    std::memcpy(&disp, code + 2, 4);
-    uint64_t abs;
-    std::memcpy(&abs, code + 6 + disp, 8);
-    return abs;
-  }
-  return 0;
-}
+using kwtest::jump_destination;
 
 // The module an address belongs to, or null.
 inline HMODULE module_of(uint64_t address) {

@@ -7,6 +7,7 @@
 #include <objbase.h>
 #include <shellapi.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,20 @@ inline int shell_operation(UINT function, const std::vector<std::wstring>& from,
   return SHFileOperationW(&op);
 }
 
+// Runs `count` fresh processes of `exe args` one after another; each must finish within a minute
+// and print `expected` (and exit with 0 when `exit_zero`). Prints how long they took under `label`.
+inline void run_processes(int count, const std::wstring& exe, const std::wstring& args, const std::string& expected,
+                          const char* label, bool exit_zero = true) {
+  const ULONGLONG start = GetTickCount64();
+  for (int i = 0; i < count; ++i) {
+    ChildResult r = run_child(exe, args, 60000);
+    ASSERT_TRUE(r.finished) << "process " << i << " hung";
+    if (exit_zero) ASSERT_EQ(r.exit_code, 0u) << "process " << i << ": " << r.output;
+    ASSERT_EQ(r.output, expected) << "process " << i << " (exit " << r.exit_code << ")";
+  }
+  std::printf("[ measured ] %d %s in %llu ms\n", count, label, static_cast<unsigned long long>(GetTickCount64() - start));
+}
+
 class InterceptionTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -57,6 +72,17 @@ class InterceptionTest : public ::testing::Test {
     const std::wstring path = dir.file(name);
     CreateDirectoryW(path.c_str(), nullptr);
     return path;
+  }
+  // With the global hook installed from this process, runs `count` processes that wait to be
+  // injected, release the DLL and print `expected`.
+  void run_injected_processes(int count, const std::wstring& exe, const std::wstring& args,
+                              const std::string& expected) {
+    auto install_hook_proc = reinterpret_cast<KwInstallHookProcFn>(
+        reinterpret_cast<void*>(GetProcAddress(dll().module(), "InstallHookProc")));
+    ASSERT_NE(install_hook_proc, nullptr);
+    ASSERT_EQ(install_hook_proc(TRUE), 1);
+    run_processes(count, exe, args, expected, "injected processes", false);
+    install_hook_proc(FALSE);
   }
   ScratchDir dir;
 };

@@ -515,35 +515,14 @@ TEST_F(Reliability, HandlesAndPrivateBytesStaySteadyOverInterceptedOperations) {
 // Load and unload
 
 TEST_F(Reliability, FreshProcessesLoadAndUnloadRestoringEveryByte) {
-  const int k = iterations(20, 1000);
-  const ULONGLONG start = GetTickCount64();
-  for (int i = 0; i < k; ++i) {
-    ChildResult r = run_child(exe_dir() + L"reliability-child.exe", L"cycle", 60000);
-    ASSERT_TRUE(r.finished) << "process " << i << " hung";
-    ASSERT_EQ(r.exit_code, 0u) << "process " << i << ": " << r.output;
-    // The three IFileOperation methods patched, the flat functions untouched, all restored.
-    ASSERT_EQ(r.output, "patched=3 unloaded=1 restored=1\n") << "process " << i;
-  }
-  std::printf("[ measured ] %d load/unload processes in %llu ms\n", k,
-              static_cast<unsigned long long>(GetTickCount64() - start));
+  // The three IFileOperation methods patched, the flat functions untouched, all restored.
+  run_processes(iterations(20, 1000), exe_dir() + L"reliability-child.exe", L"cycle",
+                "patched=3 unloaded=1 restored=1\n", "load/unload processes");
 }
 
 TEST_F(Reliability, ProcessesInjectedThroughTheGlobalHookReleaseTheDllRestoringEveryByte) {
-  const int k = iterations(10, 1000);
-  auto install_hook_proc = reinterpret_cast<KwInstallHookProcFn>(
-      reinterpret_cast<void*>(GetProcAddress(dll().module(), "InstallHookProc")));
-  ASSERT_NE(install_hook_proc, nullptr);
-  ASSERT_EQ(install_hook_proc(TRUE), 1);
-  const ULONGLONG start = GetTickCount64();
-  for (int i = 0; i < k; ++i) {
-    ChildResult r = run_child(exe_dir() + L"reliability-child.exe", L"injected 20000", 60000);
-    EXPECT_TRUE(r.finished) << "process " << i << " hung";
-    EXPECT_EQ(r.output, "patched=3 unloaded=1 restored=1 releases=1\n") << "process " << i;
-    if (r.output != "patched=3 unloaded=1 restored=1 releases=1\n") break;
-  }
-  install_hook_proc(FALSE);
-  std::printf("[ measured ] %d injected processes in %llu ms\n", k,
-              static_cast<unsigned long long>(GetTickCount64() - start));
+  run_injected_processes(iterations(10, 1000), exe_dir() + L"reliability-child.exe", L"injected 20000",
+                         "patched=3 unloaded=1 restored=1 releases=1\n");
 }
 
 }  // namespace

@@ -35,6 +35,22 @@ std::wstring widen(const std::string& utf8) {
   return out;
 }
 
+uint64_t jump_destination(const uint8_t* code) {
+  if (code[0] == 0xE9) {
+    int32_t rel;
+    std::memcpy(&rel, code + 1, 4);
+    return reinterpret_cast<uint64_t>(code) + 5 + rel;
+  }
+  if (code[0] == 0xFF && code[1] == 0x25) {  // jmp [rip+disp32]
+    int32_t disp;
+    std::memcpy(&disp, code + 2, 4);
+    uint64_t abs;
+    std::memcpy(&abs, code + 6 + disp, 8);
+    return abs;
+  }
+  return 0;
+}
+
 const IMAGE_SECTION_HEADER* find_section(HMODULE module, const char* name) {
   if (module == nullptr) return nullptr;
   auto base = reinterpret_cast<const unsigned char*>(module);

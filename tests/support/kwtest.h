@@ -38,6 +38,9 @@ struct SharedBlockView {
   void* module;
   void* hook;
 };
+// Where a jump written at `code` leads (E9 rel32 or FF 25 jmp [rip+disp32]); 0 for neither.
+uint64_t jump_destination(const uint8_t* code);
+
 // Finds a section of a loaded module by name; null when absent.
 const IMAGE_SECTION_HEADER* find_section(HMODULE module, const char* name);
 // The policy block inside a loaded kwindel-x64.dll.
