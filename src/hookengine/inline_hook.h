@@ -1,5 +1,9 @@
 // Inline hooks: the start of a function is overwritten with a jump to a relay in the engine's
 // own pages, which enters the replacement; the original stays callable through a trampoline.
+// Patches are written with every other thread suspended and confirmed stopped; a thread stopped
+// inside the overwritten bytes continues in the trampoline. Threads created during a freeze are
+// frozen too when a further walk of the threads finds them; why a later one cannot reach a target
+// being written is told in thread_freeze.h. Relays, trampolines and records are never freed.
 #pragma once
 #include <cstddef>
 #include <cstdint>
