@@ -28,7 +28,7 @@ fi
 
 name=kwindel-$version-x64
 stage=$build/dist
-rm -rf "$stage"
+rm -rf "$stage" "$out/$name.zip" "$out/$name-symbols.zip"  # no stale package after a failure
 pkg=$stage/$name sym=$stage/$name-symbols
 mkdir -p "$pkg/bin" "$pkg/lib" "$pkg/include" "$pkg/docs" "$pkg/licenses" "$sym"
 
