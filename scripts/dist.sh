@@ -68,8 +68,10 @@ if [ -n "${SIGN_CERT:-}${SIGN_KEY:-}" ]; then
 fi
 
 # SHA256SUMS lists every other file of the package, by its path inside the package.
-(cd "$pkg" && find . -type f -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum >SHA256SUMS)
-(cd "$sym" && find . -type f -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum >SHA256SUMS)
+for d in "$pkg" "$sym"; do
+  (cd "$d" && find . -type f -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum >"$stage/sums")
+  mv "$stage/sums" "$d/SHA256SUMS"
+done
 
 mkdir -p "$out"
 for d in "$name" "$name-symbols"; do
