@@ -32,13 +32,14 @@ build "$b" Asia/Kathmandu 077
 
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$a/build/release/CMakeCache.txt")
 name=kwindel-$version-x64
+shipped=build/release/dist/$name/bin/kwindel-x64.dll
 for f in build/release/bin/kwindel-x64.dll build/release/bin/kwctl.exe build/release/bin/kwagent.exe \
-         build/release/bin/kwdecrypt.exe build/release/lib/kwindel-x64.lib dist/$name.zip dist/$name-symbols.zip; do
+         build/release/bin/kwdecrypt.exe build/release/lib/kwindel-x64.lib "$shipped" dist/$name.zip dist/$name-symbols.zip; do
   [ -f "$a/$f" ] || fail "$f was not built"
   cmp -s "$a/$f" "$b/$f" || fail "$f differs between the two builds"
 done
-echo "dist-check: identical in both builds: DLL, tools, import library, $name.zip, $name-symbols.zip"
-for f in build/release/bin/kwindel-x64.dll "dist/$name.zip"; do
+echo "dist-check: identical in both builds: DLL (built and shipped), tools, import library, $name.zip, $name-symbols.zip"
+for f in "$shipped" "dist/$name.zip"; do
   echo "  $(sha256sum "$a/$f" | cut -c1-64)  a: $f"
   echo "  $(sha256sum "$b/$f" | cut -c1-64)  b: $f"
 done
