@@ -1,6 +1,6 @@
 # Front door. `make` builds the DLL and tools, `make test` bootstraps, builds and runs every test
 # under Wine, `make demo` shows the product working end to end in a fresh Wine prefix.
-.PHONY: all release test stress fuzz demo bench bootstrap clean
+.PHONY: all release dist dist-check test stress fuzz demo bench bootstrap clean
 
 all: release
 
@@ -11,6 +11,19 @@ release: bootstrap
 	@cmake --preset release >build-release-configure.log 2>&1 || { cat build-release-configure.log; exit 1; }
 	@rm -f build-release-configure.log
 	cmake --build --preset release
+
+# The release package: dist/kwindel-<version>-x64.zip (stripped binaries, import library, header,
+# docs, licences, SHA256SUMS) and dist/kwindel-<version>-x64-symbols.zip (debug information).
+# SIGN_CERT=cert.pem SIGN_KEY=key.pem [SIGN_PASSFILE=file] [SIGN_TSA=url] sign the DLL and tools.
+dist: release
+	@SIGN_CERT='$(SIGN_CERT)' SIGN_KEY='$(SIGN_KEY)' SIGN_PASSFILE='$(SIGN_PASSFILE)' SIGN_TSA='$(SIGN_TSA)' \
+	  scripts/dist.sh build/release dist
+
+# Builds the package twice from clean clones of the last commit (different folders, times, time
+# zones) and compares the bytes, then signs it with a throw-away certificate, verifies the
+# signatures and runs the demo with the signed binaries under Wine. Takes two full builds.
+dist-check: bootstrap
+	scripts/dist-check.sh build/dist-check
 
 test: bootstrap
 	cmake --preset tests
@@ -40,4 +53,4 @@ demo: release
 	scripts/demo.sh build/release
 
 clean:
-	rm -rf build
+	rm -rf build dist

@@ -12,6 +12,8 @@ if(NOT _kw_rc EQUAL 0)
   message(FATAL_ERROR "Could not fetch the source dependencies (tinyxml2, boost1.81) into ${KWINDEL_DEPS_DIR}")
 endif()
 set(_d ${KWINDEL_DEPS_DIR})
+# The cache's place differs between machines and users: the binaries name it /kwindel-deps.
+add_compile_options($<$<COMPILE_LANGUAGE:C,CXX>:-ffile-prefix-map=${_d}=/kwindel-deps>)
 
 # TinyXML-2: XML building, compact printing and parsing.
 add_library(tinyxml2 STATIC ${_d}/tinyxml2/tinyxml2.cpp)

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when they are missing.
+# Installs the Debian packages the build, the tests and the release package need, when missing.
 # As root it installs them; otherwise it prints the exact apt-get line and fails.
 # Quick (a few dpkg queries) when everything is present.
 set -euo pipefail
 pkgs=(mingw-w64 g++-mingw-w64-x86-64-posix wine64 cmake ninja-build googletest make xz-utils ca-certificates
-      apt-utils libzydis-dev libcapstone-dev python3-capstone openssl clang libclang-rt-14-dev llvm)
+      apt-utils libzydis-dev libcapstone-dev python3-capstone openssl clang libclang-rt-14-dev llvm
+      git python3 unzip osslsigncode)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -76,6 +76,7 @@ void usage(FILE* out) {
       "  --parent PID   stop when process PID ends (for test harnesses and scripts)\n"
       "  --port N       listen on N instead of 7886 (the library always sends to 7886)\n"
       "  --help         this text\n"
+      "  --version      print the version and exit\n"
       "Stops on Ctrl-C. One JSON line per message: tag, processname, operation, destination,\n"
       "usersid, files, answer (the document sent back, \"(empty)\", \"(silent)\", or null when the\n"
       "message expects none), then time and flags (audit records) or action (result reports).\n"
@@ -518,6 +519,9 @@ bool parse_options(int argc, wchar_t** argv, Options* o) {
     const bool has_value = i + 1 < argc;
     if (a == L"--help" || a == L"-h" || a == L"/?") {
       usage(stdout);
+      std::exit(kOk);
+    } else if (a == L"--version") {
+      std::printf("kwagent %s\n", KWINDEL_VERSION);
       std::exit(kOk);
     } else if (a == L"--silent") {
       o->silent = true;

@@ -32,6 +32,7 @@ void usage() {
       L"  --event NAME         stop when the named event is signalled\n"
       L"  --seconds N          stop after N seconds\n"
       L"  --stop NAME          signal the named event of a running kwctl and exit\n"
+      L"  --version            print the version and exit\n"
       L"Without --event or --seconds kwctl runs until Ctrl-C.\n");
 }
 
@@ -73,6 +74,7 @@ int wmain(int argc, wchar_t** argv) {
     std::wstring v;
     if (a == L"--dll" && next(&dll_path)) continue;
     if (a == L"--proc") { use_proc = true; continue; }
+    if (a == L"--version") { std::wprintf(L"kwctl %hs\n", KWINDEL_VERSION); return kOk; }
     if (a == L"--policy" && next(&v)) {
       wchar_t* end = nullptr;
       policy |= static_cast<DWORD>(std::wcstoul(v.c_str(), &end, 0));
