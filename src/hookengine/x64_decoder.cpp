@@ -75,8 +75,8 @@ const OpInfo kOneByte[256] = {
 };
 
 const OpInfo kTwoByte[256] = {
-  // 0F 00-0F: 0D prefetch, 0E femms, 0F 3DNow! (special-cased)
-  M, M, M, M, X, N, N, N,   N, N, X, N, X, M, N, P,
+  // 0F 00-0F: 0D prefetch; 0E femms and 0F 3DNow! are refused (see the header)
+  M, M, M, M, X, N, N, N,   N, N, X, N, X, M, X, X,
   // 10-1F
   M, M, M, M, M, M, M, M,   M, M, M, M, M, M, M, M,
   // 20-2F: 20-23 mov cr/dr (ModRM always a register form), 24-27 invalid
@@ -108,6 +108,184 @@ const OpInfo kTwoByte[256] = {
   // F0-FF: FF ud0
   M, M, M, M, M, M, M, M,   M, M, M, M, M, M, M, M,
 };
+
+// Which ModRM forms each opcode of the 0F, 0F 38 and 0F 3A maps defines, for each mandatory
+// prefix in the order none, 66, F3, F2: '.' undefined, 'a' any, 'm' memory operand only,
+// 'r' register operand only, '?' depends on the reg (and rm) field: see kGroups.
+const char kForms0F[] =
+    "???? ???? aaaa aaaa .... aaaa aaaa aaaa "  // 00
+    "aaaa aaaa .... aaaa .... aaaa .... .... "  // 08
+    "aaaa aaaa amaa mm.. aa.. aa.. ama. mm.. "  // 10
+    "aaaa aaaa ???? ???? aaaa aaaa aaaa aaaa "  // 18
+    "???? aaaa ???? aaaa .... .... .... .... "  // 20
+    "aa.. aa.. aaaa mmmm aaaa aaaa aa.. aa.. "  // 28
+    "aaaa aaaa aaaa aaaa aaaa aaaa .... a... "  // 30
+    ".... .... .... .... .... .... .... .... "  // 38
+    "aaaa aaaa aaaa aaaa aaaa aaaa aaaa aaaa "  // 40
+    "aaaa aaaa aaaa aaaa aaaa aaaa aaaa aaaa "  // 48
+    "rr.. aaaa a.a. a.a. aa.. aa.. aa.. aa.. "  // 50
+    "aaaa aaaa aaaa aaa. aaaa aaaa aaaa aaaa "  // 58
+    "aa.. aa.. aa.. aa.. aa.. aa.. aa.. aa.. "  // 60
+    "aa.. aa.. aa.. aa.. .a.. .a.. aa.. aaa. "  // 68
+    "aaaa ??.. ??.. ??.. aa.. aa.. aa.. a... "  // 70
+    "a?.r ar.r .... .... .a.a .a.a aaa. aaa. "  // 78
+    "aaaa aaaa aaaa aaaa aaaa aaaa aaaa aaaa "  // 80
+    "aaaa aaaa aaaa aaaa aaaa aaaa aaaa aaaa "  // 88
+    "aaaa aaaa aaaa aaaa aaaa aaaa aaaa aaaa "  // 90
+    "aaaa aaaa aaaa aaaa aaaa aaaa aaaa aaaa "  // 98
+    "aaaa aaaa aaaa aaaa aaaa aaaa ..?. ???. "  // A0
+    "aaaa aaaa aaaa aaaa aaaa aaaa ???? aaaa "  // A8
+    "aaaa aaaa mmmm aaaa mmmm mmmm aaaa aaaa "  // B0
+    "..a. aaaa ???? aaaa aaaa aaaa aaaa aaaa "  // B8
+    "aaaa aaaa aaaa m... aa.. rr.. aa.. ???? "  // C0
+    "aaaa aaaa aaaa aaaa aaaa aaaa aaaa aaaa "  // C8
+    ".a.a aa.. aa.. aa.. aa.. aa.. .arr rr.. "  // D0
+    "aa.. aa.. aa.. aa.. aa.. aa.. aa.. aa.. "  // D8
+    "aa.. aa.. aa.. aa.. aa.. aa.. .aaa mm.. "  // E0
+    "aa.. aa.. aa.. aa.. aa.. aa.. aa.. aa.. "  // E8
+    "...m aa.. aa.. aa.. aa.. aa.. aa.. rr.. "  // F0
+    "aa.. aa.. aa.. aa.. aa.. aa.. aa.. aaaa "  // F8
+;
+const char kForms0F38[] =
+    "aa.. aa.. aa.. aa.. aa.. aa.. aa.. aa.. "  // 00
+    "aa.. aa.. aa.. aa.. .... .... .... .... "  // 08
+    ".a.. .... .... .... .a.. .a.. .... .a.. "  // 10
+    ".... .... .... .... aa.. aa.. aa.. .... "  // 18
+    ".a.. .a.. .a.. .a.. .a.. .a.. .... .... "  // 20
+    ".a.. .a.. .m.. .a.. .... .... .... .... "  // 28
+    ".a.. .a.. .a.. .a.. .a.. .a.. .... .a.. "  // 30
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 38
+    ".a.. .a.. .... .... .... .... .... .... "  // 40
+    ".... .... .... .... .... .... .... .... "  // 48
+    ".... .... .... .... .... .... .... .... "  // 50
+    ".... .... .... .... .... .... .... .... "  // 58
+    ".... .... .... .... .... .... .... .... "  // 60
+    ".... .... .... .... .... .... .... .... "  // 68
+    ".... .... .... .... .... .... .... .... "  // 70
+    ".... .... .... .... .... .... .... .... "  // 78
+    ".m.. .m.. .m.. .... .... .... .... .... "  // 80
+    ".... .... .... .... .... .... .... .... "  // 88
+    ".... .... .... .... .... .... .... .... "  // 90
+    ".... .... .... .... .... .... .... .... "  // 98
+    ".... .... .... .... .... .... .... .... "  // A0
+    ".... .... .... .... .... .... .... .... "  // A8
+    ".... .... .... .... .... .... .... .... "  // B0
+    ".... .... .... .... .... .... .... .... "  // B8
+    ".... .... .... .... .... .... .... .... "  // C0
+    "a... a... a... a... a... a... .... .a.. "  // C8
+    ".... .... .... .... .... .... .... .... "  // D0
+    "..?. .... .... .a.. .aa. .am. .am. .am. "  // D8
+    ".... .... .... .... .... .... .... .... "  // E0
+    ".... .... .... .... .... .... .... .... "  // E8
+    "mm.a mm.a .... .... .... .m.. maa. .... "  // F0
+    ".mmm m... ..r. ..r. .... .... .... .... "  // F8
+;
+const char kForms0F3A[] =
+    ".... .... .... .... .... .... .... .... "  // 00
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. aa.. "  // 08
+    ".... .... .... .... .a.. .a.. .a.. .a.. "  // 10
+    ".... .... .... .... .... .... .... .... "  // 18
+    ".a.. .a.. .a.. .... .... .... .... .... "  // 20
+    ".... .... .... .... .... .... .... .... "  // 28
+    ".... .... .... .... .... .... .... .... "  // 30
+    ".... .... .... .... .... .... .... .... "  // 38
+    ".a.. .a.. .a.. .... .a.. .... .... .... "  // 40
+    ".... .... .... .... .... .... .... .... "  // 48
+    ".... .... .... .... .... .... .... .... "  // 50
+    ".... .... .... .... .... .... .... .... "  // 58
+    ".a.. .a.. .a.. .a.. .... .... .... .... "  // 60
+    ".... .... .... .... .... .... .... .... "  // 68
+    ".... .... .... .... .... .... .... .... "  // 70
+    ".... .... .... .... .... .... .... .... "  // 78
+    ".... .... .... .... .... .... .... .... "  // 80
+    ".... .... .... .... .... .... .... .... "  // 88
+    ".... .... .... .... .... .... .... .... "  // 90
+    ".... .... .... .... .... .... .... .... "  // 98
+    ".... .... .... .... .... .... .... .... "  // A0
+    ".... .... .... .... .... .... .... .... "  // A8
+    ".... .... .... .... .... .... .... .... "  // B0
+    ".... .... .... .... .... .... .... .... "  // B8
+    ".... .... .... .... .... .... .... .... "  // C0
+    ".... .... .... .... a... .... .a.. .a.. "  // C8
+    ".... .... .... .... .... .... .... .... "  // D0
+    ".... .... .... .... .... .... .... .a.. "  // D8
+    ".... .... .... .... .... .... .... .... "  // E0
+    ".... .... .... .... .... .... .... .... "  // E8
+    "..?. .... .... .... .... .... .... .... "  // F0
+    ".... .... .... .... .... .... .... .... "  // F8
+;
+
+enum Mandatory : uint8_t { kNone, k66, kF3, kF2, kAny };
+
+// Opcodes whose defined forms depend on the ModRM reg field (and, for register operands, on
+// rm): for a map (0 one-byte, 1 0F, 2 0F 38, 3 0F 3A) and mandatory prefix, bit r of mem_regs
+// allows a memory operand with reg == r, bit (modrm - 0xC0) of reg_modrm a register operand.
+struct Group {
+  uint8_t map, op;
+  Mandatory prefix;
+  uint8_t mem_regs;
+  uint64_t reg_modrm;
+};
+const Group kGroups[] = {
+  // One-byte map: mov to/from segment registers (no /6, /7; no mov to cs), lea, pop, mov imm
+  // and xabort/xbegin (C6/C7 F8 only), inc/dec, group 5; x87 escapes with their reserved forms.
+  {0, 0x8C, kAny, 0x3F, 0x0000FFFFFFFFFFFFULL},
+  {0, 0x8D, kAny, 0xFF, 0},
+  {0, 0x8E, kAny, 0x3D, 0x0000FFFFFFFF00FFULL},
+  {0, 0x8F, kAny, 0x01, 0x00000000000000FFULL},
+  {0, 0xC6, kAny, 0x01, 0x01000000000000FFULL},
+  {0, 0xC7, kAny, 0x01, 0x01000000000000FFULL},
+  {0, 0xFE, kAny, 0x03, 0x000000000000FFFFULL},
+  {0, 0xFF, kAny, 0x7F, 0x00FF00FF00FFFFFFULL},
+  {0, 0xD8, kAny, 0xFF, 0xFFFFFFFFFFFFFFFFULL},
+  {0, 0xD9, kAny, 0xFD, 0xFFFF7F33FF01FFFFULL},
+  {0, 0xDA, kAny, 0xFF, 0x00000200FFFFFFFFULL},
+  {0, 0xDB, kAny, 0xAF, 0x00FFFF1FFFFFFFFFULL},
+  {0, 0xDC, kAny, 0xFF, 0xFFFFFFFFFFFFFFFFULL},
+  {0, 0xDD, kAny, 0xDF, 0x0000FFFFFFFFFFFFULL},
+  {0, 0xDE, kAny, 0xFF, 0xFFFFFFFF02FFFFFFULL},
+  {0, 0xDF, kAny, 0xFF, 0x00FFFF01FFFFFFFFULL},
+  // 0F map: system groups 6 and 7, MPX, mov cr (cr0, cr2-cr4), shifts by imm8, vmread and
+  // SSE4a, VIA PadLock, group 15 (fences, fsgsbase, ...), bit tests by imm8, group 9.
+  {1, 0x00, kAny, 0x3F, 0x0000FFFFFFFFFFFFULL},
+  {1, 0x01, kNone, 0xDF, 0xFFFFC1FFFFF38F3FULL},
+  {1, 0x01, k66, 0xDF, 0x33FF00FFFF00F000ULL},
+  {1, 0x01, kF3, 0xFF, 0xF7FFF5FFFF000000ULL},
+  {1, 0x01, kF2, 0xDF, 0xF3FF03FFFF000000ULL},
+  {1, 0x1A, kNone, 0x0F, 0xFFFFFFFFFFFFFFFFULL},
+  {1, 0x1A, k66, 0x0F, 0x000000000F0F0F0FULL},
+  {1, 0x1A, kF3, 0x0F, 0x00000000FFFFFFFFULL},
+  {1, 0x1A, kF2, 0x0F, 0x00000000FFFFFFFFULL},
+  {1, 0x1B, kNone, 0x0F, 0xFFFFFFFFFFFFFFFFULL},
+  {1, 0x1B, k66, 0x0F, 0x000000000F0F0F0FULL},
+  {1, 0x1B, kF3, 0x0F, 0xFFFFFFFFFFFFFFFFULL},
+  {1, 0x1B, kF2, 0x0F, 0x00000000FFFFFFFFULL},
+  {1, 0x20, kAny, 0x1D, 0x000000FFFFFF00FFULL},
+  {1, 0x22, kAny, 0x1D, 0x000000FFFFFF00FFULL},
+  {1, 0x71, kNone, 0x00, 0x00FF00FF00FF0000ULL},
+  {1, 0x71, k66, 0x00, 0x00FF00FF00FF0000ULL},
+  {1, 0x72, kNone, 0x00, 0x00FF00FF00FF0000ULL},
+  {1, 0x72, k66, 0x00, 0x00FF00FF00FF0000ULL},
+  {1, 0x73, kNone, 0x00, 0x00FF000000FF0000ULL},
+  {1, 0x73, k66, 0x00, 0xFFFF0000FFFF0000ULL},
+  {1, 0x78, k66, 0x00, 0x00000000000000FFULL},
+  {1, 0xA6, kF3, 0x00, 0x0000000000010101ULL},
+  {1, 0xA7, kNone, 0x00, 0x0000000000000001ULL},
+  {1, 0xA7, k66, 0x00, 0x0000000000000001ULL},
+  {1, 0xA7, kF3, 0x00, 0x0000010101010101ULL},
+  {1, 0xAE, kNone, 0xFF, 0xFFFFFF0000000000ULL},
+  {1, 0xAE, k66, 0xC0, 0x00FF000000000000ULL},
+  {1, 0xAE, kF3, 0x50, 0x00FFFFFFFFFFFFFFULL},
+  {1, 0xAE, kF2, 0x00, 0x00FF000000000000ULL},
+  {1, 0xBA, kAny, 0xF0, 0xFFFFFFFF00000000ULL},
+  {1, 0xC7, kNone, 0xFA, 0xFFFF000000000000ULL},
+  {1, 0xC7, k66, 0x42, 0xFFFF000000000000ULL},
+  {1, 0xC7, kF3, 0x42, 0xFFFF000000000000ULL},
+  {1, 0xC7, kF2, 0x02, 0},
+  // 0F 38 D8 (Key Locker aes*kl) and 0F 3A F0 (hreset).
+  {2, 0xD8, kF3, 0x0F, 0},
+  {3, 0xF0, kF3, 0x00, 0x0000000000000001ULL},
+};
 // clang-format on
 
 bool is_legacy_prefix(uint8_t b) {
@@ -127,7 +305,7 @@ bool is_legacy_prefix(uint8_t b) {
   }
 }
 
-// Immediate size after ModRM for VEX/EVEX/legacy maps 0F, 0F38 and 0F3A when the map is known.
+// Immediate size after ModRM for VEX/EVEX maps 0F, 0F38 and 0F3A.
 size_t vex_imm_size(unsigned map, uint8_t op) {
   if (map == 3) return 1;
   if (map == 1) {
@@ -159,6 +337,31 @@ bool lock_allowed(unsigned map, uint8_t op, uint8_t modrm, bool has_modrm) {
   return false;
 }
 
+// Whether the legacy-encoded opcode `op` of `map` defines the form that `modrm` selects, under
+// the mandatory prefix in effect.
+bool form_defined(unsigned map, uint8_t op, Mandatory prefix, uint8_t modrm) {
+  char form = '?';
+  if (map != 0) {
+    const char* forms = map == 1 ? kForms0F : map == 2 ? kForms0F38 : kForms0F3A;
+    // Five characters per opcode: its four forms and a space.
+    form = forms[op * 5 + prefix];
+  }
+  const bool reg_form = (modrm >> 6) == 3;
+  switch (form) {
+    case '.': return false;
+    case 'a': return true;
+    case 'm': return !reg_form;
+    case 'r': return reg_form;
+    default: break;
+  }
+  for (const Group& g : kGroups) {
+    if (g.map != map || g.op != op || (g.prefix != kAny && g.prefix != prefix)) continue;
+    return reg_form ? ((g.reg_modrm >> (modrm - 0xC0)) & 1) != 0
+                    : ((g.mem_regs >> ((modrm >> 3) & 7)) & 1) != 0;
+  }
+  return map == 0;  // one-byte opcodes without a row define every form
+}
+
 struct Cursor {
   const uint8_t* code;
   size_t limit;  // min(available, 15)
@@ -180,6 +383,222 @@ struct Cursor {
   }
 };
 
+// What the prefix phase found. A REX prefix counts only right before the opcode.
+struct Prefixes {
+  bool opsize = false, addrsize = false, lock = false;
+  uint8_t rep = 0;  // the last F2/F3
+  uint8_t rex = 0;
+  Mandatory mandatory() const {
+    return rep == 0xF3 ? kF3 : rep == 0xF2 ? kF2 : opsize ? k66 : kNone;
+  }
+};
+
+// What the opcode phase found: the map, the opcode byte and the operand bytes that follow it.
+struct Opcode {
+  uint8_t first = 0;  // first byte after the prefixes (0F, C4, C5, 62 or the one-byte opcode)
+  uint8_t op = 0;
+  unsigned map = 0;  // 0 one-byte, 1 0F, 2 0F38, 3 0F3A (also for VEX/EVEX), 5/6 EVEX
+  bool vex_like = false;  // VEX or EVEX
+  bool has_modrm = false;
+  size_t imm_size = 0;
+};
+
+bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first) {
+  for (;;) {
+    uint8_t b = 0;
+    if (!c->take(&b)) return false;
+    if (is_legacy_prefix(b)) {
+      p->rex = 0;
+      if (b == 0x66)
+        p->opsize = true;
+      else if (b == 0x67)
+        p->addrsize = true;
+      else if (b == 0xF2 || b == 0xF3)
+        p->rep = b;
+      else if (b == 0xF0)
+        p->lock = true;
+      continue;
+    }
+    if ((b & 0xF0) == 0x40) {
+      p->rex = b;
+      continue;
+    }
+    *first = b;
+    return true;
+  }
+}
+
+// VEX (C4/C5) and EVEX (62): the payload, the map and the opcode byte.
+bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
+  if (p.rex != 0 || p.opsize || p.rep || p.lock) return false;  // REX/66/F2/F3/F0 first: #UD
+  uint8_t p0 = 0;
+  if (!c->peek(&p0)) return false;
+  o->vex_like = true;
+  if (o->first == 0xC5) {
+    if (!c->skip(1)) return false;
+    o->map = 1;
+  } else if (o->first == 0xC4) {
+    if (!c->skip(2)) return false;
+    o->map = p0 & 0x1F;
+    if (o->map < 1 || o->map > 3) return false;
+  } else {
+    uint8_t e[3];
+    for (auto& x : e)
+      if (!c->take(&x)) return false;
+    // P1 bit 2 clear would be Knights Corner's MVEX: #UD on every other CPU.
+    if ((e[0] & 0x08) != 0 || (e[1] & 0x04) == 0) return false;
+    o->map = e[0] & 0x07;
+    if (o->map == 0 || o->map == 4 || o->map == 7) return false;
+  }
+  if (!c->take(&o->op)) return false;
+  insn->opcode_offset = static_cast<uint8_t>(c->pos - 1);
+  o->has_modrm = true;
+  o->imm_size = o->map <= 3 ? vex_imm_size(o->map, o->op) : 0;
+  if (o->first != 0x62 && o->map == 1) {
+    if (o->op == 0x77) o->has_modrm = false;  // vzeroupper / vzeroall
+    // VEX 0F 84/85 exist only on Knights Corner (jkzd/jknzd); #UD everywhere else.
+    if (o->op == 0x84 || o->op == 0x85) return false;
+  }
+  return true;
+}
+
+// Legacy opcodes: the escape bytes, the opcode and its immediate.
+bool read_legacy_opcode(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
+  o->op = o->first;
+  OpInfo info;
+  if (o->first == 0x0F) {
+    if (!c->take(&o->op)) return false;
+    if (o->op == 0x38 || o->op == 0x3A) {
+      o->map = o->op == 0x38 ? 2 : 3;
+      if (!c->take(&o->op)) return false;
+      info = o->map == 2 ? M : MB;
+    } else {
+      o->map = 1;
+      info = kTwoByte[o->op];
+      const Mandatory m = p.mandatory();
+      if (o->op == 0x78 && (m == k66 || m == kF2)) {
+        // SSE4a EXTRQ (66) / INSERTQ (F2): two imm8 after a register-form ModRM.
+        info = M;
+        o->imm_size = 2;
+      }
+    }
+  } else {
+    info = kOneByte[o->first];
+    if (o->first == 0xC8)
+      info = OpInfo{true, false, kIwb};
+    else if (o->first >= 0xA0 && o->first <= 0xA3)
+      info = OpInfo{true, false, kMoffs};
+    else if (o->first >= 0xB8 && o->first <= 0xBF)
+      info = OpInfo{true, false, kIv};
+    else if (o->first == 0x8F)
+      info = M;
+  }
+  insn->opcode_offset = static_cast<uint8_t>(c->pos - 1);
+  if (!info.valid) return false;
+  o->has_modrm = info.modrm;
+  const bool rex_w = (p.rex & 0x08) != 0;
+  switch (info.imm) {
+    case kI0: break;
+    case kIb: o->imm_size = 1; break;
+    case kIw: o->imm_size = 2; break;
+    case kIz: o->imm_size = p.opsize && !rex_w ? 2 : 4; break;  // REX.W overrides 66
+    case kIv: o->imm_size = rex_w ? 8 : (p.opsize ? 2 : 4); break;
+    case kIwb: o->imm_size = 3; break;
+    case kMoffs: o->imm_size = p.addrsize ? 4 : 8; break;
+    case kRel8: o->imm_size = 1; break;
+    case kRelz: o->imm_size = 4; break;
+  }
+  // 0F map opcodes without ModRM still depend on the mandatory prefix (e.g. 0F 77 emms).
+  if (o->map != 0 && !o->has_modrm && !form_defined(o->map, o->op, p.mandatory(), 0xC0))
+    return false;
+  return true;
+}
+
+// A legacy opcode's ModRM: whether it selects a defined form, and what it changes in the
+// immediate (F6/F7 test) or the branch (C7 F8 xbegin).
+bool check_legacy_modrm(const Prefixes& p, Opcode* o, uint8_t modrm, Instruction* insn) {
+  if (!form_defined(o->map, o->op, p.mandatory(), modrm)) return false;
+  const uint8_t reg = (modrm >> 3) & 7;
+  const bool rex_w = (p.rex & 0x08) != 0, rex_r = (p.rex & 0x04) != 0;
+  if (o->map == 1 && o->op >= 0x20 && o->op <= 0x23 && rex_r) {
+    // cr8 is the only control register above cr4; there are no debug registers above dr7.
+    if (o->op == 0x21 || o->op == 0x23 || reg != 0) return false;
+  }
+  const Mandatory m = p.mandatory();
+  const bool reg_form = (modrm >> 6) == 3;
+  const bool hint_nop = reg_form && (m == kNone || (m == kF3 && o->op == 0x1B));
+  if (o->map == 1 && (o->op == 0x1A || o->op == 0x1B) && !hint_nop) {
+    // MPX: bnd0-bnd3 only; bndldx/bndstx (no prefix) and bndmk (F3 0F 1B) take no [rip].
+    const bool rip = (modrm & 0xC7) == 0x05;
+    if (rex_r || (m == k66 && reg_form && (p.rex & 0x01) != 0)) return false;
+    if (rip && (m == kNone || (m == kF3 && o->op == 0x1B))) return false;
+  }
+  if (o->map != 0) return true;
+  if ((o->op == 0xF6 || o->op == 0xF7) && reg < 2)
+    o->imm_size = o->op == 0xF6 ? 1 : (p.opsize && !rex_w ? 2 : 4);
+  if (o->op == 0xC7 && modrm == 0xF8) {  // XBEGIN rel32 (rel16 with 66, unless REX.W)
+    o->imm_size = p.opsize && !rex_w ? 2 : 4;
+    insn->branch = BranchKind::kXbegin;
+  }
+  return true;
+}
+
+// ModRM, SIB and displacement. mov cr/dr (0F 20-23) ignore mod: always a register operand.
+bool read_modrm(Cursor* c, const Opcode& o, uint8_t* modrm, Instruction* insn) {
+  if (!c->take(modrm)) return false;
+  const uint8_t mod = *modrm >> 6, rm = *modrm & 7;
+  const bool force_reg = !o.vex_like && o.map == 1 && o.op >= 0x20 && o.op <= 0x23;
+  if (mod == 3 || force_reg) return true;
+  if (rm == 4) {
+    uint8_t sib = 0;
+    if (!c->take(&sib)) return false;
+    if (mod == 0 && (sib & 7) == 5) {
+      insn->disp_offset = static_cast<uint8_t>(c->pos);
+      return c->skip(4);
+    }
+  } else if (mod == 0 && rm == 5) {
+    insn->rip_relative = true;
+    insn->disp_offset = static_cast<uint8_t>(c->pos);
+    return c->skip(4);
+  }
+  if (mod == 1 || mod == 2) {
+    insn->disp_offset = static_cast<uint8_t>(c->pos);
+    return c->skip(mod == 1 ? 1 : 4);
+  }
+  return true;
+}
+
+// Relative branches and how the instruction ends the fall-through path.
+void classify(const Opcode& o, uint8_t modrm, Instruction* insn) {
+  if (o.vex_like) return;
+  const uint8_t b = o.op;
+  if (o.map == 0) {
+    if (b >= 0x70 && b <= 0x7F)
+      insn->branch = BranchKind::kJccRel8;
+    else if (b == 0xE0 || b == 0xE1 || b == 0xE2)
+      insn->branch = BranchKind::kLoop;
+    else if (b == 0xE3)
+      insn->branch = BranchKind::kJrcxz;
+    else if (b == 0xE8)
+      insn->branch = BranchKind::kCallRel32;
+    else if (b == 0xE9)
+      insn->branch = BranchKind::kJmpRel32;
+    else if (b == 0xEB)
+      insn->branch = BranchKind::kJmpRel8;
+
+    const uint8_t reg = (modrm >> 3) & 7;
+    if (b == 0xC2 || b == 0xC3 || b == 0xCA || b == 0xCB || b == 0xCF)
+      insn->flow = FlowKind::kReturn;
+    else if (b == 0xE9 || b == 0xEB || (b == 0xFF && (reg == 4 || reg == 5)))
+      insn->flow = FlowKind::kJumpAlways;
+    else if (b == 0xCC)
+      insn->flow = FlowKind::kInt3;
+  } else if (o.map == 1) {
+    if (b >= 0x80 && b <= 0x8F) insn->branch = BranchKind::kJccRel32;
+    if (b == 0x0B || b == 0xB9 || b == 0xFF) insn->flow = FlowKind::kUndefined;
+  }
+}
+
 bool fail(Instruction* out) {
   *out = Instruction{};
   return false;
@@ -188,227 +607,38 @@ bool fail(Instruction* out) {
 }  // namespace
 
 bool decode(const uint8_t* code, size_t available, Instruction* out) {
+  if (code == nullptr) return fail(out);
   Instruction insn;
   Cursor c{code, available < kMaxLength ? available : kMaxLength};
-  if (code == nullptr) return fail(out);
 
-  bool opsize = false, addrsize = false, rep = false, lock = false;
-  uint8_t rex = 0;
-  uint8_t b = 0;
-  // Legacy prefixes and REX. A REX prefix counts only right before the opcode.
-  for (;;) {
-    if (!c.take(&b)) return fail(out);
-    if (is_legacy_prefix(b)) {
-      rex = 0;
-      if (b == 0x66)
-        opsize = true;
-      else if (b == 0x67)
-        addrsize = true;
-      else if (b == 0xF2 || b == 0xF3)
-        rep = true;
-      else if (b == 0xF0)
-        lock = true;
-      continue;
-    }
-    if ((b & 0xF0) == 0x40) {
-      rex = b;
-      continue;
-    }
-    break;
-  }
-  insn.operand_size_prefix = opsize;
-  insn.address_size_prefix = addrsize;
-  const bool rex_w = (rex & 0x08) != 0;
+  Prefixes p;
+  Opcode o;
+  if (!read_prefixes(&c, &p, &o.first)) return fail(out);
+  insn.operand_size_prefix = p.opsize;
+  insn.address_size_prefix = p.addrsize;
 
-  // Opcode: determine map, table entry, ModRM presence and immediate size.
-  unsigned map = 0;  // 0 one-byte, 1 0F, 2 0F38, 3 0F3A, 8/9/10 XOP
-  bool has_modrm = false;
-  size_t imm_size = 0;
-  bool force_reg_modrm = false;  // mov cr/dr: mod field ignored
-  bool vex_like = false;
-  uint8_t op = b;
+  // 8F is pop r/m (legacy) unless the next byte's map field is 8 or more: AMD's XOP, refused.
+  uint8_t next = 0;
+  if (o.first == 0x8F && c.peek(&next) && (next & 0x1F) >= 8) return fail(out);
+  const bool vex = o.first == 0xC4 || o.first == 0xC5 || o.first == 0x62;
+  if (!(vex ? read_vex(&c, p, &o, &insn) : read_legacy_opcode(&c, p, &o, &insn)))
+    return fail(out);
 
-  if (b == 0xC4 || b == 0xC5 || b == 0x62 || b == 0x8F) {
-    // VEX (C4/C5) and EVEX (62) are always such in 64-bit mode; 8F is XOP when the next byte's
-    // map field is 8 or more, otherwise pop r/m.
-    uint8_t p0 = 0;
-    if (!c.peek(&p0)) return fail(out);
-    if (b == 0x8F && (p0 & 0x1F) < 8) {
-      // pop r/m64: handled as a plain one-byte opcode below.
-    } else {
-      if (rex != 0 || opsize || rep || lock)
-        return fail(out);  // REX/66/F2/F3/F0 before VEX/EVEX/XOP: #UD
-      vex_like = true;
-      if (b == 0xC5) {
-        if (!c.skip(1)) return fail(out);
-        map = 1;
-      } else if (b == 0xC4) {
-        if (!c.skip(2)) return fail(out);
-        map = p0 & 0x1F;
-        if (map < 1 || map > 3) return fail(out);
-      } else if (b == 0x62) {
-        uint8_t p[3];
-        for (auto& x : p)
-          if (!c.take(&x)) return fail(out);
-        // P1 bit 2 clear would be Knights Corner's MVEX: #UD on every other CPU.
-        if ((p[0] & 0x08) != 0 || (p[1] & 0x04) == 0) return fail(out);
-        map = p[0] & 0x07;
-        if (map == 0 || map == 4 || map == 7) return fail(out);
-      } else {  // XOP
-        if (!c.skip(2)) return fail(out);
-        map = p0 & 0x1F;
-        if (map < 8 || map > 10) return fail(out);
-      }
-      if (!c.take(&op)) return fail(out);
-      insn.opcode_offset = static_cast<uint8_t>(c.pos - 1);
-      has_modrm = true;
-      if (map == 8)
-        imm_size = 1;
-      else if (map == 10)
-        imm_size = 4;
-      else if (map <= 3)
-        imm_size = vex_imm_size(map, op);
-      if (b == 0xC4 || b == 0xC5) {
-        if (map == 1 && op == 0x77) has_modrm = false;  // vzeroupper / vzeroall
-        // VEX 0F 84/85 exist only on Knights Corner (jkzd/jknzd); #UD everywhere else.
-        if (map == 1 && (op == 0x84 || op == 0x85)) return fail(out);
-      }
-    }
-  }
-
-  if (!vex_like) {
-    op = b;
-    insn.opcode_offset = static_cast<uint8_t>(c.pos - 1);
-    OpInfo info;
-    if (b == 0x0F) {
-      if (!c.take(&op)) return fail(out);
-      if (op == 0x38 || op == 0x3A) {
-        map = op == 0x38 ? 2 : 3;
-        if (!c.take(&op)) return fail(out);
-        info = map == 2 ? M : MB;
-      } else {
-        map = 1;
-        info = kTwoByte[op];
-        if (op == 0x0F) info = MB;  // 3DNow!: ModRM, then the opcode as an imm8 suffix
-        if (op >= 0x20 && op <= 0x23) force_reg_modrm = true;
-        if (op == 0x78 && (opsize || rep)) {
-          // SSE4a EXTRQ (66) / INSERTQ (F2): two imm8 after a register-form ModRM.
-          info = M;
-          imm_size = 2;
-        }
-      }
-      insn.opcode_offset = static_cast<uint8_t>(c.pos - 1);
-    } else {
-      info = kOneByte[b];
-      if (b == 0xC8)
-        info = OpInfo{true, false, kIwb};
-      else if (b >= 0xA0 && b <= 0xA3)
-        info = OpInfo{true, false, kMoffs};
-      else if (b >= 0xB8 && b <= 0xBF)
-        info = OpInfo{true, false, kIv};
-      else if (b == 0x8F)
-        info = M;
-    }
-    if (!info.valid) return fail(out);
-    has_modrm = info.modrm;
-    switch (info.imm) {
-      case kI0: break;
-      case kIb: imm_size = 1; break;
-      case kIw: imm_size = 2; break;
-      case kIz: imm_size = opsize && !rex_w ? 2 : 4; break;  // REX.W overrides 66
-      case kIv: imm_size = rex_w ? 8 : (opsize ? 2 : 4); break;
-      case kIwb: imm_size = 3; break;
-      case kMoffs: imm_size = addrsize ? 4 : 8; break;
-      case kRel8: imm_size = 1; break;
-      case kRelz: imm_size = 4; break;
-    }
-  }
-
-  // ModRM, SIB, displacement.
   uint8_t modrm = 0;
-  if (has_modrm) {
-    if (!c.take(&modrm)) return fail(out);
-    const uint8_t mod = modrm >> 6, reg = (modrm >> 3) & 7, rm = modrm & 7;
-    if (!vex_like && map == 0) {
-      // Opcode extensions that change the immediate or validity.
-      if ((b == 0xF6 || b == 0xF7) && reg < 2)
-        imm_size = b == 0xF6 ? 1 : (opsize && !rex_w ? 2 : 4);
-      if (b == 0xFE && reg > 1) return fail(out);
-      if (b == 0xFF && (reg == 7 || ((reg == 3 || reg == 5) && mod == 3))) return fail(out);
-      if (b == 0x8F && reg != 0) return fail(out);
-      if (b == 0xC6 || b == 0xC7) {
-        if (reg == 7) {
-          if (modrm != 0xF8) return fail(out);
-          if (b == 0xC7) {  // XBEGIN rel32 (rel16 with 66, unless REX.W overrides it)
-            imm_size = opsize && !rex_w ? 2 : 4;
-            insn.branch = BranchKind::kXbegin;
-          }
-        } else if (reg != 0) {
-          return fail(out);
-        }
-      }
-      if (b == 0x8D && mod == 3) return fail(out);  // lea needs memory
-    }
-    if (mod != 3 && !force_reg_modrm) {
-      if (rm == 4) {
-        uint8_t sib = 0;
-        if (!c.take(&sib)) return fail(out);
-        if (mod == 0 && (sib & 7) == 5) {
-          insn.disp_offset = static_cast<uint8_t>(c.pos);
-          if (!c.skip(4)) return fail(out);
-        }
-      } else if (mod == 0 && rm == 5) {
-        insn.rip_relative = true;
-        insn.disp_offset = static_cast<uint8_t>(c.pos);
-        if (!c.skip(4)) return fail(out);
-      }
-      if (mod == 1) {
-        insn.disp_offset = static_cast<uint8_t>(c.pos);
-        if (!c.skip(1)) return fail(out);
-      } else if (mod == 2) {
-        insn.disp_offset = static_cast<uint8_t>(c.pos);
-        if (!c.skip(4)) return fail(out);
-      }
-    }
+  if (o.has_modrm) {
+    if (!c.peek(&modrm)) return fail(out);
+    if (!o.vex_like && !check_legacy_modrm(p, &o, modrm, &insn)) return fail(out);
+    if (!read_modrm(&c, o, &modrm, &insn)) return fail(out);
   }
+  if (p.lock && !o.vex_like && !lock_allowed(o.map, o.op, modrm, o.has_modrm)) return fail(out);
 
-  if (lock && !vex_like && !lock_allowed(map, op, modrm, has_modrm)) return fail(out);
-
-  // Immediate / relative displacement.
   const size_t imm_offset = c.pos;
-  if (!c.skip(imm_size)) return fail(out);
+  if (!c.skip(o.imm_size)) return fail(out);
 
-  // Classification.
-  if (!vex_like) {
-    if (map == 0) {
-      if (b >= 0x70 && b <= 0x7F)
-        insn.branch = BranchKind::kJccRel8;
-      else if (b == 0xE0 || b == 0xE1 || b == 0xE2)
-        insn.branch = BranchKind::kLoop;
-      else if (b == 0xE3)
-        insn.branch = BranchKind::kJrcxz;
-      else if (b == 0xE8)
-        insn.branch = BranchKind::kCallRel32;
-      else if (b == 0xE9)
-        insn.branch = BranchKind::kJmpRel32;
-      else if (b == 0xEB)
-        insn.branch = BranchKind::kJmpRel8;
-
-      const uint8_t reg = (modrm >> 3) & 7;
-      if (b == 0xC2 || b == 0xC3 || b == 0xCA || b == 0xCB || b == 0xCF)
-        insn.flow = FlowKind::kReturn;
-      else if (b == 0xE9 || b == 0xEB || (b == 0xFF && (reg == 4 || reg == 5)))
-        insn.flow = FlowKind::kJumpAlways;
-      else if (b == 0xCC)
-        insn.flow = FlowKind::kInt3;
-    } else if (map == 1) {
-      if (op >= 0x80 && op <= 0x8F) insn.branch = BranchKind::kJccRel32;
-      if (op == 0x0B || op == 0xB9 || op == 0xFF) insn.flow = FlowKind::kUndefined;
-    }
-  }
+  classify(o, modrm, &insn);
   if (insn.branch != BranchKind::kNone) {
     insn.rel_offset = static_cast<uint8_t>(imm_offset);
-    insn.rel_size = static_cast<uint8_t>(imm_size);
+    insn.rel_size = static_cast<uint8_t>(o.imm_size);
   }
   insn.length = static_cast<uint8_t>(c.pos);
   insn.valid = true;
