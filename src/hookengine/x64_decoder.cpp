@@ -215,6 +215,110 @@ const char kForms0F3A[] =
     ".... .... .... .... .... .... .... .... "  // F8
 ;
 
+// The same for VEX (C4/C5) maps 0F, 0F 38 and 0F 3A, by the pp field, for any VEX.L and VEX.W.
+const char kFormsVex0F[] =
+    ".... .... .... .... .... .... .... .... "  // 00
+    ".... .... .... .... .... .... .... .... "  // 08
+    "aaaa aaaa amaa mm.. aa.. aa.. ama. mm.. "  // 10
+    "m... .... .... .... .... .... .... .... "  // 18
+    ".... .... .... .... .... .... .... .... "  // 20
+    "aa.. aa.. ..aa mm.. ..aa ..aa aa.. aa.. "  // 28
+    ".... .... .... .... .... .... .... .... "  // 30
+    ".... .... .... .... .... .... .... .... "  // 38
+    ".... rr.. rr.. r... rr.. rr.. rr.. rr.. "  // 40
+    "r... r... rr.. rr.. .... .... .... .... "  // 48
+    "rr.. aaaa a.a. a.a. aa.. aa.. aa.. aa.. "  // 50
+    "aaaa aaaa aaaa aaa. aaaa aaaa aaaa aaaa "  // 58
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 60
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .aa. "  // 68
+    ".aaa .?.. .?.. .?.. .a.. .a.. .a.. a... "  // 70
+    ".... .... .... .... .a.a .a.a .aa. .aa. "  // 78
+    ".... .... .... .... a... a... .... .... "  // 80
+    ".... .... .... .... .... .... .... .... "  // 88
+    "aa.. mm.. rr.r rr.r .... r... .... r... "  // 90
+    "rr.. rr.. .... .... .... .... .... .... "  // 98
+    ".... .... .... .... .... .... .... .... "  // A0
+    ".... .... .... .... .... .... ?.?? .... "  // A8
+    ".... .... .... .... .... .... .... .... "  // B0
+    "..r. .... .... .... ..rr ..r. .... .... "  // B8
+    ".... .... aaaa .... .a.. .r.. aa.. .... "  // C0
+    ".... .... .... .... .... .... .... .... "  // C8
+    ".a.a .a.. .a.. .a.. .a.. .a.. .a.. .r.. "  // D0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // D8
+    ".a.. .a.. .a.. .a.. .a.. .a.. .aaa .m.. "  // E0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // E8
+    "...m .a.. .a.. .a.. .a.. .a.. .a.. .r.. "  // F0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .... "  // F8
+;
+const char kFormsVex0F38[] =
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 00
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 08
+    ".... .... .... .a.. .... .... .a.. .a.. "  // 10
+    ".a.. .a.. .m.. .... .a.. .a.. .a.. .... "  // 18
+    ".a.. .a.. .a.. .a.. .a.. .a.. .... .... "  // 20
+    ".a.. .a.. .m.. .a.. .m.. .m.. .m.. .m.. "  // 28
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 30
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 38
+    ".a.. .a.. .... .... .... .a.. .a.. .a.. "  // 40
+    ".... ??.r .... .... .... .... .... .... "  // 48
+    ".a.. .a.. .a.. .a.. .... .... .... .... "  // 50
+    ".a.. .a.. .m.. .... .... .... .... .... "  // 58
+    ".... .... .... .... .... .... .... .... "  // 60
+    ".... .... .... .... .... .... .... .... "  // 68
+    ".... .... .... .... .... .... .... .... "  // 70
+    ".a.. .a.. .... .... .... .... .... .... "  // 78
+    ".... .... .... .... .... .... .... .... "  // 80
+    ".... .... .... .... .m.. .... .m.. .... "  // 88
+    ".... .... .... .... .... .... .a.. .a.. "  // 90
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 98
+    ".... .... .... .... .... .... .a.. .a.. "  // A0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // A8
+    ".... .... .... .... .... .... .a.. .a.. "  // B0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // B8
+    ".... .... .... .... .... .... .... .... "  // C0
+    ".... .... .... .... .... .... .... .a.. "  // C8
+    ".... .... .... .... .... .... .... .... "  // D0
+    ".... .... .... .a.. .a.. .a.. .a.. .a.. "  // D8
+    ".... .... .... .... .... .... .... .... "  // E0
+    ".... .... .... .... .... .... .... .... "  // E8
+    ".... .... a... ?... .... a.aa ...a aaaa "  // F0
+    ".... .... .... .... .... .... .... .... "  // F8
+;
+const char kFormsVex0F3A[] =
+    ".a.. .a.. .a.. .... .a.. .a.. .a.. .... "  // 00
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 08
+    ".... .... .... .... .a.. .a.. .a.. .a.. "  // 10
+    ".a.. .a.. .... .... .... .a.. .... .... "  // 18
+    ".a.. .a.. .a.. .... .... .... .... .... "  // 20
+    ".... .... .... .... .... .... .... .... "  // 28
+    ".r.. .r.. .r.. .r.. .... .... .... .... "  // 30
+    ".a.. .a.. .... .... .... .... .r.. .... "  // 38
+    ".a.. .a.. .a.. .... .a.. .... .a.. .... "  // 40
+    ".a.. .a.. .a.. .a.. .a.. .... .... .... "  // 48
+    ".... .... .... .... .... .... .... .... "  // 50
+    ".... .... .... .... .a.. .a.. .a.. .a.. "  // 58
+    ".a.. .a.. .a.. .a.. .... .... .... .... "  // 60
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 68
+    ".... .... .... .... .... .... .... .... "  // 70
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 78
+    ".... .... .... .... .... .... .... .... "  // 80
+    ".... .... .... .... .... .... .... .... "  // 88
+    ".... .... .... .... .... .... .... .... "  // 90
+    ".... .... .... .... .... .... .... .... "  // 98
+    ".... .... .... .... .... .... .... .... "  // A0
+    ".... .... .... .... .... .... .... .... "  // A8
+    ".... .... .... .... .... .... .... .... "  // B0
+    ".... .... .... .... .... .... .... .... "  // B8
+    ".... .... .... .... .... .... .... .... "  // C0
+    ".... .... .... .... .... .... .a.. .a.. "  // C8
+    ".... .... .... .... .... .... .... .... "  // D0
+    ".... .... .... .... .... .... .... .a.. "  // D8
+    ".... .... .... .... .... .... .... .... "  // E0
+    ".... .... .... .... .... .... .... .... "  // E8
+    "...a .... .... .... .... .... .... .... "  // F0
+    ".... .... .... .... .... .... .... .... "  // F8
+;
+
 enum Mandatory : uint8_t { kNone, k66, kF3, kF2, kAny };
 
 // Opcodes whose defined forms depend on the ModRM reg field (and, for register operands, on
@@ -285,6 +389,17 @@ const Group kGroups[] = {
   // 0F 38 D8 (Key Locker aes*kl) and 0F 3A F0 (hreset).
   {2, 0xD8, kF3, 0x0F, 0},
   {3, 0xF0, kF3, 0x00, 0x0000000000000001ULL},
+  // VEX (maps 5-7 here): shifts by imm8, ldmxcsr/stmxcsr, AMX tile set-up, BMI1 group 17.
+  {5, 0x71, k66, 0x00, 0x00FF00FF00FF0000ULL},
+  {5, 0x72, k66, 0x00, 0x00FF00FF00FF0000ULL},
+  {5, 0x73, k66, 0x00, 0xFFFF0000FFFF0000ULL},
+  {5, 0xAE, kNone, 0x0C, 0},
+  {5, 0xAE, kF3, 0x80, 0x00FF000000000000ULL},
+  {5, 0xAE, kF2, 0x80, 0x00FF000000000000ULL},
+  {6, 0x49, kNone, 0x01, 0x0000000000000001ULL},
+  {6, 0x49, k66, 0x01, 0},
+  {6, 0x49, kF2, 0x00, 0x0101010101010101ULL},
+  {6, 0xF3, kNone, 0x0E, 0x00000000FFFFFF00ULL},
 };
 // clang-format on
 
@@ -337,12 +452,14 @@ bool lock_allowed(unsigned map, uint8_t op, uint8_t modrm, bool has_modrm) {
   return false;
 }
 
-// Whether the legacy-encoded opcode `op` of `map` defines the form that `modrm` selects, under
-// the mandatory prefix in effect.
+// Whether opcode `op` of `map` (0-3 legacy one-byte, 0F, 0F 38, 0F 3A; 5-7 VEX 0F, 0F 38,
+// 0F 3A) defines the form that `modrm` selects, under the mandatory prefix (VEX: pp) in effect.
 bool form_defined(unsigned map, uint8_t op, Mandatory prefix, uint8_t modrm) {
+  static const char* const kForms[] = {nullptr,     kForms0F,      kForms0F38,   kForms0F3A,
+                                       nullptr,     kFormsVex0F,   kFormsVex0F38, kFormsVex0F3A};
   char form = '?';
   if (map != 0) {
-    const char* forms = map == 1 ? kForms0F : map == 2 ? kForms0F38 : kForms0F3A;
+    const char* forms = kForms[map];
     // Five characters per opcode: its four forms and a space.
     form = forms[op * 5 + prefix];
   }
@@ -401,6 +518,7 @@ struct Opcode {
   bool vex_like = false;  // VEX or EVEX
   bool has_modrm = false;
   size_t imm_size = 0;
+  Mandatory pp = kNone;  // VEX: the implied mandatory prefix
 };
 
 bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first) {
@@ -434,13 +552,16 @@ bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
   uint8_t p0 = 0;
   if (!c->peek(&p0)) return false;
   o->vex_like = true;
+  uint8_t v[2];
   if (o->first == 0xC5) {
-    if (!c->skip(1)) return false;
+    if (!c->take(&v[0])) return false;
     o->map = 1;
+    o->pp = static_cast<Mandatory>(v[0] & 3);
   } else if (o->first == 0xC4) {
-    if (!c->skip(2)) return false;
+    if (!c->take(&v[0]) || !c->take(&v[1])) return false;
     o->map = p0 & 0x1F;
     if (o->map < 1 || o->map > 3) return false;
+    o->pp = static_cast<Mandatory>(v[1] & 3);
   } else {
     uint8_t e[3];
     for (auto& x : e)
@@ -628,6 +749,8 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
   if (o.has_modrm) {
     if (!c.peek(&modrm)) return fail(out);
     if (!o.vex_like && !check_legacy_modrm(p, &o, modrm, &insn)) return fail(out);
+    if (o.vex_like && o.first != 0x62 && !form_defined(o.map + 4, o.op, o.pp, modrm))
+      return fail(out);
     if (!read_modrm(&c, o, &modrm, &insn)) return fail(out);
   }
   if (p.lock && !o.vex_like && !lock_allowed(o.map, o.op, modrm, o.has_modrm)) return fail(out);

@@ -26,6 +26,10 @@ std::string hex(const uint8_t* p, size_t n);
 // position, width) and the flow kind; otherwise a one-line description of the difference.
 std::string compare(bool ok, const hookengine::Instruction& mine, const RefInsn& ref);
 
+// Why a validity difference from Zydis at `code` is expected (see x64_decoder.h), or nullptr:
+// encodings the decoder refuses on purpose, and VEX/EVEX operand constraints it does not model.
+const char* expected_difference(bool ok, const uint8_t* code, const RefInsn& ref);
+
 // Empty when the trampoline `tramp` (at out_address), decoded by Zydis, reaches the same branch
 // targets and RIP-relative addresses as the original instructions, keeps every other
 // instruction byte for byte, and jumps back to target_address + copied_length.
