@@ -94,29 +94,20 @@ TEST(Decoder, OneCasePerPath) {
       {"48 8b 05 10 20 30 40", 7, true, N, F},      // mov rax, [rip+disp32]
       {"67 8b 05 10 20 30 40", 7, true, N, F},      // EIP-relative with 67
       {"8b 04 25 10 20 30 40", 7, false, N, F},     // SIB without base: absolute disp32
-      {"8b 44 24 08", 4, false, N, F},              // [rsp+disp8]
       {"41 8b 45 00", 4, false, N, F},              // [r13+0]: r13 needs disp8
-      {"0f 22 05", 3, false, N, F},                 // mov cr0: mod ignored, no disp, not rip
       {"41 ff 64 24 08", 5, false, N, FlowKind::kJumpAlways},
-      {"f6 05 d0 d1 d2 d3 01", 7, true, N, F},      // F6 /0 has imm8, F6 /2 none
-      {"f6 d0", 2, false, N, F},
+      {"f6 05 d0 d1 d2 d3 01", 7, true, N, F},      // F6 /0 has imm8
       {"66 f7 c0 01 00", 5, false, N, F},           // test ax, imm16
       {"67 a1 44 33 22 11", 6, false, N, F},        // moffs32 with 67
       {"66 48 b8 88 77 66 55 44 33 22 11", 11, false, N, F},  // REX.W wins over 66
-      {"c8 20 00 01", 4, false, N, F},              // enter 0x20, 1
-      {"48 cf", 2, false, N, FlowKind::kReturn},
       {"0f 0b", 2, false, N, FlowKind::kUndefined},
-      {"66 0f 3a 16 c0 01", 6, false, N, F},        // pextrd
       {"f3 0f b8 c1", 4, false, N, F},              // popcnt: F3 0F B8 only
       {"66 0f 78 c0 04 08", 6, false, N, F},        // extrq xmm0, 4, 8 (two imm8)
       {"f0 48 0f b1 0d 00 00 00 00", 9, true, N, F},  // lock cmpxchg [rip], rcx
-      {"f3 0f a7 c8", 4, false, N, F},              // VIA PadLock xcrypt-ecb
       {"c5 f8 77", 3, false, N, F},                 // vzeroupper: no ModRM
       {"c4 e3 79 0f c1 08", 6, false, N, F},        // VEX map 0F3A: imm8
       {"62 f1 7c 48 10 05 00 00 00 00", 10, true, N, F},  // vmovups zmm0, [rip]
       {"8f c0", 2, false, N, F},                    // pop rax, not XOP
-      {"74 10", 2, false, BranchKind::kJccRel8, F},
-      {"e2 f0", 2, false, BranchKind::kLoop, F},
       {"67 e3 10", 3, false, BranchKind::kJrcxz, F},  // jecxz
       {"66 48 c7 f8 00 01 00 00", 8, false, BranchKind::kXbegin, F},  // REX.W wins over 66
       {"f2 e9 00 00 00 00", 6, false, BranchKind::kJmpRel32, FlowKind::kJumpAlways},  // bnd
