@@ -749,10 +749,10 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
   if (o.has_modrm) {
     if (!c.peek(&modrm)) return fail(out);
     if (!o.vex_like && !check_legacy_modrm(p, &o, modrm, &insn)) return fail(out);
-    if (o.vex_like && o.first != 0x62 && !form_defined(o.map + 4, o.op, o.pp, modrm))
-      return fail(out);
     if (!read_modrm(&c, o, &modrm, &insn)) return fail(out);
   }
+  const uint8_t form = o.has_modrm ? modrm : 0xC0;  // no ModRM (vzeroupper): as a register form
+  if (o.vex_like && o.first != 0x62 && !form_defined(o.map + 4, o.op, o.pp, form)) return fail(out);
   if (p.lock && !o.vex_like && !lock_allowed(o.map, o.op, modrm, o.has_modrm)) return fail(out);
 
   const size_t imm_offset = c.pos;
