@@ -145,7 +145,7 @@ const char kForms0F[] =
     "aa.. aa.. aa.. aa.. aa.. aa.. aa.. aa.. "  // E8
     "...m aa.. aa.. aa.. aa.. aa.. aa.. rr.. "  // F0
     "aa.. aa.. aa.. aa.. aa.. aa.. aa.. aaaa "  // F8
-;
+    ;
 const char kForms0F38[] =
     "aa.. aa.. aa.. aa.. aa.. aa.. aa.. aa.. "  // 00
     "aa.. aa.. aa.. aa.. .... .... .... .... "  // 08
@@ -179,7 +179,7 @@ const char kForms0F38[] =
     ".... .... .... .... .... .... .... .... "  // E8
     "mm.a mm.a .... .... .... .m.. maa. .... "  // F0
     ".mmm m... ..r. ..r. .... .... .... .... "  // F8
-;
+    ;
 const char kForms0F3A[] =
     ".... .... .... .... .... .... .... .... "  // 00
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. aa.. "  // 08
@@ -213,34 +213,34 @@ const char kForms0F3A[] =
     ".... .... .... .... .... .... .... .... "  // E8
     "..?. .... .... .... .... .... .... .... "  // F0
     ".... .... .... .... .... .... .... .... "  // F8
-;
+    ;
 
 // The same for VEX (C4/C5) maps 0F, 0F 38 and 0F 3A, by the pp field, for any VEX.L and VEX.W.
 const char kFormsVex0F[] =
     ".... .... .... .... .... .... .... .... "  // 00
     ".... .... .... .... .... .... .... .... "  // 08
     "aaaa aaaa amaa mm.. aa.. aa.. ama. mm.. "  // 10
-    "m... .... .... .... .... .... .... .... "  // 18
+    ".... .... .... .... .... .... .... .... "  // 18
     ".... .... .... .... .... .... .... .... "  // 20
     "aa.. aa.. ..aa mm.. ..aa ..aa aa.. aa.. "  // 28
     ".... .... .... .... .... .... .... .... "  // 30
     ".... .... .... .... .... .... .... .... "  // 38
-    ".... rr.. rr.. r... rr.. rr.. rr.. rr.. "  // 40
-    "r... r... rr.. rr.. .... .... .... .... "  // 48
+    ".... rr.. rr.. .... rr.. rr.. rr.. rr.. "  // 40
+    ".... .... rr.. rr.. .... .... .... .... "  // 48
     "rr.. aaaa a.a. a.a. aa.. aa.. aa.. aa.. "  // 50
     "aaaa aaaa aaaa aaa. aaaa aaaa aaaa aaaa "  // 58
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 60
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .aa. "  // 68
     ".aaa .?.. .?.. .?.. .a.. .a.. .a.. a... "  // 70
     ".... .... .... .... .a.a .a.a .aa. .aa. "  // 78
-    ".... .... .... .... a... a... .... .... "  // 80
+    ".... .... .... .... .... .... .... .... "  // 80
     ".... .... .... .... .... .... .... .... "  // 88
-    "aa.. mm.. rr.r rr.r .... r... .... r... "  // 90
+    "aa.. mm.. rr.r rr.r .... .... .... .... "  // 90
     "rr.. rr.. .... .... .... .... .... .... "  // 98
     ".... .... .... .... .... .... .... .... "  // A0
-    ".... .... .... .... .... .... ?.?? .... "  // A8
+    ".... .... .... .... .... .... ?... .... "  // A8
     ".... .... .... .... .... .... .... .... "  // B0
-    "..r. .... .... .... ..rr ..r. .... .... "  // B8
+    ".... .... .... .... .... .... .... .... "  // B8
     ".... .... aaaa .... .a.. .r.. aa.. .... "  // C0
     ".... .... .... .... .... .... .... .... "  // C8
     ".a.a .a.. .a.. .a.. .a.. .a.. .a.. .r.. "  // D0
@@ -249,7 +249,7 @@ const char kFormsVex0F[] =
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // E8
     "...m .a.. .a.. .a.. .a.. .a.. .a.. .r.. "  // F0
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .... "  // F8
-;
+    ;
 const char kFormsVex0F38[] =
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 00
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 08
@@ -283,7 +283,7 @@ const char kFormsVex0F38[] =
     ".... .... .... .... .... .... .... .... "  // E8
     ".... .... a... ?... .... a.aa ...a aaaa "  // F0
     ".... .... .... .... .... .... .... .... "  // F8
-;
+    ;
 const char kFormsVex0F3A[] =
     ".a.. .a.. .a.. .... .a.. .a.. .a.. .... "  // 00
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 08
@@ -292,7 +292,7 @@ const char kFormsVex0F3A[] =
     ".a.. .a.. .a.. .... .... .... .... .... "  // 20
     ".... .... .... .... .... .... .... .... "  // 28
     ".r.. .r.. .r.. .r.. .... .... .... .... "  // 30
-    ".a.. .a.. .... .... .... .... .r.. .... "  // 38
+    ".a.. .a.. .... .... .... .... .... .... "  // 38
     ".a.. .a.. .a.. .... .a.. .... .a.. .... "  // 40
     ".a.. .a.. .a.. .a.. .a.. .... .... .... "  // 48
     ".... .... .... .... .... .... .... .... "  // 50
@@ -317,7 +317,141 @@ const char kFormsVex0F3A[] =
     ".... .... .... .... .... .... .... .... "  // E8
     "...a .... .... .... .... .... .... .... "  // F0
     ".... .... .... .... .... .... .... .... "  // F8
-;
+    ;
+
+// What each VEX opcode allows of VEX.L, VEX.W, vvvv and VEX.R, by pp, in the layout of
+// kFormsVex*: a letter naming a VexRule below ('.' where the opcode is undefined). Memory forms
+// of vmovss/vmovsd (F3/F2 0F 10/11) leave vvvv unused, unlike their register forms.
+enum Vvvv : uint8_t {
+  kNoVvvv,   // no register: vvvv must be 1111
+  kLowVvvv,  // a mask or tile register: 0-7 only
+  kAnyVvvv,
+};
+struct VexRule {
+  uint8_t lw;      // bit (L + 2 * W) set: that VEX.L and VEX.W combination is defined
+  Vvvv vvvv;
+  bool r_allowed;  // false: VEX.R must not extend ModRM.reg (mask or tile registers)
+};
+const VexRule kVexRules[] = {
+    {0xF, kAnyVvvv, true},  // a
+    {0xF, kNoVvvv, true},  // b
+    {0x5, kNoVvvv, true},  // c
+    {0x5, kAnyVvvv, true},  // d
+    {0x3, kAnyVvvv, true},  // e
+    {0x5, kNoVvvv, false},  // f
+    {0xA, kLowVvvv, false},  // g
+    {0x3, kNoVvvv, true},  // h
+    {0x2, kAnyVvvv, true},  // i
+    {0x1, kLowVvvv, false},  // j
+    {0x2, kNoVvvv, true},  // k
+    {0x1, kNoVvvv, true},  // l
+    {0x1, kNoVvvv, false},  // m
+    {0x8, kNoVvvv, true},  // n
+    {0xC, kAnyVvvv, true},  // o
+    {0x2, kLowVvvv, false},  // p
+};
+const char kRulesVex0F[] =
+    ".... .... .... .... .... .... .... .... "  // 00
+    ".... .... .... .... .... .... .... .... "  // 08
+    "bbaa bbaa ddbb cc.. aa.. aa.. ddb. cc.. "  // 10
+    ".... .... .... .... .... .... .... .... "  // 18
+    ".... .... .... .... .... .... .... .... "  // 20
+    "bb.. bb.. ..aa bb.. ..bb ..bb bb.. bb.. "  // 28
+    ".... .... .... .... .... .... .... .... "  // 30
+    ".... .... .... .... .... .... .... .... "  // 38
+    ".... gg.. gg.. .... ff.. gg.. gg.. gg.. "  // 40
+    ".... .... gg.. gp.. .... .... .... .... "  // 48
+    "bb.. bbaa b.a. b.a. aa.. aa.. aa.. aa.. "  // 50
+    "aaaa aaaa bbaa bbb. aaaa aaaa aaaa aaaa "  // 58
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 60
+    ".a.. .a.. .a.. .a.. .a.. .a.. .c.. .bb. "  // 68
+    ".bbb .a.. .a.. .a.. .a.. .a.. .a.. b... "  // 70
+    ".... .... .... .... .a.a .a.a .cc. .bb. "  // 78
+    ".... .... .... .... .... .... .... .... "  // 80
+    ".... .... .... .... .... .... .... .... "  // 88
+    "ff.. ff.. mm.f ll.c .... .... .... .... "  // 90
+    "ff.. ff.. .... .... .... .... .... .... "  // 98
+    ".... .... .... .... .... .... .... .... "  // A0
+    ".... .... .... .... .... .... c... .... "  // A8
+    ".... .... .... .... .... .... .... .... "  // B0
+    ".... .... .... .... .... .... .... .... "  // B8
+    ".... .... aaaa .... .d.. .c.. aa.. .... "  // C0
+    ".... .... .... .... .... .... .... .... "  // C8
+    ".a.a .a.. .a.. .a.. .a.. .a.. .c.. .b.. "  // D0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // D8
+    ".a.. .a.. .a.. .a.. .a.. .a.. .bbb .b.. "  // E0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // E8
+    "...b .a.. .a.. .a.. .a.. .a.. .a.. .c.. "  // F0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .... "  // F8
+    ;
+const char kRulesVex0F38[] =
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 00
+    ".a.. .a.. .a.. .a.. .e.. .e.. .h.. .h.. "  // 08
+    ".... .... .... .h.. .... .... .i.. .b.. "  // 10
+    ".h.. .k.. .k.. .... .b.. .b.. .b.. .... "  // 18
+    ".b.. .b.. .b.. .b.. .b.. .b.. .... .... "  // 20
+    ".a.. .a.. .b.. .a.. .e.. .e.. .e.. .e.. "  // 28
+    ".b.. .b.. .b.. .b.. .b.. .b.. .i.. .a.. "  // 30
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 38
+    ".a.. .c.. .... .... .... .a.. .e.. .a.. "  // 40
+    ".... ll.m .... .... .... .... .... .... "  // 48
+    ".e.. .e.. .e.. .e.. .... .... .... .... "  // 50
+    ".h.. .h.. .k.. .... ..j. .... jjjj .... "  // 58
+    ".... .... .... .... .... .... .... .... "  // 60
+    ".... .... .... .... .... .... .... .... "  // 68
+    ".... .... .... .... .... .... .... .... "  // 70
+    ".h.. .h.. .... .... .... .... .... .... "  // 78
+    ".... .... .... .... .... .... .... .... "  // 80
+    ".... .... .... .... .a.. .... .a.. .... "  // 88
+    ".... .... .... .... .... .... .a.. .a.. "  // 90
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 98
+    ".... .... .... .... .... .... .a.. .a.. "  // A0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // A8
+    ".... .... .... .... .... .... .a.. .a.. "  // B0
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // B8
+    ".... .... .... .... .... .... .... .... "  // C0
+    ".... .... .... .... .... .... .... .e.. "  // C8
+    ".... .... .... .... .... .... .... .... "  // D0
+    ".... .... .... .c.. .a.. .a.. .a.. .a.. "  // D8
+    ".... .... .... .... .... .... .... .... "  // E0
+    ".... .... .... .... .... .... .... .... "  // E8
+    ".... .... d... d... .... d.dd ...d dddd "  // F0
+    ".... .... .... .... .... .... .... .... "  // F8
+    ;
+const char kRulesVex0F3A[] =
+    ".n.. .n.. .e.. .... .h.. .h.. .i.. .... "  // 00
+    ".b.. .b.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 08
+    ".... .... .... .... .c.. .c.. .c.. .c.. "  // 10
+    ".i.. .k.. .... .... .... .h.. .... .... "  // 18
+    ".d.. .d.. .d.. .... .... .... .... .... "  // 20
+    ".... .... .... .... .... .... .... .... "  // 28
+    ".f.. .f.. .f.. .f.. .... .... .... .... "  // 30
+    ".i.. .k.. .... .... .... .... .... .... "  // 38
+    ".a.. .d.. .a.. .... .a.. .... .i.. .... "  // 40
+    ".a.. .a.. .e.. .e.. .e.. .... .... .... "  // 48
+    ".... .... .... .... .... .... .... .... "  // 50
+    ".... .... .... .... .a.. .a.. .a.. .a.. "  // 58
+    ".c.. .c.. .c.. .c.. .... .... .... .... "  // 60
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 68
+    ".... .... .... .... .... .... .... .... "  // 70
+    ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 78
+    ".... .... .... .... .... .... .... .... "  // 80
+    ".... .... .... .... .... .... .... .... "  // 88
+    ".... .... .... .... .... .... .... .... "  // 90
+    ".... .... .... .... .... .... .... .... "  // 98
+    ".... .... .... .... .... .... .... .... "  // A0
+    ".... .... .... .... .... .... .... .... "  // A8
+    ".... .... .... .... .... .... .... .... "  // B0
+    ".... .... .... .... .... .... .... .... "  // B8
+    ".... .... .... .... .... .... .... .... "  // C0
+    ".... .... .... .... .... .... .o.. .o.. "  // C8
+    ".... .... .... .... .... .... .... .... "  // D0
+    ".... .... .... .... .... .... .... .c.. "  // D8
+    ".... .... .... .... .... .... .... .... "  // E0
+    ".... .... .... .... .... .... .... .... "  // E8
+    "...c .... .... .... .... .... .... .... "  // F0
+    ".... .... .... .... .... .... .... .... "  // F8
+    ;
 
 enum Mandatory : uint8_t { kNone, k66, kF3, kF2, kAny };
 
@@ -394,8 +528,6 @@ const Group kGroups[] = {
   {5, 0x72, k66, 0x00, 0x00FF00FF00FF0000ULL},
   {5, 0x73, k66, 0x00, 0xFFFF0000FFFF0000ULL},
   {5, 0xAE, kNone, 0x0C, 0},
-  {5, 0xAE, kF3, 0x80, 0x00FF000000000000ULL},
-  {5, 0xAE, kF2, 0x80, 0x00FF000000000000ULL},
   {6, 0x49, kNone, 0x01, 0x0000000000000001ULL},
   {6, 0x49, k66, 0x01, 0},
   {6, 0x49, kF2, 0x00, 0x0101010101010101ULL},
@@ -479,6 +611,27 @@ bool form_defined(unsigned map, uint8_t op, Mandatory prefix, uint8_t modrm) {
   return map == 0;  // one-byte opcodes without a row define every form
 }
 
+// Whether a VEX opcode (map 1-3) allows the L, W, vvvv and R fields it was encoded with.
+bool vex_fields_allowed(unsigned map, uint8_t op, Mandatory pp, uint8_t modrm, uint8_t l,
+                        uint8_t w, uint8_t vvvv, bool r) {
+  const char* rules = map == 1 ? kRulesVex0F : map == 2 ? kRulesVex0F38 : kRulesVex0F3A;
+  const char letter = rules[op * 5 + pp];
+  if (letter < 'a' || letter >= 'a' + static_cast<int>(sizeof(kVexRules) / sizeof(kVexRules[0])))
+    return false;
+  const VexRule& rule = kVexRules[letter - 'a'];
+  const bool scalar_move_to_memory =
+      map == 1 && (op == 0x10 || op == 0x11) && (pp == kF3 || pp == kF2) && (modrm >> 6) != 3;
+  if (((rule.lw >> (l + 2 * w)) & 1) == 0) return false;
+  if ((rule.vvvv == kNoVvvv || scalar_move_to_memory) && vvvv != 0xF) return false;
+  if (rule.vvvv == kLowVvvv && (vvvv & 8) == 0) return false;  // encoded inverted
+  if (map == 2 && (op == 0x5C || op == 0x5E)) {
+    // AMX tile dot products: destination and both sources must be different tiles.
+    const unsigned reg = (modrm >> 3) & 7, rm = modrm & 7, v = (~vvvv) & 7;
+    if (reg == rm || reg == v || rm == v) return false;
+  }
+  return rule.r_allowed || !r;
+}
+
 struct Cursor {
   const uint8_t* code;
   size_t limit;  // min(available, 15)
@@ -519,6 +672,8 @@ struct Opcode {
   bool has_modrm = false;
   size_t imm_size = 0;
   Mandatory pp = kNone;  // VEX: the implied mandatory prefix
+  uint8_t vex_l = 0, vex_w = 0, vvvv = 0xF;  // VEX fields (vvvv as encoded, 1111 = none)
+  bool vex_r = false;                          // VEX.R: ModRM.reg extended to 8-15
 };
 
 bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first) {
@@ -549,19 +704,19 @@ bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first) {
 // VEX (C4/C5) and EVEX (62): the payload, the map and the opcode byte.
 bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
   if (p.rex != 0 || p.opsize || p.rep || p.lock) return false;  // REX/66/F2/F3/F0 first: #UD
-  uint8_t p0 = 0;
-  if (!c->peek(&p0)) return false;
   o->vex_like = true;
   uint8_t v[2];
-  if (o->first == 0xC5) {
+  if (o->first == 0xC4 || o->first == 0xC5) {
+    // C5: R vvvv L pp (W = 0, map 0F). C4: R X B map, then W vvvv L pp. R inverted.
     if (!c->take(&v[0])) return false;
-    o->map = 1;
-    o->pp = static_cast<Mandatory>(v[0] & 3);
-  } else if (o->first == 0xC4) {
-    if (!c->take(&v[0]) || !c->take(&v[1])) return false;
-    o->map = p0 & 0x1F;
-    if (o->map < 1 || o->map > 3) return false;
-    o->pp = static_cast<Mandatory>(v[1] & 3);
+    o->map = o->first == 0xC5 ? 1 : v[0] & 0x1F;
+    if (o->first == 0xC4 && (!c->take(&v[1]) || o->map < 1 || o->map > 3)) return false;
+    const uint8_t last = o->first == 0xC5 ? v[0] : v[1];
+    o->vex_r = (v[0] & 0x80) == 0;
+    o->vex_w = o->first == 0xC5 ? 0 : last >> 7;
+    o->vvvv = (last >> 3) & 0xF;
+    o->vex_l = (last >> 2) & 1;
+    o->pp = static_cast<Mandatory>(last & 3);
   } else {
     uint8_t e[3];
     for (auto& x : e)
@@ -575,11 +730,7 @@ bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
   insn->opcode_offset = static_cast<uint8_t>(c->pos - 1);
   o->has_modrm = true;
   o->imm_size = o->map <= 3 ? vex_imm_size(o->map, o->op) : 0;
-  if (o->first != 0x62 && o->map == 1) {
-    if (o->op == 0x77) o->has_modrm = false;  // vzeroupper / vzeroall
-    // VEX 0F 84/85 exist only on Knights Corner (jkzd/jknzd); #UD everywhere else.
-    if (o->op == 0x84 || o->op == 0x85) return false;
-  }
+  if (o->first != 0x62 && o->map == 1 && o->op == 0x77) o->has_modrm = false;  // vzeroupper/all
   return true;
 }
 
@@ -752,7 +903,10 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
     if (!read_modrm(&c, o, &modrm, &insn)) return fail(out);
   }
   const uint8_t form = o.has_modrm ? modrm : 0xC0;  // no ModRM (vzeroupper): as a register form
-  if (o.vex_like && o.first != 0x62 && !form_defined(o.map + 4, o.op, o.pp, form)) return fail(out);
+  if (o.vex_like && o.first != 0x62 &&
+      (!form_defined(o.map + 4, o.op, o.pp, form) ||
+       !vex_fields_allowed(o.map, o.op, o.pp, form, o.vex_l, o.vex_w, o.vvvv, o.vex_r)))
+    return fail(out);
   if (p.lock && !o.vex_like && !lock_allowed(o.map, o.op, modrm, o.has_modrm)) return fail(out);
 
   const size_t imm_offset = c.pos;

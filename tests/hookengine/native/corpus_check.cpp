@@ -373,8 +373,8 @@ void check_relocation(const Export& e, const std::string& dll, size_t patch, int
         s == RelocateStatus::kOk ? hex(out, r.trampoline_length).c_str() : to_string(s));
 }
 
-// Random instructions (a few prefixes, then a one-byte, 0F, 0F38 or 0F3A opcode and random
-// bytes) with a fixed seed, through the same comparison as every corpus offset.
+// Random instructions (a few prefixes, then a one-byte, 0F, 0F38, 0F3A, VEX or EVEX opcode and
+// random bytes) with a fixed seed, through the same comparison as every corpus offset.
 struct RandomCounts {
   size_t tried = 0, both_valid = 0;
   Disagreements d;
@@ -390,12 +390,14 @@ void random_differential(size_t count, RandomCounts* rc) {
     size_t k = 0;
     for (int n = static_cast<int>(rng() % 4); n > 0; --n)
       b[k++] = kPrefixes[rng() % sizeof(kPrefixes)];
-    switch (rng() % 4) {
+    switch (rng() % 6) {
       case 1: b[k] = 0x0F; break;
       case 2:
         b[k] = 0x0F;
         b[k + 1] = (rng() & 1) ? 0x38 : 0x3A;
         break;
+      case 3: b[k] = (rng() & 1) ? 0xC4 : 0xC5; break;
+      case 4: b[k] = 0x62; break;
       default: break;
     }
     ++rc->tried;

@@ -224,15 +224,13 @@ std::string compare(bool ok, const Instruction& mine, const RefInsn& ref) {
 
 const char* expected_difference(bool ok, const uint8_t* code, const RefInsn& ref) {
   if (ok == ref.valid) return nullptr;  // from here on one side read the prefixes and opcode
-  size_t i = 0;  // segment and 67 prefixes may precede VEX/EVEX, and a REX they cancel
+  size_t i = 0;  // segment and 67 prefixes may precede EVEX, and a REX they cancel
   while (i < 14 && (code[i] == 0x26 || code[i] == 0x2E || code[i] == 0x36 || code[i] == 0x3E ||
                     code[i] == 0x64 || code[i] == 0x65 || code[i] == 0x67 || (code[i] & 0xF0) == 0x40))
     ++i;
-  if (ok && !ref.valid && (code[i] == 0xC4 || code[i] == 0xC5 || code[i] == 0x62))
-    return code[i] == 0x62 ? "EVEX operand rules" : "VEX.L/W/vvvv rules";
-  if (ok) return nullptr;
-  if (ref.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_MVEX ||
-      ref.insn.mnemonic == ZYDIS_MNEMONIC_JKZD || ref.insn.mnemonic == ZYDIS_MNEMONIC_JKNZD)
+  if (ok) return code[i] == 0x62 ? "EVEX operand rules" : nullptr;
+  const ZydisISAExt ext = ref.insn.meta.isa_ext;
+  if (ext == ZYDIS_ISA_EXT_KNC || ext == ZYDIS_ISA_EXT_KNCE || ext == ZYDIS_ISA_EXT_KNCV)
     return "Knights Corner";
   if (ref.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_3DNOW ||
       ref.insn.mnemonic == ZYDIS_MNEMONIC_FEMMS)

@@ -27,7 +27,7 @@ std::string hex(const uint8_t* p, size_t n);
 std::string compare(bool ok, const hookengine::Instruction& mine, const RefInsn& ref);
 
 // Why a validity difference from Zydis at `code` is expected (see x64_decoder.h), or nullptr:
-// encodings the decoder refuses on purpose, and VEX/EVEX operand constraints it does not model.
+// encodings the decoder refuses on purpose, and EVEX operand constraints it does not model.
 const char* expected_difference(bool ok, const uint8_t* code, const RefInsn& ref);
 
 // Empty when the trampoline `tramp` (at out_address), decoded by Zydis, reaches the same branch
