@@ -111,7 +111,8 @@ const OpInfo kTwoByte[256] = {
 
 // Which ModRM forms each opcode of the 0F, 0F 38 and 0F 3A maps defines, for each mandatory
 // prefix in the order none, 66, F3, F2: '.' undefined, 'a' any, 'm' memory operand only,
-// 'r' register operand only, '?' depends on the reg (and rm) field: see kGroups.
+// 'r' register operand only, 's' memory operand with a SIB byte only (VSIB gathers, tile
+// loads: VEX maps), '?' depends on the reg (and rm) field: see kGroups.
 const char kForms0F[] =
     "???? ???? aaaa aaaa .... aaaa aaaa aaaa "  // 00
     "aaaa aaaa .... aaaa .... aaaa .... .... "  // 08
@@ -260,16 +261,16 @@ const char kFormsVex0F38[] =
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 30
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 38
     ".a.. .a.. .... .... .... .a.. .a.. .a.. "  // 40
-    ".... ??.r .... .... .... .... .... .... "  // 48
+    ".... ??.. .... .sss .... .... .... .... "  // 48
     ".a.. .a.. .a.. .a.. .... .... .... .... "  // 50
-    ".a.. .a.. .m.. .... .... .... .... .... "  // 58
+    ".a.. .a.. .m.. .... ..r. .... rrrr .... "  // 58
     ".... .... .... .... .... .... .... .... "  // 60
     ".... .... .... .... .... .... .... .... "  // 68
     ".... .... .... .... .... .... .... .... "  // 70
     ".a.. .a.. .... .... .... .... .... .... "  // 78
     ".... .... .... .... .... .... .... .... "  // 80
     ".... .... .... .... .m.. .... .m.. .... "  // 88
-    ".... .... .... .... .... .... .a.. .a.. "  // 90
+    ".s.. .s.. .s.. .s.. .... .... .a.. .a.. "  // 90
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 98
     ".... .... .... .... .... .... .a.. .a.. "  // A0
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // A8
@@ -342,10 +343,10 @@ const VexRule kVexRules[] = {
     {0xA, kLowVvvv, false},  // g
     {0x3, kNoVvvv, true},  // h
     {0x2, kAnyVvvv, true},  // i
-    {0x1, kLowVvvv, false},  // j
-    {0x2, kNoVvvv, true},  // k
-    {0x1, kNoVvvv, true},  // l
-    {0x1, kNoVvvv, false},  // m
+    {0x1, kNoVvvv, false},  // j
+    {0x1, kLowVvvv, false},  // k
+    {0x2, kNoVvvv, true},  // l
+    {0x1, kNoVvvv, true},  // m
     {0x8, kNoVvvv, true},  // n
     {0xC, kAnyVvvv, true},  // o
     {0x2, kLowVvvv, false},  // p
@@ -369,7 +370,7 @@ const char kRulesVex0F[] =
     ".... .... .... .... .a.a .a.a .cc. .bb. "  // 78
     ".... .... .... .... .... .... .... .... "  // 80
     ".... .... .... .... .... .... .... .... "  // 88
-    "ff.. ff.. mm.f ll.c .... .... .... .... "  // 90
+    "ff.. ff.. jj.f mm.c .... .... .... .... "  // 90
     "ff.. ff.. .... .... .... .... .... .... "  // 98
     ".... .... .... .... .... .... .... .... "  // A0
     ".... .... .... .... .... .... c... .... "  // A8
@@ -388,22 +389,22 @@ const char kRulesVex0F38[] =
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 00
     ".a.. .a.. .a.. .a.. .e.. .e.. .h.. .h.. "  // 08
     ".... .... .... .h.. .... .... .i.. .b.. "  // 10
-    ".h.. .k.. .k.. .... .b.. .b.. .b.. .... "  // 18
+    ".h.. .l.. .l.. .... .b.. .b.. .b.. .... "  // 18
     ".b.. .b.. .b.. .b.. .b.. .b.. .... .... "  // 20
     ".a.. .a.. .b.. .a.. .e.. .e.. .e.. .e.. "  // 28
     ".b.. .b.. .b.. .b.. .b.. .b.. .i.. .a.. "  // 30
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 38
     ".a.. .c.. .... .... .... .a.. .e.. .a.. "  // 40
-    ".... ll.m .... .... .... .... .... .... "  // 48
+    ".... mm.. .... .jjj .... .... .... .... "  // 48
     ".e.. .e.. .e.. .e.. .... .... .... .... "  // 50
-    ".h.. .h.. .k.. .... ..j. .... jjjj .... "  // 58
+    ".h.. .h.. .l.. .... ..k. .... kkkk .... "  // 58
     ".... .... .... .... .... .... .... .... "  // 60
     ".... .... .... .... .... .... .... .... "  // 68
     ".... .... .... .... .... .... .... .... "  // 70
     ".h.. .h.. .... .... .... .... .... .... "  // 78
     ".... .... .... .... .... .... .... .... "  // 80
     ".... .... .... .... .a.. .... .a.. .... "  // 88
-    ".... .... .... .... .... .... .a.. .a.. "  // 90
+    ".a.. .a.. .a.. .a.. .... .... .a.. .a.. "  // 90
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 98
     ".... .... .... .... .... .... .a.. .a.. "  // A0
     ".a.. .a.. .a.. .a.. .a.. .a.. .a.. .a.. "  // A8
@@ -422,11 +423,11 @@ const char kRulesVex0F3A[] =
     ".n.. .n.. .e.. .... .h.. .h.. .i.. .... "  // 00
     ".b.. .b.. .a.. .a.. .a.. .a.. .a.. .a.. "  // 08
     ".... .... .... .... .c.. .c.. .c.. .c.. "  // 10
-    ".i.. .k.. .... .... .... .h.. .... .... "  // 18
+    ".i.. .l.. .... .... .... .h.. .... .... "  // 18
     ".d.. .d.. .d.. .... .... .... .... .... "  // 20
     ".... .... .... .... .... .... .... .... "  // 28
     ".f.. .f.. .f.. .f.. .... .... .... .... "  // 30
-    ".i.. .k.. .... .... .... .... .... .... "  // 38
+    ".i.. .l.. .... .... .... .... .... .... "  // 38
     ".a.. .d.. .a.. .... .a.. .... .i.. .... "  // 40
     ".a.. .a.. .e.. .e.. .e.. .... .... .... "  // 48
     ".... .... .... .... .... .... .... .... "  // 50
@@ -601,6 +602,7 @@ bool form_defined(unsigned map, uint8_t op, Mandatory prefix, uint8_t modrm) {
     case 'a': return true;
     case 'm': return !reg_form;
     case 'r': return reg_form;
+    case 's': return !reg_form && (modrm & 7) == 4;  // VSIB or tile memory: SIB required
     default: break;
   }
   for (const Group& g : kGroups) {
@@ -624,11 +626,6 @@ bool vex_fields_allowed(unsigned map, uint8_t op, Mandatory pp, uint8_t modrm, u
   if (((rule.lw >> (l + 2 * w)) & 1) == 0) return false;
   if ((rule.vvvv == kNoVvvv || scalar_move_to_memory) && vvvv != 0xF) return false;
   if (rule.vvvv == kLowVvvv && (vvvv & 8) == 0) return false;  // encoded inverted
-  if (map == 2 && (op == 0x5C || op == 0x5E)) {
-    // AMX tile dot products: destination and both sources must be different tiles.
-    const unsigned reg = (modrm >> 3) & 7, rm = modrm & 7, v = (~vvvv) & 7;
-    if (reg == rm || reg == v || rm == v) return false;
-  }
   return rule.r_allowed || !r;
 }
 
@@ -673,7 +670,7 @@ struct Opcode {
   size_t imm_size = 0;
   Mandatory pp = kNone;  // VEX: the implied mandatory prefix
   uint8_t vex_l = 0, vex_w = 0, vvvv = 0xF;  // VEX fields (vvvv as encoded, 1111 = none)
-  bool vex_r = false;                          // VEX.R: ModRM.reg extended to 8-15
+  bool vex_r = false, vex_x = false, vex_b = false;  // VEX.R, X, B: reg, index, rm + 8
 };
 
 bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first) {
@@ -713,6 +710,8 @@ bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
     if (o->first == 0xC4 && (!c->take(&v[1]) || o->map < 1 || o->map > 3)) return false;
     const uint8_t last = o->first == 0xC5 ? v[0] : v[1];
     o->vex_r = (v[0] & 0x80) == 0;
+    o->vex_x = o->first == 0xC4 && (v[0] & 0x40) == 0;
+    o->vex_b = o->first == 0xC4 && (v[0] & 0x20) == 0;
     o->vex_w = o->first == 0xC5 ? 0 : last >> 7;
     o->vvvv = (last >> 3) & 0xF;
     o->vex_l = (last >> 2) & 1;
@@ -816,15 +815,14 @@ bool check_legacy_modrm(const Prefixes& p, Opcode* o, uint8_t modrm, Instruction
 }
 
 // ModRM, SIB and displacement. mov cr/dr (0F 20-23) ignore mod: always a register operand.
-bool read_modrm(Cursor* c, const Opcode& o, uint8_t* modrm, Instruction* insn) {
+bool read_modrm(Cursor* c, const Opcode& o, uint8_t* modrm, uint8_t* sib, Instruction* insn) {
   if (!c->take(modrm)) return false;
   const uint8_t mod = *modrm >> 6, rm = *modrm & 7;
   const bool force_reg = !o.vex_like && o.map == 1 && o.op >= 0x20 && o.op <= 0x23;
   if (mod == 3 || force_reg) return true;
   if (rm == 4) {
-    uint8_t sib = 0;
-    if (!c->take(&sib)) return false;
-    if (mod == 0 && (sib & 7) == 5) {
+    if (!c->take(sib)) return false;
+    if (mod == 0 && (*sib & 7) == 5) {
       insn->disp_offset = static_cast<uint8_t>(c->pos);
       return c->skip(4);
     }
@@ -836,6 +834,22 @@ bool read_modrm(Cursor* c, const Opcode& o, uint8_t* modrm, Instruction* insn) {
   if (mod == 1 || mod == 2) {
     insn->disp_offset = static_cast<uint8_t>(c->pos);
     return c->skip(mod == 1 ? 1 : 4);
+  }
+  return true;
+}
+
+// VEX gathers (66 0F38 90-93) and AMX tile dot products (0F38 5C/5E) need their destination
+// and sources in different registers: destination, index and mask; or the three tiles.
+bool vex_registers_distinct(const Opcode& o, uint8_t modrm, uint8_t sib) {
+  if (o.map != 2) return true;
+  const unsigned reg = ((modrm >> 3) & 7) | (o.vex_r ? 8 : 0), v = (~o.vvvv) & 0xF;
+  if (o.pp == k66 && o.op >= 0x90 && o.op <= 0x93) {
+    const unsigned index = ((sib >> 3) & 7) | (o.vex_x ? 8 : 0);
+    return reg != index && reg != v && index != v;
+  }
+  if (o.op == 0x5C || o.op == 0x5E) {  // tmm0-tmm7 only
+    const unsigned rm = (modrm & 7) | (o.vex_b ? 8 : 0);
+    return reg != rm && reg != v && rm != v && rm < 8;
   }
   return true;
 }
@@ -896,16 +910,17 @@ bool decode(const uint8_t* code, size_t available, Instruction* out) {
   if (!(vex ? read_vex(&c, p, &o, &insn) : read_legacy_opcode(&c, p, &o, &insn)))
     return fail(out);
 
-  uint8_t modrm = 0;
+  uint8_t modrm = 0, sib = 0;
   if (o.has_modrm) {
     if (!c.peek(&modrm)) return fail(out);
     if (!o.vex_like && !check_legacy_modrm(p, &o, modrm, &insn)) return fail(out);
-    if (!read_modrm(&c, o, &modrm, &insn)) return fail(out);
+    if (!read_modrm(&c, o, &modrm, &sib, &insn)) return fail(out);
   }
   const uint8_t form = o.has_modrm ? modrm : 0xC0;  // no ModRM (vzeroupper): as a register form
   if (o.vex_like && o.first != 0x62 &&
       (!form_defined(o.map + 4, o.op, o.pp, form) ||
-       !vex_fields_allowed(o.map, o.op, o.pp, form, o.vex_l, o.vex_w, o.vvvv, o.vex_r)))
+       !vex_fields_allowed(o.map, o.op, o.pp, form, o.vex_l, o.vex_w, o.vvvv, o.vex_r) ||
+       !vex_registers_distinct(o, modrm, sib)))
     return fail(out);
   if (p.lock && !o.vex_like && !lock_allowed(o.map, o.op, modrm, o.has_modrm)) return fail(out);
 

@@ -373,8 +373,8 @@ void check_relocation(const Export& e, const std::string& dll, size_t patch, int
         s == RelocateStatus::kOk ? hex(out, r.trampoline_length).c_str() : to_string(s));
 }
 
-// Random instructions (a few prefixes, then a one-byte, 0F, 0F38, 0F3A, VEX or EVEX opcode and
-// random bytes) with a fixed seed, through the same comparison as every corpus offset.
+// Random instructions (a few prefixes, then each opcode of the one-byte, 0F, 0F38, 0F3A, VEX
+// and EVEX maps in turn, amid random bytes) with a fixed seed, compared as every corpus offset.
 struct RandomCounts {
   size_t tried = 0, both_valid = 0;
   Disagreements d;
@@ -390,15 +390,16 @@ void random_differential(size_t count, RandomCounts* rc) {
     size_t k = 0;
     for (int n = static_cast<int>(rng() % 4); n > 0; --n)
       b[k++] = kPrefixes[rng() % sizeof(kPrefixes)];
-    switch (rng() % 6) {
-      case 1: b[k] = 0x0F; break;
-      case 2:
-        b[k] = 0x0F;
-        b[k + 1] = (rng() & 1) ? 0x38 : 0x3A;
-        break;
-      case 3: b[k] = (rng() & 1) ? 0xC4 : 0xC5; break;
-      case 4: b[k] = 0x62; break;
-      default: break;
+    // Every opcode of every map in turn, the bytes around it random.
+    const uint8_t op = static_cast<uint8_t>(it / 7);
+    switch (it % 7) {
+      case 0: b[k] = op; break;
+      case 1: b[k] = 0x0F, b[k + 1] = op; break;
+      case 2: b[k] = 0x0F, b[k + 1] = 0x38, b[k + 2] = op; break;
+      case 3: b[k] = 0x0F, b[k + 1] = 0x3A, b[k + 2] = op; break;
+      case 4: b[k] = 0xC5, b[k + 2] = op; break;
+      case 5: b[k] = 0xC4, b[k + 1] = (b[k + 1] & 0xE0) | (1 + rng() % 3), b[k + 3] = op; break;
+      default: b[k] = 0x62, b[k + 4] = op; break;
     }
     ++rc->tried;
     Instruction mine;
