@@ -26,9 +26,9 @@ std::string hex(const uint8_t* p, size_t n);
 // position, width) and the flow kind; otherwise a one-line description of the difference.
 std::string compare(bool ok, const hookengine::Instruction& mine, const RefInsn& ref);
 
-// Why a validity difference from Zydis at `code` is expected (see x64_decoder.h), or nullptr:
-// encodings the decoder refuses on purpose, and EVEX operand constraints it does not model.
-const char* expected_difference(bool ok, const uint8_t* code, const RefInsn& ref);
+// Why the decoder's refusal (ok false) of what Zydis decodes is deliberate (see x64_decoder.h),
+// or nullptr.
+const char* expected_difference(bool ok, const RefInsn& ref);
 
 // Empty when the trampoline `tramp` (at out_address), decoded by Zydis, reaches the same branch
 // targets and RIP-relative addresses as the original instructions, keeps every other
