@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "interception_fixture.h"
+#include "midcall_unload.h"
 #include "process_counts.h"
 #include "responder.h"
 #include "shell_items.h"
@@ -512,17 +513,19 @@ TEST_F(Reliability, HandlesAndPrivateBytesStaySteadyOverInterceptedOperations) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Load and unload
+// The DLL's last reference goes while a copy waits inside it
 
-TEST_F(Reliability, FreshProcessesLoadAndUnloadRestoringEveryByte) {
-  // The three IFileOperation methods patched, the flat functions untouched, all restored.
-  run_processes(iterations(20, 1000), exe_dir() + L"reliability-child.exe", L"cycle",
-                "patched=3 unloaded=1 restored=1\n", "load/unload processes");
-}
-
-TEST_F(Reliability, ProcessesInjectedThroughTheGlobalHookReleaseTheDllRestoringEveryByte) {
-  run_injected_processes(iterations(10, 1000), exe_dir() + L"reliability-child.exe", L"injected 20000",
-                         "patched=3 unloaded=1 restored=1 releases=1\n");
+TEST_F(Reliability, TheLastReferenceGoingMidCopyLeavesTheCopyItsResultAndTheDllInPlace) {
+  dll().set_policy(kSecretAudit | kLocal);
+  const MidCallUnload rows[] = {
+      {L"free", 1, "pw", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
+      {L"free", 0, "", "copy=80004001 perform=ffffffff loaded=1 patched=3 failed calls=0\n", ""},
+      {L"hook", 1, "pw", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
+      {L"hook", 1, "", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
+  };
+  for (int round = 0; round < iterations(1, 25); ++round) {
+    for (const MidCallUnload& row : rows) run_midcall_unload(dll().module(), dir, row);
+  }
 }
 
 }  // namespace
