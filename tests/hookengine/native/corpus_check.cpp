@@ -355,6 +355,15 @@ void check_relocation(const Export& e, const std::string& dll, size_t patch, int
       pos += x.insn.length;
     }
     if (!found) err = "refused for a branch into the patch that Zydis does not see";
+  } else if (s == RelocateStatus::kCallReturnsIntoPatch) {
+    bool found = false;
+    for (size_t pos = 0; pos < patch && !found;) {
+      RefInsn x;
+      if (!ref_decode(e.code + pos, e.readable - pos, &x)) break;
+      pos += x.insn.length;
+      found = x.insn.mnemonic == ZYDIS_MNEMONIC_CALL && pos < patch;
+    }
+    if (!found) err = "refused for a call returning into the patch that Zydis does not see";
   } else if (s == RelocateStatus::kFunctionTooShort) {
     if (!ref_facts(e, patch, patch).ends_early)
       err = "refused as too short, Zydis sees no early end";
