@@ -1,3 +1,7 @@
+// Layout: the opcode tables (which encodings each map defines, read off Zydis 4.0 and held to it
+// by the differentials in tests/hookengine/native), then the decoding phases: prefixes, opcode
+// (legacy escapes or the VEX/EVEX payload), ModRM/SIB/displacement with the checks of the
+// selected form, immediate, classification.
 #include "hookengine/x64_decoder.h"
 
 #include <cstring>
