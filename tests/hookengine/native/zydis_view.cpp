@@ -222,6 +222,18 @@ std::string compare(bool ok, const Instruction& mine, const RefInsn& ref) {
   return {};
 }
 
+const char* expected_difference(bool ok, const RefInsn& ref) {
+  if (ok || !ref.valid) return nullptr;
+  const ZydisISAExt ext = ref.insn.meta.isa_ext;
+  if (ext == ZYDIS_ISA_EXT_KNC || ext == ZYDIS_ISA_EXT_KNCE || ext == ZYDIS_ISA_EXT_KNCV)
+    return "Knights Corner";
+  if (ref.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_3DNOW ||
+      ref.insn.mnemonic == ZYDIS_MNEMONIC_FEMMS)
+    return "3DNow!";
+  if (ref.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_XOP) return "XOP";
+  return nullptr;
+}
+
 std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t target_address,
                               size_t patch_size, const uint8_t* tramp,
                               const hookengine::Relocation& r, uint64_t out_address) {

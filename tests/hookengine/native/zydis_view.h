@@ -26,6 +26,10 @@ std::string hex(const uint8_t* p, size_t n);
 // position, width) and the flow kind; otherwise a one-line description of the difference.
 std::string compare(bool ok, const hookengine::Instruction& mine, const RefInsn& ref);
 
+// Why the decoder's refusal (ok false) of what Zydis decodes is deliberate (see x64_decoder.h),
+// or nullptr.
+const char* expected_difference(bool ok, const RefInsn& ref);
+
 // Empty when the trampoline `tramp` (at out_address), decoded by Zydis, reaches the same branch
 // targets and RIP-relative addresses as the original instructions, keeps every other
 // instruction byte for byte, and jumps back to target_address + copied_length.
