@@ -4,6 +4,9 @@
 //                             then wait to be killed (exit 3 when the port is taken)
 //   cycle                     load and unload kwindel-x64.dll once; print how many of the watched
 //                             entries the load changed and whether the unload restored them all
+//   swap-and-wait MARKER DST SRC...  load kwindel-x64.dll, queue a copy of the sources to DST
+//                             through the shell copy engine (the agent names them secret: they
+//                             are swapped), write MARKER, then wait to be killed
 //   injected MS               pump messages until the global hook brings the DLL in (at most MS),
 //                             then release it and print the same as cycle plus the release count
 // Watched entries: IFileOperation's CopyItems, MoveItems, PerformOperations and the exported
@@ -21,6 +24,7 @@
 #include <vector>
 
 #include "kwtest.h"
+#include "shell_items.h"
 #include "test_agent.h"
 
 namespace {
@@ -105,6 +109,22 @@ int injected(DWORD ms) {
   return 0;
 }
 
+int swap_and_wait(const std::wstring& marker, const std::wstring& destination, const std::vector<std::wstring>& sources) {
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  if (LoadLibraryW(kwtest::dll_path().c_str()) == nullptr) return 4;
+  kwtest::Com<IFileOperation> op;
+  kwtest::Com<IDataObject> items;
+  kwtest::Com<IShellItem> target;
+  if (!kwtest::new_file_operation(&op) || !kwtest::data_object_for(sources, &items) ||
+      !kwtest::shell_item_for(destination, &target)) {
+    return 5;
+  }
+  const HRESULT hr = op->CopyItems(items.get(), target.get());
+  kwtest::write_file(marker, std::to_string(hr));
+  Sleep(INFINITE);
+  return 0;
+}
+
 int agent_die(const std::wstring& port_file, const std::string& first_datagram) {
   WSADATA wsa;
   WSAStartup(MAKEWORD(2, 2), &wsa);
@@ -141,6 +161,9 @@ int wmain(int argc, wchar_t** argv) {
   const std::wstring mode = argc > 1 ? argv[1] : L"";
   if (mode == L"cycle") return cycle();
   if (mode == L"injected" && argc > 2) return injected(static_cast<DWORD>(_wtoi(argv[2])));
+  if (mode == L"swap-and-wait" && argc > 4) {
+    return swap_and_wait(argv[2], argv[3], std::vector<std::wstring>(argv + 4, argv + argc));
+  }
   if (mode == L"agent-die" && argc > 2) {
     return agent_die(argv[2], argc > 3 ? kwtest::from_hex(kwtest::narrow(argv[3])) : std::string());
   }
