@@ -284,38 +284,6 @@ TEST_F(Reliability, AnAgentKilledMidExchangeLeavesTheCopyWaitingForTheNextAgent)
   }
 }
 
-// Sets TMP and TEMP for the scope, restoring them at its end.
-class TempFolderOverride {
- public:
-  explicit TempFolderOverride(const std::wstring& folder) {
-    for (const wchar_t* name : {L"TMP", L"TEMP"}) {
-      wchar_t value[MAX_PATH] = {};
-      const DWORD n = GetEnvironmentVariableW(name, value, MAX_PATH);
-      saved_.push_back(n > 0 ? std::wstring(value) : std::wstring());
-      SetEnvironmentVariableW(name, folder.c_str());
-    }
-  }
-  ~TempFolderOverride() {
-    SetEnvironmentVariableW(L"TMP", saved_[0].empty() ? nullptr : saved_[0].c_str());
-    SetEnvironmentVariableW(L"TEMP", saved_[1].empty() ? nullptr : saved_[1].c_str());
-  }
- private:
-  std::vector<std::wstring> saved_;
-};
-
-TEST_F(Reliability, AMissingTemporaryFolderRefusesTheCopyAndLeavesTheSource) {
-  dll().set_policy(kSecretAudit | kLocal);
-  const std::wstring s = make(L"no-temp.doc", "original"), dst = folder(L"dst");
-  const std::wstring missing = dir.file(L"no-such-folder") + L"\\";
-  TempFolderOverride temp(missing);
-  TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 1)}, false});
-  ASSERT_TRUE(agent.ok());
-  EXPECT_EQ(copy_items({s}, dst), kRefused);  // nowhere to park: never shipped in plaintext
-  EXPECT_EQ(content(s), "original");
-  EXPECT_FALSE(file_exists(s + L".tmp"));
-  EXPECT_FALSE(file_exists(missing));
-}
-
 // A process killed between CopyItems and PerformOperations leaves its sources encrypted and
 // their originals parked; the next load of the library (here a fresh process) puts back every
 // byte. make stress repeats it.
@@ -331,9 +299,8 @@ TEST_F(Reliability, AProcessKilledBeforePerformOperationsIsRecoveredAtTheNextLoa
     std::vector<std::string> originals;
     std::wstring args = L"swap-and-wait \"" + dir.file(L"marker" + std::to_wstring(round)) + L"\" \"" + dst + L"\"";
     for (int i = 0; i < 3; ++i) {
-      folder(L"k" + std::to_wstring(i));
       originals.push_back("round " + std::to_string(round) + " file " + std::to_string(i) + std::string(70000 * i, 'k'));
-      sources.push_back(make(L"k" + std::to_wstring(i) + L"\\killed.doc", originals.back()));
+      sources.push_back(make(L"killed" + std::to_wstring(i) + L".doc", originals.back()));
       args += L" \"" + sources.back() + L"\"";
     }
     {
@@ -344,7 +311,7 @@ TEST_F(Reliability, AProcessKilledBeforePerformOperationsIsRecoveredAtTheNextLoa
     }
     for (size_t i = 0; i < sources.size(); ++i) {
       EXPECT_EQ(content(sources[i]).compare(0, 8, kMagic), 0) << i;
-      EXPECT_EQ(parked_original_of(sources[i]), originals[i]) << i;
+      EXPECT_TRUE(parked_original_of(sources[i]) == originals[i]) << i;
     }
     run_processes(1, exe_dir() + L"reliability-child.exe", L"cycle", "patched=3 unloaded=1 restored=1\n", "recovering load");
     for (size_t i = 0; i < sources.size(); ++i) lost += content(sources[i]) != originals[i] ? 1 : 0;
