@@ -45,7 +45,7 @@ Block* add_block(uint8_t* base, bool code) {
 }
 
 uint8_t* try_reserve(uint64_t at, uint64_t near_address) {
-  void* got = VirtualAlloc(reinterpret_cast<void*>(at), kBlockSize, MEM_RESERVE | MEM_COMMIT, PAGE_EXECUTE_READWRITE);
+  void* got = VirtualAlloc(reinterpret_cast<void*>(at), kBlockSize, MEM_RESERVE | MEM_COMMIT, PAGE_EXECUTE_READ);
   if (got == nullptr) return nullptr;
   // The address is only a hint under some emulators: keep the block only if it is in reach.
   const uint64_t base = reinterpret_cast<uint64_t>(got);
@@ -120,7 +120,7 @@ uint8_t* allocate_code_anywhere(size_t size) {
     if (!g_blocks[i].code) continue;
     if (uint8_t* p = carve(&g_blocks[i], size)) return p;
   }
-  void* got = VirtualAlloc(nullptr, kBlockSize, MEM_RESERVE | MEM_COMMIT, PAGE_EXECUTE_READWRITE);
+  void* got = VirtualAlloc(nullptr, kBlockSize, MEM_RESERVE | MEM_COMMIT, PAGE_EXECUTE_READ);
   if (got == nullptr) return nullptr;
   Block* block = add_block(static_cast<uint8_t*>(got), true);
   return block != nullptr ? carve(block, size) : nullptr;
@@ -136,6 +136,18 @@ void* allocate_engine_data(size_t size) {
   if (got == nullptr) return nullptr;
   Block* block = add_block(static_cast<uint8_t*>(got), false);
   return block != nullptr ? carve(block, size) : nullptr;  // fresh pages are zero
+}
+
+CodeWriteScope::CodeWriteScope(void* at, size_t size) : at_(at), size_(size) {
+  DWORD old = 0;
+  writable_ = at != nullptr && VirtualProtect(at, size, PAGE_EXECUTE_READWRITE, &old) != 0;
+}
+
+CodeWriteScope::~CodeWriteScope() {
+  if (!writable_) return;
+  DWORD old = 0;
+  VirtualProtect(at_, size_, PAGE_EXECUTE_READ, &old);
+  FlushInstructionCache(GetCurrentProcess(), at_, size_);
 }
 
 bool is_engine_code(uint64_t address) {

@@ -47,12 +47,9 @@ LONG WINAPI own_uninstall_all_hooks() {
   return 0;
 }
 
-// Relays and trampolines are never freed, so a removal is complete as soon as it is made: this
-// only drops the per-thread state when nothing uses it any more, and never waits.
-LONG WINAPI own_wait_for_pending_removals() {
-  hookengine::release_barrier_state();
-  return 0;
-}
+// Relays, trampolines and the per-thread state outlive every removal, so a removal is complete
+// as soon as it is made: nothing to wait for.
+LONG WINAPI own_wait_for_pending_removals() { return 0; }
 
 }  // namespace
 
@@ -67,14 +64,16 @@ FlatHookApi own_flat_hook_api() {
 
 FlatHookApi bind_flat_hook_api(HMODULE own_module) {
   HMODULE library = nullptr;
-  wchar_t path[MAX_PATH];
-  const DWORD n = GetModuleFileNameW(own_module, path, MAX_PATH);
-  if (n > 0 && n < MAX_PATH) {
-    std::wstring folder(path, n);
-    folder.resize(folder.rfind(L'\\') + 1);
-    library = LoadLibraryExW((folder + L"EasyHook64.dll").c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  // Only by absolute path: a module of that name planted in the program's folder, the current
+  // folder or PATH must never be loaded into every process.
+  std::wstring path(32768, L'\0');
+  const DWORD n = GetModuleFileNameW(own_module, &path[0], static_cast<DWORD>(path.size()));
+  const size_t slash = n > 0 && n < path.size() ? path.rfind(L'\\', n) : std::wstring::npos;
+  if (slash != std::wstring::npos) {
+    path.resize(slash + 1);
+    path += L"EasyHook64.dll";
+    library = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
   }
-  if (library == nullptr) library = LoadLibraryW(L"EasyHook64.dll");
   if (library == nullptr) return own_flat_hook_api();
   FlatHookApi api;
   api.easyhook = library;

@@ -25,8 +25,9 @@ struct FlatHookApi {
 // NTSTATUS failures as EasyHook reports them.
 FlatHookApi own_flat_hook_api();
 
-// Loads EasyHook64.dll from `own_module`'s folder, then by the usual search, and binds the four
-// functions; when the library or any of the four is missing, the own equivalents are bound.
+// Loads EasyHook64.dll by absolute path from `own_module`'s folder (never through the usual
+// search) and binds the four functions; when the library or any of the four is missing, the own
+// equivalents are bound.
 // The library, once loaded, stays loaded.
 FlatHookApi bind_flat_hook_api(HMODULE own_module);
 

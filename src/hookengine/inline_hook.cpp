@@ -70,7 +70,6 @@ void* const kAllocating = reinterpret_cast<void*>(1);
 
 DWORD g_fls = FLS_OUT_OF_INDEXES;
 uint32_t g_barrier_count = 0;
-volatile LONG g_barrier_pending = 0;  // replacements entered and not yet returned, all threads
 uint8_t* g_leave_stub = nullptr;
 uint8_t* g_fls_callback = nullptr;
 
@@ -136,6 +135,8 @@ void emit_barrier_relay(uint8_t* relay, HookRecord* record) {
 uint8_t* make_leave_stub() {
   uint8_t* stub = allocate_code_anywhere(64);
   if (stub == nullptr) return nullptr;
+  CodeWriteScope write(stub, 64);
+  if (!write.writable()) return nullptr;
   uint8_t* data = stub + 48;
   const uint64_t leave = reinterpret_cast<uint64_t>(&kwindel_barrier_leave);
   std::memcpy(data, &leave, 8);
@@ -156,6 +157,8 @@ uint8_t* make_leave_stub() {
 uint8_t* make_fls_callback() {
   uint8_t* stub = allocate_code_anywhere(48);
   if (stub == nullptr) return nullptr;
+  CodeWriteScope write(stub, 48);
+  if (!write.writable()) return nullptr;
   uint8_t* data = stub + 32;
   const uint64_t heap = reinterpret_cast<uint64_t>(GetProcessHeap());
   const uint64_t heap_free =
@@ -211,7 +214,6 @@ extern "C" uint64_t kwindel_barrier_enter(HookRecord* record, uint64_t* return_s
       state->frames[state->depth].return_address = *return_slot;
       state->frames[state->depth].index = record->barrier_index;
       ++state->depth;
-      InterlockedIncrement(&g_barrier_pending);
       *return_slot = reinterpret_cast<uint64_t>(g_leave_stub);
       to = reinterpret_cast<uint64_t>(record->replacement);
     }
@@ -227,7 +229,6 @@ extern "C" uint64_t kwindel_barrier_leave() {
   --state->depth;
   const BarrierFrame& frame = state->frames[state->depth];
   state->inside &= ~(uint64_t{1} << frame.index);
-  InterlockedDecrement(&g_barrier_pending);
   SetLastError(error);
   return frame.return_address;
 }
@@ -243,6 +244,7 @@ HookStatus from_relocate(RelocateStatus status) {
     case RelocateStatus::kUnsupportedBranch: return HookStatus::kUnsupportedBranch;
     case RelocateStatus::kRipOutOfRange: return HookStatus::kRipOutOfRange;
     case RelocateStatus::kBufferTooSmall: return HookStatus::kTrampolineTooLong;
+    case RelocateStatus::kCallReturnsIntoPatch: return HookStatus::kCallReturnsIntoPatch;
   }
   return HookStatus::kUndecodable;
 }
@@ -288,51 +290,83 @@ HookRecord* find_reusable(uint64_t target, const HookOptions& options, size_t re
   return nullptr;
 }
 
+constexpr size_t kMaxBatch = 8;
+
 struct MoveContext {
-  const HookRecord* record;
+  const HookRecord* const* records;
+  size_t count;
 };
 
 // A thread stopped inside the bytes about to be overwritten continues at the same instruction
 // in the trampoline. One stopped at the very start may stay: it will take the new jump.
 uint64_t move_out_of_patch(uint64_t rip, const void* context) {
-  const HookRecord* record = static_cast<const MoveContext*>(context)->record;
-  if (rip <= record->target || rip >= record->target + record->patch_size) return rip;
-  uint64_t moved = rip;
-  if (map_to_trampoline(record->relocation, record->target, reinterpret_cast<uint64_t>(record->trampoline), rip,
-                        &moved)) {
-    return moved;
+  const MoveContext* moving = static_cast<const MoveContext*>(context);
+  for (size_t i = 0; i < moving->count; ++i) {
+    const HookRecord* record = moving->records[i];
+    if (rip <= record->target || rip >= record->target + record->patch_size) continue;
+    uint64_t moved = rip;
+    const uint64_t trampoline = reinterpret_cast<uint64_t>(record->trampoline);
+    return map_to_trampoline(record->relocation, record->target, trampoline, rip, &moved) ? moved : rip;
   }
   return rip;
 }
 
-// Writes `bytes` over the target with every other thread frozen, provided the target still
-// holds `expected`. Threads inside the overwritten range are moved when `record` is given.
-HookStatus write_code(uint64_t target, const uint8_t* expected, const uint8_t* bytes, size_t size,
-                      const HookRecord* move_for) {
-  void* at = reinterpret_cast<void*>(target);
-  DWORD old_protect = 0;
+// One change of code: `bytes` over the `size` bytes at `target`, provided they still hold
+// `expected`. With `moved_for`, threads inside the overwritten range go to its trampoline.
+struct CodeChange {
+  uint64_t target;
+  const uint8_t* expected;
+  const uint8_t* bytes;
+  size_t size;
+  const HookRecord* moved_for;
+};
+
+// Makes `count` changes in order with every other thread frozen once, stopping at the first
+// that cannot be made. Returns how many were made; *failure says why the next one was not.
+size_t write_code(const CodeChange* changes, size_t count, HookStatus* failure) {
+  *failure = HookStatus::kOk;
+  DWORD old_protect[kMaxBatch];
+  size_t writable = 0;
   // Made writable before freezing: changing protection may take locks other threads hold.
-  if (!VirtualProtect(at, size, PAGE_EXECUTE_READWRITE, &old_protect)) return HookStatus::kProtectFailed;
-  HookStatus status = HookStatus::kOk;
-  {
-    ThreadFreeze freeze;
-    if (std::memcmp(at, expected, size) != 0) {
-      status = HookStatus::kTargetChanged;
-    } else {
-      std::memcpy(at, bytes, size);
-      if (move_for != nullptr) {
-        MoveContext context{move_for};
-        freeze.move_instruction_pointers(&move_out_of_patch, &context);
-      }
-      FlushInstructionCache(GetCurrentProcess(), at, size);
+  for (; writable < count && writable < kMaxBatch; ++writable) {
+    if (!VirtualProtect(reinterpret_cast<void*>(changes[writable].target), changes[writable].size,
+                        PAGE_EXECUTE_READWRITE, &old_protect[writable])) {
+      *failure = HookStatus::kProtectFailed;
+      break;
     }
   }
-  DWORD ignored = 0;
-  VirtualProtect(at, size, old_protect, &ignored);
-  return status;
+  size_t written = 0;
+  if (writable > 0) {
+    ThreadFreeze freeze;
+    const HookRecord* moved[kMaxBatch];
+    size_t moved_count = 0;
+    for (; written < writable; ++written) {
+      const CodeChange& change = changes[written];
+      void* at = reinterpret_cast<void*>(change.target);
+      if (std::memcmp(at, change.expected, change.size) != 0) {
+        *failure = HookStatus::kTargetChanged;
+        break;
+      }
+      std::memcpy(at, change.bytes, change.size);
+      FlushInstructionCache(GetCurrentProcess(), at, change.size);
+      if (change.moved_for != nullptr) moved[moved_count++] = change.moved_for;
+    }
+    if (moved_count > 0) {
+      const MoveContext context{moved, moved_count};
+      freeze.move_instruction_pointers(&move_out_of_patch, &context);
+    }
+  }
+  // In reverse, so that two changes on one page leave it as it was before the first.
+  for (size_t i = writable; i-- > 0;) {
+    DWORD ignored = 0;
+    VirtualProtect(reinterpret_cast<void*>(changes[i].target), changes[i].size, old_protect[i], &ignored);
+  }
+  return written;
 }
 
-HookStatus install_locked(void** variable, void* replacement, const HookOptions& options, HookRecord** out) {
+// Everything of a hook but the patch itself: record, trampoline and relay written, the
+// trampoline published in *variable and the record marked active.
+HookStatus prepare_locked(void** variable, void* replacement, const HookOptions& options, HookRecord** out) {
   if (variable == nullptr || *variable == nullptr || replacement == nullptr) return HookStatus::kInvalidArgument;
   const uint64_t target = reinterpret_cast<uint64_t>(*variable);
   if (find_active(target) != nullptr) return HookStatus::kAlreadyHooked;
@@ -352,6 +386,8 @@ HookStatus install_locked(void** variable, void* replacement, const HookOptions&
     const size_t patch_size = near_chunk && !options.force_absolute ? kNearPatch : kAbsolutePatch;
     if (readable < patch_size) return HookStatus::kUnreadableTarget;
 
+    CodeWriteScope write(chunk, kChunkSize);
+    if (!write.writable()) return HookStatus::kProtectFailed;
     uint8_t* trampoline = chunk + kRelaySpace;
     Relocation relocation;
     const RelocateStatus relocated =
@@ -389,29 +425,58 @@ HookStatus install_locked(void** variable, void* replacement, const HookOptions&
     record->acl_count = 0;  // as EasyHook: no thread is intercepted until an ACL is set
     record->acl_exclusive = false;
   } else {
+    CodeWriteScope write(record->relay, kRelaySpace);
+    if (!write.writable()) return HookStatus::kProtectFailed;
     emit_plain_relay(record->relay, replacement);
   }
-  FlushInstructionCache(GetCurrentProcess(), record->relay, kChunkSize);
 
   // The trampoline is published before the jump exists, so a replacement entered the moment the
   // patch lands already finds the way to the original.
   *variable = record->trampoline;
   record->active = true;
-  const HookStatus written = write_code(target, record->original, record->patch, record->patch_size, record);
-  if (written != HookStatus::kOk) {
-    record->active = false;
-    *variable = reinterpret_cast<void*>(target);
-    return written;
-  }
-  if (out != nullptr) *out = record;
+  *out = record;
   return HookStatus::kOk;
 }
 
+void unprepare(HookRecord* record) {
+  record->active = false;
+  *record->variable = reinterpret_cast<void*>(record->target);
+}
+
+size_t install_locked(const HookRequest* requests, size_t count, const HookOptions& options, HookRecord** records,
+                      HookStatus* failure) {
+  *failure = HookStatus::kOk;
+  if (count > kMaxBatch) {
+    *failure = HookStatus::kInvalidArgument;
+    return 0;
+  }
+  HookRecord* prepared[kMaxBatch] = {};
+  CodeChange changes[kMaxBatch] = {};
+  size_t ready = 0;
+  for (; ready < count; ++ready) {
+    HookRecord* record = nullptr;
+    const HookStatus status = prepare_locked(requests[ready].variable, requests[ready].replacement, options, &record);
+    if (status != HookStatus::kOk) {
+      *failure = status;
+      break;
+    }
+    prepared[ready] = record;
+    changes[ready] = CodeChange{record->target, record->original, record->patch, record->patch_size, record};
+  }
+  HookStatus write_failure = HookStatus::kOk;
+  const size_t written = write_code(changes, ready, &write_failure);
+  for (size_t i = written; i < ready; ++i) unprepare(prepared[i]);
+  if (written < ready) *failure = write_failure;
+  for (size_t i = 0; records != nullptr && i < written; ++i) records[i] = prepared[i];
+  return written;
+}
+
 HookStatus remove_record_locked(HookRecord* record) {
-  const HookStatus written =
-      write_code(record->target, record->patch, record->original, record->patch_size, nullptr);
-  if (written == HookStatus::kTargetChanged) return HookStatus::kPatchNotOurs;
-  if (written != HookStatus::kOk) return written;
+  const CodeChange restore{record->target, record->patch, record->original, record->patch_size, nullptr};
+  HookStatus failure = HookStatus::kOk;
+  if (write_code(&restore, 1, &failure) != 1) {
+    return failure == HookStatus::kTargetChanged ? HookStatus::kPatchNotOurs : failure;
+  }
   // Threads still in the relay or trampoline finish there: both stay valid for ever, and a
   // barrier relay of an inactive hook sends every call to the original.
   record->active = false;
@@ -447,15 +512,27 @@ const char* to_string(HookStatus status) {
     case HookStatus::kProtectFailed: return "protect failed";
     case HookStatus::kTargetChanged: return "target changed";
     case HookStatus::kPatchNotOurs: return "patch not ours";
+    case HookStatus::kCallReturnsIntoPatch: return "call returns into patch";
   }
   return "?";
 }
 
 HookStatus install_hook(void** variable, void* replacement, const HookOptions& options, HookRecord** record) {
-  EngineLock lock;
-  const HookStatus status = install_locked(variable, replacement, options, record);
-  g_last_status = status;
+  const HookRequest request{variable, replacement};
+  HookStatus status = HookStatus::kOk;
+  install_hooks(&request, 1, &status, options, record);
   return status;
+}
+
+size_t install_hooks(const HookRequest* requests, size_t count, HookStatus* failure, const HookOptions& options,
+                     HookRecord** records) {
+  EngineLock lock;
+  HookStatus status = HookStatus::kOk;
+  const size_t installed = requests == nullptr ? 0 : install_locked(requests, count, options, records, &status);
+  if (requests == nullptr && count > 0) status = HookStatus::kInvalidArgument;
+  g_last_status = status;
+  if (failure != nullptr) *failure = status;
+  return installed;
 }
 
 HookStatus remove_hook(void** variable) {
@@ -488,18 +565,6 @@ size_t remove_all_barrier_hooks() {
     if (r->active && r->barrier && remove_record_locked(r) == HookStatus::kOk) ++removed;
   }
   return removed;
-}
-
-bool release_barrier_state() {
-  EngineLock lock;
-  if (g_fls == FLS_OUT_OF_INDEXES) return true;
-  for (HookRecord* r = g_records; r != nullptr; r = r->next) {
-    if (r->active && r->barrier) return false;
-  }
-  if (g_barrier_pending != 0) return false;  // a replacement still has to return through its frame
-  FlsFree(g_fls);                            // runs the destructor for every thread's state
-  g_fls = FLS_OUT_OF_INDEXES;
-  return true;
 }
 
 bool barrier_active_on_this_thread(const HookRecord* record) {

@@ -24,6 +24,8 @@ enum class HookStatus : uint8_t {
   kProtectFailed,      // the target's page could not be made writable
   kTargetChanged,      // the target's bytes changed between reading and patching; nothing written
   kPatchNotOurs,       // unhook: the target no longer holds this engine's patch; code left alone
+  kCallReturnsIntoPatch,  // a call among the covered bytes would return into the middle of the
+                          // patch (a thread blocked in that call would resume inside the jump)
 };
 const char* to_string(HookStatus status);
 
@@ -42,6 +44,18 @@ struct HookRecord;  // one per hooked target, kept for the process's life
 // trampoline through which the original behaviour stays callable. Nothing is written on failure.
 HookStatus install_hook(void** variable, void* replacement, const HookOptions& options = HookOptions(),
                         HookRecord** record = nullptr);
+
+struct HookRequest {
+  void** variable;
+  void* replacement;
+};
+// Installs up to 8 hooks in order, as install_hook each, with the other threads frozen once for
+// all of them. Stops at the first failure: the hooks before it stay installed, the later ones
+// are not attempted. Returns how many were installed; *failure (optional) says why the next one
+// was not (kOk when all were); records[i] (optional) receives each installed hook's record.
+size_t install_hooks(const HookRequest* requests, size_t count, HookStatus* failure,
+                     const HookOptions& options = HookOptions(), HookRecord** records = nullptr);
+
 // Restores the original bytes and *variable, provided the patch at the target is still ours.
 HookStatus remove_hook(void** variable);
 
@@ -55,9 +69,10 @@ HookStatus last_hook_status();
 HookStatus set_barrier_acl(HookRecord* record, const uint32_t* thread_ids, size_t count, bool exclusive);
 // Removes every barrier hook still installed (results per hook ignored); returns how many.
 size_t remove_all_barrier_hooks();
-// Frees the per-thread barrier state once no barrier hook is installed and no replacement is
-// still running; false (nothing freed) otherwise. Never waits.
-bool release_barrier_state();
+// The per-thread barrier state is never freed as a whole: its index stays allocated for the
+// process's life and each thread's state is freed when that thread ends (by a destructor in the
+// engine's own pages), so a thread entering or leaving a hooked function while the hooks go never
+// reads freed state.
 // True when the calling thread is inside the replacement of `record` (for tests).
 bool barrier_active_on_this_thread(const HookRecord* record);
 

@@ -185,6 +185,15 @@ RelocateStatus relocate_far_rip(const Instruction& insn, const uint8_t* code, ui
   return RelocateStatus::kOk;
 }
 
+// E8 rel32, or FF /2 and FF /3 (call through memory or a register): pushes a return address.
+bool is_call(const Instruction& insn, const uint8_t* code) {
+  if (insn.branch == BranchKind::kCallRel32) return true;
+  const size_t op = insn.opcode_offset;
+  if (code[op] != 0xFF || insn.flow == FlowKind::kUndefined || op + 1 >= insn.length) return false;
+  const unsigned reg = (code[op + 1] >> 3) & 7;
+  return reg == 2 || reg == 3;
+}
+
 RelocateStatus relocate_one(const Instruction& insn, const uint8_t* code, uint64_t address,
                             Emitter* e) {
   if (insn.rip_relative) {
@@ -280,6 +289,7 @@ const char* to_string(RelocateStatus status) {
     case RelocateStatus::kUnsupportedBranch: return "unsupported branch";
     case RelocateStatus::kRipOutOfRange: return "rip-relative out of range";
     case RelocateStatus::kBufferTooSmall: return "buffer too small";
+    case RelocateStatus::kCallReturnsIntoPatch: return "call returns into patch";
   }
   return "unknown";
 }
@@ -302,6 +312,7 @@ RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t
       return ended ? RelocateStatus::kFunctionTooShort : RelocateStatus::kUndecodable;
     if (ended && !is_padding(insn, target + pos)) return RelocateStatus::kFunctionTooShort;
     if (r.boundary_count >= sizeof(r.original_offsets)) return RelocateStatus::kBufferTooSmall;
+    if (pos + insn.length < patch_size && is_call(insn, target + pos)) return RelocateStatus::kCallReturnsIntoPatch;
     r.original_offsets[r.boundary_count] = static_cast<uint8_t>(pos);
     r.trampoline_offsets[r.boundary_count] = static_cast<uint8_t>(e.len);
     ++r.boundary_count;

@@ -17,6 +17,8 @@ enum class RelocateStatus : uint8_t {
   kRipOutOfRange,      // a RIP-relative operand out of disp32 reach, in a form with no rebuild
                        // (jmp/call/push/pop through memory, an rsp operand, VEX/EVEX/XOP)
   kBufferTooSmall,     // the trampoline does not fit in out_capacity
+  kCallReturnsIntoPatch,  // a call ends inside the patch: its return address would point into
+                          // the middle of the jump written over it
 };
 const char* to_string(RelocateStatus status);
 

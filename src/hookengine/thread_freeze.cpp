@@ -10,11 +10,22 @@ using NtGetNextThreadFn = LONG(NTAPI*)(HANDLE process, HANDLE thread, ACCESS_MAS
                                        ULONG flags, HANDLE* next);
 constexpr ACCESS_MASK kAccess = THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_SET_CONTEXT |
                                 THREAD_QUERY_INFORMATION;
+constexpr size_t kRoomForNewcomers = 16;
+constexpr int kMaxWalks = 4;
 
 NtGetNextThreadFn next_thread_function() {
   static NtGetNextThreadFn fn = reinterpret_cast<NtGetNextThreadFn>(
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtGetNextThread")));
   return fn;
+}
+
+// Returns once `thread` has really stopped: the context of a thread whose suspension is still
+// under way can only be read after it took effect.
+void wait_until_stopped(HANDLE thread) {
+  alignas(16) CONTEXT ctx;
+  ZeroMemory(&ctx, sizeof ctx);
+  ctx.ContextFlags = CONTEXT_CONTROL;
+  GetThreadContext(thread, &ctx);
 }
 
 }  // namespace
@@ -25,9 +36,26 @@ ThreadFreeze::ThreadFreeze() {
   } else {
     freeze_by_snapshot();
   }
+  for (size_t i = 0; i < count_; ++i) wait_until_stopped(threads_[i]);
 }
 
-// Walks the process's threads with NtGetNextThread (no system-wide snapshot: much faster).
+bool ThreadFreeze::known(DWORD id) const {
+  for (size_t i = 0; i < count_; ++i) {
+    if (ids_[i] == id) return true;
+  }
+  return false;
+}
+
+bool ThreadFreeze::suspend(HANDLE thread, DWORD id) {
+  if (count_ == threads_.size() || SuspendThread(thread) == static_cast<DWORD>(-1)) return false;
+  threads_[count_] = thread;
+  ids_[count_] = id;
+  ++count_;
+  return true;
+}
+
+// Walks the process's threads with NtGetNextThread (no system-wide snapshot: much faster), again
+// and again until a walk finds no thread that is not frozen yet.
 void ThreadFreeze::freeze_by_walk(void* fn) {
   auto next = reinterpret_cast<NtGetNextThreadFn>(fn);
   const DWORD self = GetCurrentThreadId();
@@ -39,17 +67,23 @@ void ThreadFreeze::freeze_by_walk(void* fn) {
     ++total;
   }
   if (cursor != nullptr) CloseHandle(cursor);
-  threads_.resize(total + 16, nullptr);  // from here on: no allocation until every thread is resumed
-  cursor = nullptr;
-  while (next(GetCurrentProcess(), cursor, kAccess, 0, 0, &following) >= 0) {
+  // From here on: no allocation until every thread is resumed.
+  threads_.resize(total + kRoomForNewcomers, nullptr);
+  ids_.resize(total + kRoomForNewcomers, 0);
+  for (int walk = 0; walk < kMaxWalks; ++walk) {
+    const size_t before = count_;
+    cursor = nullptr;
+    while (next(GetCurrentProcess(), cursor, kAccess, 0, 0, &following) >= 0) {
+      // The cursor handle is closed unless it became a frozen thread's handle.
+      if (cursor != nullptr && (count_ == 0 || threads_[count_ - 1] != cursor)) CloseHandle(cursor);
+      cursor = following;
+      const DWORD id = GetThreadId(cursor);
+      if (id == self || known(id)) continue;
+      suspend(cursor, id);
+    }
     if (cursor != nullptr && (count_ == 0 || threads_[count_ - 1] != cursor)) CloseHandle(cursor);
-    cursor = following;
-    // A thread started after the count is left running: no room may be made for it now.
-    if (GetThreadId(cursor) == self || count_ == threads_.size()) continue;
-    if (SuspendThread(cursor) == static_cast<DWORD>(-1)) continue;
-    threads_[count_++] = cursor;
+    if (count_ == before || count_ == threads_.size()) break;
   }
-  if (cursor != nullptr && (count_ == 0 || threads_[count_ - 1] != cursor)) CloseHandle(cursor);
 }
 
 // Systems without NtGetNextThread: a toolhelp snapshot of the threads.
@@ -68,14 +102,12 @@ void ThreadFreeze::freeze_by_snapshot() {
   }
   CloseHandle(snapshot);
   threads_.resize(ids_.size(), nullptr);  // from here on: no allocation until every thread is resumed
-  for (DWORD id : ids_) {
-    HANDLE thread = OpenThread(kAccess, FALSE, id);
+  // suspend() stores the id at count_ <= i, so the listed ids are read before being overwritten.
+  const size_t listed = ids_.size();
+  for (size_t i = 0; i < listed; ++i) {
+    HANDLE thread = OpenThread(kAccess, FALSE, ids_[i]);
     if (thread == nullptr) continue;  // ended meanwhile
-    if (SuspendThread(thread) == static_cast<DWORD>(-1)) {
-      CloseHandle(thread);
-      continue;
-    }
-    threads_[count_++] = thread;
+    if (!suspend(thread, ids_[i])) CloseHandle(thread);
   }
 }
 

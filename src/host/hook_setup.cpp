@@ -57,6 +57,19 @@ HMODULE own_module() {
   return module;
 }
 
+// Once any code of the process jumps into this module, the module stays mapped until the process
+// ends: a thread may be inside a replacement, or about to enter one, at any moment (waiting for
+// the agent, running the real copy), and an unload would leave it to return into unmapped code
+// (and into the unmapped image of Winsock, whose last reference the tear-down would drop). Later
+// FreeLibrary calls, including the system's after the window hook is removed, change nothing.
+void stay_loaded_for_process_life() {
+  static volatile LONG pinned = 0;
+  if (InterlockedExchange(&pinned, 1) != 0) return;
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                     reinterpret_cast<LPCWSTR>(&HookApi), &module);
+}
+
 template <typename Fn> void** as_variable(Fn* variable) { return reinterpret_cast<void**>(variable); }
 
 void hook_com_methods() {
@@ -77,16 +90,23 @@ void hook_com_methods() {
       g_real_copy_items = reinterpret_cast<CopyItemsFn>(methods[kSlotCopyItems]);
       g_real_move_items = reinterpret_cast<MoveItemsFn>(methods[kSlotMoveItems]);
       g_real_perform_operations = reinterpret_cast<PerformOperationsFn>(methods[kSlotPerformOperations]);
-      if (!hookengine::set_hook(as_variable(&g_real_copy_items), reinterpret_cast<void*>(&CopyItems_new))) {
+      // The three patches are written with the other threads frozen once; the first one that
+      // fails stops the rest, and those before it stay.
+      const hookengine::HookRequest requests[3] = {
+          {as_variable(&g_real_copy_items), reinterpret_cast<void*>(&CopyItems_new)},
+          {as_variable(&g_real_move_items), reinterpret_cast<void*>(&MoveItems_new)},
+          {as_variable(&g_real_perform_operations), reinterpret_cast<void*>(&PerformOperations_new)}};
+      const size_t patched = hookengine::install_hooks(requests, 3, nullptr);
+      if (patched > 0) stay_loaded_for_process_life();
+      if (patched < 1) {
         DebugTrace("HookApi", 1500, "[ZELTRAP:KWINDEL] hook copyitems error");
         return;
       }
-      if (!hookengine::set_hook(as_variable(&g_real_move_items), reinterpret_cast<void*>(&MoveItems_new))) {
+      if (patched < 2) {
         DebugTrace("HookApi", 1506, "[ZELTRAP:KWINDEL] hook moveitems error");
         return;
       }
-      if (!hookengine::set_hook(as_variable(&g_real_perform_operations),
-                                reinterpret_cast<void*>(&PerformOperations_new))) {
+      if (patched < 3) {
         DebugTrace("HookApi", 1511, "[ZELTRAP:KWINDEL] hook performoperations error");
         return;
       }
@@ -99,7 +119,11 @@ void hook_com_methods() {
 }
 
 void hook_flat_function(void* entry, void* replacement, HookTraceInfo* handle, const char* name, int line) {
-  if (g_flat_api.install_hook(entry, replacement, nullptr, handle) < 0) OutputDebugStringW(L"easyhook:AttachFail");
+  if (g_flat_api.install_hook(entry, replacement, nullptr, handle) < 0) {
+    OutputDebugStringW(L"easyhook:AttachFail");
+  } else {
+    stay_loaded_for_process_life();
+  }
   // Written whether or not the installation succeeded: it marks that the step was passed.
   DebugTrace("HookApi", line, "easyhook:attach %s succeed", name);
   ULONG all_threads[1] = {0xFFFFFFFF};  // an exclusive list naming no real thread: every thread

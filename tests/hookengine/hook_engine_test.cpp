@@ -291,7 +291,7 @@ TEST(HookEngine, EightThreadsCallWhileTheHookIsSetAndRemovedTenThousandTimes) {
 
 // ---- refusals and ownership ----
 
-uint8_t* code_page_with(std::initializer_list<uint8_t> bytes) {
+uint8_t* code_page_with(const std::vector<uint8_t>& bytes) {
   auto page = static_cast<uint8_t*>(VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE));
   std::memset(page, 0x90, 64);
   std::copy(bytes.begin(), bytes.end(), page);
@@ -324,6 +324,37 @@ TEST(HookEngine, RefusalsWriteNothingAndNameTheirCause) {
   uint8_t* invalid = code_page_with({0x06, 0x06, 0x06, 0x06, 0x06, 0x06});
   variable = invalid;
   EXPECT_EQ(hookengine::install_hook(&variable, reinterpret_cast<void*>(&plain_replacement)), HookStatus::kUndecodable);
+
+  // call rax ending at offset 5: a thread blocked in it returns to offset 5, the end of a near
+  // patch (fine) but the middle of an absolute one (refused).
+  const std::vector<uint8_t> calls = {0x48, 0x89, 0xC8, 0xFF, 0xD0, 0x48, 0x89, 0xC8, 0x48, 0x89, 0xC8,
+                                      0x48, 0x89, 0xC8, 0x48, 0x89, 0xC8, 0xC3};
+  uint8_t* far_call = code_page_with(calls);
+  variable = far_call;
+  HookOptions absolute;
+  absolute.force_absolute = true;
+  EXPECT_EQ(hookengine::install_hook(&variable, reinterpret_cast<void*>(&plain_replacement), absolute),
+            HookStatus::kCallReturnsIntoPatch);
+  EXPECT_EQ(far_call[0], 0x48);
+  uint8_t* near_call = code_page_with(calls);
+  variable = near_call;
+  ASSERT_EQ(hookengine::install_hook(&variable, reinterpret_cast<void*>(&plain_replacement)), HookStatus::kOk);
+  EXPECT_EQ(hookengine::remove_hook(&variable), HookStatus::kOk);
+
+  // Several hooks under one freeze stop at the first refusal: those before it stay, none after.
+  void* batch[3] = {code_page_with(calls), too_short, code_page_with(calls)};
+  const hookengine::HookRequest requests[3] = {{&batch[0], reinterpret_cast<void*>(&plain_replacement)},
+                                               {&batch[1], reinterpret_cast<void*>(&plain_replacement)},
+                                               {&batch[2], reinterpret_cast<void*>(&plain_replacement)}};
+  const uint64_t first = reinterpret_cast<uint64_t>(batch[0]);
+  uint8_t* third = static_cast<uint8_t*>(batch[2]);
+  HookStatus why = HookStatus::kOk;
+  EXPECT_EQ(hookengine::install_hooks(requests, 3, &why), 1u);
+  EXPECT_EQ(why, HookStatus::kFunctionTooShort);
+  EXPECT_NE(hookengine::find_hook(first), nullptr);
+  EXPECT_EQ(batch[2], third);
+  EXPECT_EQ(third[0], 0x48);
+  EXPECT_EQ(hookengine::remove_hook(&batch[0]), HookStatus::kOk);
 }
 
 TEST(HookEngine, UnhookLeavesAForeignPatchAloneAndReportsIt) {
@@ -366,8 +397,11 @@ TEST(HookEngine, NearRelaysAreWithinReachAndInTheEnginesOwnPages) {
   EXPECT_TRUE(hookengine::is_engine_code(info.trampoline));
   EXPECT_FALSE(in_module(info.relay));
   MEMORY_BASIC_INFORMATION mbi;
-  ASSERT_NE(VirtualQuery(reinterpret_cast<void*>(info.relay), &mbi, sizeof mbi), 0u);
-  EXPECT_EQ(mbi.Type, static_cast<DWORD>(MEM_PRIVATE));
+  for (uint64_t page : {info.relay, info.trampoline}) {
+    ASSERT_NE(VirtualQuery(reinterpret_cast<void*>(page), &mbi, sizeof mbi), 0u);
+    EXPECT_EQ(mbi.Type, static_cast<DWORD>(MEM_PRIVATE));
+    EXPECT_EQ(mbi.Protect, static_cast<DWORD>(PAGE_EXECUTE_READ)) << "engine pages must not stay writable";
+  }
   EXPECT_EQ(hookengine::remove_hook(&variable), HookStatus::kOk);
 }
 

@@ -1,6 +1,7 @@
 // Interception set-up and tear-down through the real DLL on a 6.x system: the three
 // IFileOperation methods patched at load (also in a process reached by the window hook), the
-// flat functions left alone, every byte restored at unload.
+// flat functions left alone, the DLL kept for the process's life once it patched anything and
+// its tear-down run when the process ends. Each test runs in a process of its own.
 #include <gtest/gtest.h>
 #include <windows.h>
 #include <shobjidl.h>
@@ -35,7 +36,7 @@ template <typename T> struct ComPtr {
 constexpr int kSlots[3] = {17, 15, 21};  // CopyItems, MoveItems, PerformOperations
 constexpr HRESULT kNotImplemented = static_cast<HRESULT>(0x80004001);
 
-TEST(HookSetup, LoadPatchesTheThreeMethodsOnlyAndUnloadRestoresEveryByte) {
+TEST(HookSetup, LoadPatchesTheThreeMethodsOnlyAndTheDllOutlivesItsLastFreeLibrary) {
   ComScope com;
   ComPtr<IFileOperation> first;
   ASSERT_EQ(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, first.out()), S_OK);
@@ -80,13 +81,22 @@ TEST(HookSetup, LoadPatchesTheThreeMethodsOnlyAndUnloadRestoresEveryByte) {
     EXPECT_EQ(fresh->PerformOperations(), kNotImplemented);
     trace.clear();
   }
+  // A thread may be inside a replacement at any time: the FreeLibrary changed nothing.
+  EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(std::string(static_cast<const char*>(methods[kSlots[i]]), 32), before[i]) << "slot " << kSlots[i];
+    EXPECT_NE(std::string(static_cast<const char*>(methods[kSlots[i]]), 32), before[i]) << "slot " << kSlots[i];
   }
   EXPECT_EQ(flat.bytes(), flat_before);
-  EXPECT_EQ(lines_from(trace, "[UnHookApi,"),
-            std::vector<std::string>{"[UnHookApi,1658] : easyhook:dettach kwindel succeed"});
+  EXPECT_TRUE(lines_from(trace, "[UnHookApi,").empty());
   EXPECT_EQ(first->CopyItems(nullptr, nullptr), kNotImplemented);
+}
+
+TEST(HookSetup, TheTearDownRunsWhenAProcessThatLoadedTheDllEnds) {
+  kwtest::DbwinMonitor monitor;
+  ASSERT_TRUE(monitor.ok());
+  kwtest::ChildResult r = kwtest::run_child(kwtest::child_path(), L"policy", 30000);
+  EXPECT_EQ(r.exit_code, 0u) << r.output;
+  EXPECT_TRUE(monitor.wait_for("[UnHookApi,1658] : easyhook:dettach kwindel succeed", 10000));
 }
 
 // Writes `bytes` over code, returning what was there.
@@ -120,21 +130,12 @@ TEST(HookSetup, AFailureToPatchMoveItemsStopsTheSetUpAndLeavesCopyItemsPatched) 
     EXPECT_NE(jump_destination(static_cast<const uint8_t*>(methods[17])), 0u);
     EXPECT_EQ(std::string(static_cast<const char*>(methods[21]), 16), perform);
   }
-  // The patched flag stayed 0, so the tear-down did not unhook CopyItems (kept as designed);
-  // put the bytes back by hand before anything calls into the unloaded module.
+  // The patched flag stayed 0, yet CopyItems jumps into the DLL: so the DLL stays, and the
+  // patched method keeps working after the FreeLibrary.
+  EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
   EXPECT_NE(std::string(static_cast<const char*>(methods[17]), 16), copy_items);
-  overwrite_code(methods[17], copy_items);
   overwrite_code(methods[15], move_items);
   EXPECT_EQ(operation->CopyItems(nullptr, nullptr), kNotImplemented);
-}
-
-TEST(HookSetup, LoadingAgainAfterAnUnloadPatchesAgain) {
-  ComScope com;
-  for (int round = 0; round < 2; ++round) {
-    kwtest::TraceCapture trace;
-    kwtest::Library dll(kwtest::dll_path());
-    EXPECT_TRUE(trace.contains("[HookApi,1523] : [ZELTRAP:KWINDEL] hook com succeed")) << "round " << round;
-  }
 }
 
 TEST(HookSetup, AProcessReachedByTheWindowHookHasItsMethodsPatched) {

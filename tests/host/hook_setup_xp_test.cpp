@@ -1,6 +1,7 @@
 // Interception set-up and tear-down through the real DLL on a 5.2 (winxp64) system: the four
 // flat functions hooked with the engine's own EasyHook equivalents, or with an EasyHook64.dll
-// found beside the DLL; no file-operation object; everything removed at unload.
+// found beside the DLL (and only there); no file-operation object; the DLL kept for the process's
+// life once a hook is in place. Each test runs in a process of its own.
 #include <gtest/gtest.h>
 #include <windows.h>
 #include <shellapi.h>
@@ -74,9 +75,25 @@ TEST(HookSetupXp, TheFourFlatFunctionsAreHookedInOrderAndCallThroughToTheOrigina
     EXPECT_FALSE(kwtest::file_exists(dir.file(L"c.txt")));
     trace.clear();
   }
-  EXPECT_EQ(flat.bytes(), before) << "unload left a hook behind";
-  EXPECT_EQ(lines_from(trace, "[UnHookApi,"),
-            std::vector<std::string>{"[UnHookApi,1658] : easyhook:dettach kwindel succeed"});
+  // The hooks lead into the DLL, so its FreeLibrary changed nothing and the hooks still work.
+  EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
+  EXPECT_NE(flat.bytes(), before);
+  EXPECT_TRUE(lines_from(trace, "[UnHookApi,").empty());
+  EXPECT_TRUE(CopyFileW(dir.file(L"a.txt").c_str(), dir.file(L"f.txt").c_str(), TRUE));
+}
+
+TEST(HookSetupXp, AnEasyHook64OutsideTheDllsFolderIsNeverLoaded) {
+  // A planted EasyHook64.dll in the current folder and on PATH; none beside kwindel-x64.dll.
+  const std::wstring planted = kwtest::exe_dir() + L"easyhook-standin";
+  ASSERT_TRUE(SetCurrentDirectoryW(planted.c_str()));
+  wchar_t path[8192];
+  GetEnvironmentVariableW(L"PATH", path, 8192);
+  SetEnvironmentVariableW(L"PATH", (planted + L";" + path).c_str());
+  FlatEntries flat;
+  kwtest::Library dll(kwtest::dll_path());
+  ASSERT_NE(dll.get(), nullptr);
+  EXPECT_EQ(GetModuleHandleW(L"EasyHook64.dll"), nullptr);
+  for (int i = 0; i < 4; ++i) EXPECT_NE(jump_destination(flat.entries[i]), 0u) << "entry " << i << " not hooked";
 }
 
 struct Standin {
@@ -138,10 +155,15 @@ TEST_P(EasyHookBinding, AnEasyHook64BesideTheDllIsCalledWithThePublishedArgument
       for (int j = i + 1; j < 4; ++j) EXPECT_NE(handles[i], handles[j]);
     }
   }
+  // Hooks in place keep the DLL for the process's life; with none, it unloads and tears down.
   std::vector<std::string> all = standin.lines();
-  ASSERT_EQ(all.size(), at_load.size() + 2);
-  EXPECT_EQ(all[8], "LhUninstallAllHooks");
-  EXPECT_EQ(all[9], "LhWaitForPendingRemovals");
+  if (install_result < 0) {
+    ASSERT_EQ(all.size(), at_load.size() + 2);
+    EXPECT_EQ(all[8], "LhUninstallAllHooks");
+    EXPECT_EQ(all[9], "LhWaitForPendingRemovals");
+  } else {
+    EXPECT_EQ(all.size(), at_load.size());
+  }
 }
 INSTANTIATE_TEST_SUITE_P(InstallSucceedsOrFails, EasyHookBinding, ::testing::Values(0, static_cast<LONG>(0xC0000001)));
 

@@ -2,23 +2,25 @@
 //   agent-die PORTFILE [HEX]  bind the agent port, wait for one secret-audit request, write the
 //                             requester's port to PORTFILE (PORTFILE.bound once bound), send the datagram HEX to it if given,
 //                             then wait to be killed (exit 3 when the port is taken)
-//   cycle                     load and unload kwindel-x64.dll once; print how many of the watched
-//                             entries the load changed and whether the unload restored them all
 //   swap-and-wait MARKER DST SRC...  load kwindel-x64.dll, queue a copy of the sources to DST
 //                             through the shell copy engine (the agent names them secret: they
 //                             are swapped), write MARKER, then wait to be killed
-//   injected MS               pump messages until the global hook brings the DLL in (at most MS),
-//                             then release it and print the same as cycle plus the release count
+//   midcall free|hook SOURCE DESTINATION
+//                             a copy blocked in the agent exchange while the DLL's last reference
+//                             goes (see midcall below)
 // Watched entries: IFileOperation's CopyItems, MoveItems, PerformOperations and the exported
 // CopyFileW, CopyFileExW, MoveFileWithProgressW, SHFileOperationW: their first 16 bytes.
 #include <winsock2.h>
 #include <windows.h>
 #include <shobjidl.h>
+#include <shellapi.h>
 
 #include <fcntl.h>
 #include <io.h>
 
+#include <atomic>
 #include <cstdio>
+#include <thread>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -65,23 +67,7 @@ class Entries {
   std::vector<void*> code_;
 };
 
-int cycle() {
-  Entries entries;
-  if (!entries.complete()) return 3;
-  const auto before = entries.bytes();
-  HMODULE dll = LoadLibraryW(kwtest::dll_path().c_str());
-  if (dll == nullptr) return 4;
-  const int patched = Entries::changed(before, entries.bytes());
-  FreeLibrary(dll);
-  const bool gone = GetModuleHandleW(L"kwindel-x64.dll") == nullptr;
-  std::printf("patched=%d unloaded=%d restored=%d\n", patched, gone ? 1 : 0, entries.bytes() == before ? 1 : 0);
-  return 0;
-}
-
-int injected(DWORD ms) {
-  Entries entries;
-  if (!entries.complete()) return 3;
-  const auto before = entries.bytes();
+HMODULE wait_for_injection(DWORD ms) {
   MSG msg;
   PeekMessageW(&msg, nullptr, 0, 0, PM_NOREMOVE);
   const ULONGLONG end = GetTickCount64() + ms;
@@ -92,20 +78,96 @@ int injected(DWORD ms) {
     dll = GetModuleHandleW(L"kwindel-x64.dll");
     if (dll == nullptr) Sleep(10);
   }
+  return dll;
+}
+
+// The copy the worker thread makes: queued and performed through the shell copy engine on 6.x,
+// one SHFileOperationW on older systems. Returns "copy=RESULT perform=RESULT".
+std::string worker_copy(const std::wstring& source, const std::wstring& destination) {
+  char report[64];
+  OSVERSIONINFOW version = {sizeof version};
+  GetVersionExW(&version);
+  if (version.dwMajorVersion < 6) {
+    std::wstring from = source + L'\0', to = destination + L'\0';
+    SHFILEOPSTRUCTW op = {};
+    op.wFunc = FO_COPY;
+    op.pFrom = from.c_str();
+    op.pTo = to.c_str();
+    op.fFlags = FOF_NO_UI;
+    std::snprintf(report, sizeof report, "copy=%08x", static_cast<unsigned>(SHFileOperationW(&op)));
+    return report;
+  }
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  HRESULT copy = E_FAIL, perform = E_FAIL;
+  {
+    kwtest::Com<IFileOperation> op;
+    kwtest::Com<IDataObject> items;
+    kwtest::Com<IShellItem> target;
+    if (kwtest::new_file_operation(&op) && kwtest::data_object_for({source}, &items) &&
+        kwtest::shell_item_for(destination, &target)) {
+      copy = op->CopyItems(items.get(), target.get());
+      perform = op->PerformOperations();
+    }
+  }
+  CoUninitialize();
+  std::snprintf(report, sizeof report, "copy=%08lx perform=%08lx", static_cast<unsigned long>(copy),
+                static_cast<unsigned long>(perform));
+  return report;
+}
+
+// A worker thread's copy waits for the agent while the main thread drops the last reference to
+// the DLL: its own FreeLibrary ("free"), or, in a process the global hook brought it into, what
+// the system does once the hook is removed ("hook": messages pumped, every reference released).
+// The test signals kwtest-midcall-release once the agent holds the request and answers after
+// kwtest-midcall-released. Prints the worker's results, whether the DLL is still mapped and how
+// many of the watched entries are still patched.
+int midcall(const std::wstring& how, const std::wstring& source, const std::wstring& destination) {
+  HANDLE release = OpenEventW(SYNCHRONIZE, FALSE, L"kwtest-midcall-release");
+  HANDLE released = OpenEventW(EVENT_MODIFY_STATE, FALSE, L"kwtest-midcall-released");
+  if (release == nullptr || released == nullptr) return 3;
+  Entries entries;
+  if (!entries.complete()) return 3;
+  const auto before = entries.bytes();
+  HMODULE dll = how == L"free" ? LoadLibraryW(kwtest::dll_path().c_str()) : wait_for_injection(20000);
   if (dll == nullptr) {
     std::printf("not loaded\n");
-    return 1;
+    return 4;
   }
-  // No more messages from here on, so the hook never calls into the module again.
-  const int patched = Entries::changed(before, entries.bytes());
-  int releases = 0;
-  while (GetModuleHandleW(L"kwindel-x64.dll") != nullptr && releases < 8) {
-    FreeLibrary(GetModuleHandleW(L"kwindel-x64.dll"));
-    ++releases;
+  std::string report;
+  std::thread worker([&] { report = worker_copy(source, destination); });
+  // Meanwhile two threads keep calling CopyFileW (hooked on the older systems), entering and
+  // leaving the hook while the references go.
+  const std::wstring other = destination + L"\\..\\caller.txt";
+  kwtest::write_file(other, "caller");
+  std::atomic<bool> stop{false};
+  std::atomic<int> failed{0};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 2; ++i) {
+    callers.emplace_back([&, i] {
+      const std::wstring to = destination + L"\\..\\caller-" + std::to_wstring(i) + L".txt";
+      while (!stop) failed += CopyFileW(other.c_str(), to.c_str(), FALSE) ? 0 : 1;
+    });
   }
-  const bool gone = GetModuleHandleW(L"kwindel-x64.dll") == nullptr;
-  std::printf("patched=%d unloaded=%d restored=%d releases=%d\n", patched, gone ? 1 : 0,
-              entries.bytes() == before ? 1 : 0, releases);
+  WaitForSingleObject(release, 60000);
+  if (how == L"free") {
+    FreeLibrary(dll);
+  } else {
+    MSG msg;
+    for (int i = 0; i < 20; ++i) {
+      while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
+      Sleep(10);
+    }
+    for (int i = 0; i < 8 && GetModuleHandleW(L"kwindel-x64.dll") != nullptr; ++i) {
+      FreeLibrary(GetModuleHandleW(L"kwindel-x64.dll"));
+    }
+  }
+  SetEvent(released);
+  worker.join();
+  stop = true;
+  for (std::thread& caller : callers) caller.join();
+  std::printf("%s loaded=%d patched=%d failed calls=%d\n", report.c_str(),
+              GetModuleHandleW(L"kwindel-x64.dll") != nullptr ? 1 : 0, Entries::changed(before, entries.bytes()),
+              failed.load());
   return 0;
 }
 
@@ -159,14 +221,13 @@ int agent_die(const std::wstring& port_file, const std::string& first_datagram) 
 int wmain(int argc, wchar_t** argv) {
   _setmode(_fileno(stdout), _O_BINARY);
   const std::wstring mode = argc > 1 ? argv[1] : L"";
-  if (mode == L"cycle") return cycle();
-  if (mode == L"injected" && argc > 2) return injected(static_cast<DWORD>(_wtoi(argv[2])));
+  if (mode == L"midcall" && argc > 4) return midcall(argv[2], argv[3], argv[4]);
   if (mode == L"swap-and-wait" && argc > 4) {
     return swap_and_wait(argv[2], argv[3], std::vector<std::wstring>(argv + 4, argv + argc));
   }
   if (mode == L"agent-die" && argc > 2) {
     return agent_die(argv[2], argc > 3 ? kwtest::from_hex(kwtest::narrow(argv[3])) : std::string());
   }
-  std::fprintf(stderr, "usage: reliability-child cycle | injected MS | agent-die PORTFILE [HEX]\n");
+  std::fprintf(stderr, "usage: reliability-child midcall free|hook SOURCE DESTINATION | swap-and-wait MARKER DST SRC... | agent-die PORTFILE [HEX]\n");
   return 100;
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "interception_fixture.h"
+#include "midcall_unload.h"
 #include "process_counts.h"
 #include "responder.h"
 #include "shell_items.h"
@@ -313,7 +314,8 @@ TEST_F(Reliability, AProcessKilledBeforePerformOperationsIsRecoveredAtTheNextLoa
       EXPECT_EQ(content(sources[i]).compare(0, 8, kMagic), 0) << i;
       EXPECT_TRUE(parked_original_of(sources[i]) == originals[i]) << i;
     }
-    run_processes(1, exe_dir() + L"reliability-child.exe", L"cycle", "patched=3 unloaded=1 restored=1\n", "recovering load");
+    const ChildResult load = run_child(child_path(), L"policy", 60000);  // a fresh load recovers
+    ASSERT_TRUE(load.finished && load.exit_code == 0) << load.output;
     for (size_t i = 0; i < sources.size(); ++i) lost += content(sources[i]) != originals[i] ? 1 : 0;
     stranded += static_cast<int>(parked_records().size());
   }
@@ -485,17 +487,19 @@ TEST_F(Reliability, HandlesAndPrivateBytesStaySteadyOverInterceptedOperations) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Load and unload
+// The DLL's last reference goes while a copy waits inside it
 
-TEST_F(Reliability, FreshProcessesLoadAndUnloadRestoringEveryByte) {
-  // The three IFileOperation methods patched, the flat functions untouched, all restored.
-  run_processes(iterations(20, 1000), exe_dir() + L"reliability-child.exe", L"cycle",
-                "patched=3 unloaded=1 restored=1\n", "load/unload processes");
-}
-
-TEST_F(Reliability, ProcessesInjectedThroughTheGlobalHookReleaseTheDllRestoringEveryByte) {
-  run_injected_processes(iterations(10, 1000), exe_dir() + L"reliability-child.exe", L"injected 20000",
-                         "patched=3 unloaded=1 restored=1 releases=1\n");
+TEST_F(Reliability, TheLastReferenceGoingMidCopyLeavesTheCopyItsResultAndTheDllInPlace) {
+  dll().set_policy(kSecretAudit | kLocal);
+  const MidCallUnload rows[] = {
+      {L"free", 1, "pw", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
+      {L"free", 0, "", "copy=80004001 perform=ffffffff loaded=1 patched=3 failed calls=0\n", ""},
+      {L"hook", 1, "pw", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
+      {L"hook", 1, "", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
+  };
+  for (int round = 0; round < iterations(1, 25); ++round) {
+    for (const MidCallUnload& row : rows) run_midcall_unload(dll().module(), dir, row);
+  }
 }
 
 }  // namespace

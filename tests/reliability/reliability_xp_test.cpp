@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "interception_fixture.h"
+#include "midcall_unload.h"
 #include "process_counts.h"
 #include "responder.h"
 
@@ -122,15 +123,17 @@ TEST_F(ReliabilityXp, ADestinationHeldWithoutSharingFailsTheCopyAndKeepsTheRegis
   EXPECT_EQ(content(later), "held secret");
 }
 
-TEST_F(ReliabilityXp, FreshProcessesLoadAndUnloadRestoringEveryByte) {
-  // The four flat functions hooked, the IFileOperation methods untouched, all restored.
-  run_processes(iterations(20, 1000), exe_dir() + L"reliability-child.exe", L"cycle",
-                "patched=4 unloaded=1 restored=1\n", "load/unload processes");
-}
-
-TEST_F(ReliabilityXp, ProcessesInjectedThroughTheGlobalHookReleaseTheDllRestoringEveryByte) {
-  run_injected_processes(iterations(10, 1000), exe_dir() + L"reliability-child.exe", L"injected 20000",
-                         "patched=4 unloaded=1 restored=1 releases=1\n");
+TEST_F(ReliabilityXp, TheLastReferenceGoingMidCopyLeavesTheCopyItsResultAndTheDllInPlace) {
+  dll().set_policy(kSecretAudit | kLocal);
+  const MidCallUnload rows[] = {
+      {L"free", 1, "pw", "copy=00000000 loaded=1 patched=4 failed calls=0\n", "\x01\x02\x03\x04\x10\x20\x30\x40"},
+      {L"free", 0, "", "copy=ffffffff loaded=1 patched=4 failed calls=0\n", ""},
+      {L"hook", 1, "pw", "copy=00000000 loaded=1 patched=4 failed calls=0\n", "\x01\x02\x03\x04\x10\x20\x30\x40"},
+      {L"hook", 1, "", "copy=00000000 loaded=1 patched=4 failed calls=0\n", "content copied"},
+  };
+  for (int round = 0; round < iterations(1, 25); ++round) {
+    for (const MidCallUnload& row : rows) run_midcall_unload(dll().module(), dir, row);
+  }
 }
 
 }  // namespace
