@@ -26,7 +26,8 @@ std::string BuildSecretAuditRequest(const std::string& process_name, const std::
 // Reads a reassembled response frame (header at offset 0, document from offset 36) into
 // `result`: encryptedpwd (missing: ""), action (missing: unchanged), non-empty SecretFile and
 // EncryptedFile paths in document order. True when a list is non-empty afterwards; a null
-// frame, another root name or a document naming no file gives false.
+// frame, another root name or a document naming no file gives false. A document that does not
+// parse gives true with both lists empty (the operation is refused, as for a transport failure).
 bool ParseSecretAuditResponse(const char* frame, size_t frame_size, SecretAuditResult& result);
 bool ParseSecretAuditResponse(const agent::AgentFrame* frame, SecretAuditResult& result);
 

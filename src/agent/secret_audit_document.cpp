@@ -44,7 +44,13 @@ bool ParseSecretAuditResponse(const char* frame, size_t frame_size, SecretAuditR
   // A peer's frame need not end in NUL: parse no further than the buffer.
   const size_t length = strnlen(text, frame_size - agent::kHeaderSize);
   tinyxml2::XMLDocument document;
-  document.Parse(text, length);  // errors leave no root element, which decides below
+  if (document.Parse(text, length) != tinyxml2::XML_SUCCESS) {
+    // A document that does not parse is a transport failure: a verdict naming no file, which
+    // the callers refuse, as for every other failed exchange.
+    result.secret_files.clear();
+    result.encrypted_files.clear();
+    return true;
+  }
   const tinyxml2::XMLElement* root = document.FirstChildElement("SecretCheckResult");
   if (root == nullptr) return false;
   const char* password = root->Attribute("encryptedpwd");

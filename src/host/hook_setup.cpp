@@ -15,6 +15,7 @@
 #include "intercept/file_operation_methods.h"
 #include "intercept/flat_file_functions.h"
 #include "intercept/shell_file_operation.h"
+#include "protect/parked_originals.h"
 #include "protect/pending_files.h"
 
 CRITICAL_SECTION g_pending_cs;
@@ -173,6 +174,7 @@ bool is_vista_or_later() {
 }
 
 void HookApi() {
+  recover_parked_originals();  // originals left parked by a process that died
   WSADATA wsa;
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) {
     DebugTrace("HookApi", 1440, "[ZELTRAP:KWINDEL] init socket error");
@@ -189,7 +191,7 @@ void HookApi() {
 
 void UnHookApi() {
   EnterCriticalSection(&g_pending_cs);
-  clear_swapped_source_files();  // both take g_pending_cs again: the section is re-entrant
+  restore_all_parked();  // puts back what is still parked before the tables go
   clear_pending_encrypted_files();
   LeaveCriticalSection(&g_pending_cs);
   if (is_nt6_or_later() && g_com_methods_patched != 0) {

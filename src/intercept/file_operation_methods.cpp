@@ -4,7 +4,6 @@
 #include <shlobj.h>
 
 #include <cstdio>
-#include <map>
 
 #include "agent/copy_audit.h"
 #include "agent/secret_audit.h"
@@ -13,7 +12,7 @@
 #include "host/hook_setup.h"
 #include "host/policy_block.h"
 #include "protect/classify.h"
-#include "protect/transform.h"
+#include "protect/parked_originals.h"
 
 CopyItemsFn g_real_copy_items = nullptr;
 MoveItemsFn g_real_move_items = nullptr;
@@ -22,20 +21,6 @@ PerformOperationsFn g_real_perform_operations = nullptr;
 namespace {
 
 constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);  // the bare refusal value
-constexpr int kRestoreRetries = 20;    // at most 20 x 5 ms per source
-constexpr DWORD kRestoreRetryMs = 5;
-
-// Source path -> where its untouched file is parked in the temporary folder while the shell
-// copies the transformed one. Guarded by g_pending_cs; ordered byte-wise.
-std::map<std::string, std::string> SwappedSourceFiles;
-
-struct PendingLock {
-  PendingLock() { EnterCriticalSection(&g_pending_cs); }
-  ~PendingLock() { LeaveCriticalSection(&g_pending_cs); }
-  PendingLock(const PendingLock&) = delete;
-  PendingLock& operator=(const PendingLock&) = delete;
-};
-
 // Owns one reference of a COM interface.
 template <typename T>
 struct ComRef {
@@ -96,35 +81,28 @@ uint32_t paths_from_data_object(IDataObject* data_object, std::vector<std::strin
   return count;  // what the list reports, even when a name could not be read
 }
 
-// Rewrites each secret source into its encrypted form in its own place and parks the untouched
-// file in the temporary folder until the next executed PerformOperations puts it back.
-void swap_sources(const SecretAuditResult& result) {
-  wchar_t temp[MAX_PATH] = {};
-  GetTempPathW(MAX_PATH, temp);
-  const std::string temp_folder = wide_to_utf8(temp);
+// Swaps each secret source for its encrypted form (its original parked until the restore). False
+// when one cannot be swapped: this call's swaps are then undone and the copy must be refused.
+bool swap_sources(const SecretAuditResult& result) {
+  std::vector<std::string> swapped;
   for (const std::string& source : result.secret_files) {
-    const std::string transformed = source + ".tmp";
-    if (!TransformCopiedFile(source.c_str(), transformed.c_str(), result.encrypted_pwd.c_str())) continue;
-    const size_t slash = source.rfind('\\');
-    const std::string parked = temp_folder + (slash == std::string::npos ? source : source.substr(slash + 1));
-    const std::wstring wide_source = to_wide(source), wide_parked = to_wide(parked);
-    DeleteFileW(wide_parked.c_str());  // an earlier parked file of the same name goes
-    if (MoveFileW(wide_source.c_str(), wide_parked.c_str())) MoveFileW(to_wide(transformed).c_str(), wide_source.c_str());
-    // Entered on the transformation's success alone: the restore then puts back whatever is parked.
-    PendingLock lock;
-    SwappedSourceFiles.emplace(source, parked);
+    const SwapOutcome outcome = swap_source(source, result.encrypted_pwd);
+    if (outcome == SwapOutcome::kSwapped) swapped.push_back(source);
+    if (outcome == SwapOutcome::kFailed) {
+      restore_sources(swapped);
+      return false;
+    }
   }
+  return true;
 }
 
-// Transforms each secret source in place for good (a move carries the encrypted form away).
-void transform_sources_in_place(const SecretAuditResult& result) {
+// Encrypts each secret source in place for good (a move carries the encrypted form away). False
+// when one cannot be encrypted whole (it is left untouched): the move must be refused.
+bool transform_sources_in_place(const SecretAuditResult& result) {
   for (const std::string& source : result.secret_files) {
-    const std::string transformed = source + ".tmp";
-    if (!TransformCopiedFile(source.c_str(), transformed.c_str(), result.encrypted_pwd.c_str())) continue;
-    const std::wstring wide_source = to_wide(source);
-    DeleteFileW(wide_source.c_str());
-    MoveFileW(to_wide(transformed).c_str(), wide_source.c_str());
+    if (!encrypt_in_place(source, result.encrypted_pwd)) return false;
   }
+  return true;
 }
 
 // The destination folder's file-system path, as the shell gives it (null when it gives none).
@@ -237,7 +215,8 @@ HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, I
         g_perform_operations_allowed = false;  // queued, but the next PerformOperations refuses
         return g_real_copy_items(self, items, destination);
       }
-      if (!result.secret_files.empty() && !result.encrypted_pwd.empty()) swap_sources(result);
+      // A secret file with a password never reaches the destination in plaintext.
+      if (!result.secret_files.empty() && !result.encrypted_pwd.empty() && !swap_sources(result)) return kRefused;
     }
   }
   send_audit(kCopyAuditCopy, destination_path, sources);
@@ -261,7 +240,9 @@ HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, I
         g_perform_operations_allowed = false;
         return g_real_copy_items(self, items, destination);
       }
-      if (!result.secret_files.empty() && !result.encrypted_pwd.empty()) transform_sources_in_place(result);
+      if (!result.secret_files.empty() && !result.encrypted_pwd.empty() && !transform_sources_in_place(result)) {
+        return kRefused;
+      }
     }
   }
   send_audit(kCopyAuditMove, destination_path, sources);
@@ -275,27 +256,6 @@ HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self) {
   }
   DebugTrace("PerformOperations_new", 1290, "[ZELTRAP:KWINDEL] PerformOperations_new");
   const HRESULT result = g_real_perform_operations(self);
-  PendingLock lock;
-  for (const auto& entry : SwappedSourceFiles) {
-    const std::wstring source = to_wide(entry.first), parked = to_wide(entry.second);
-    DeleteFileW(source.c_str());  // the transformed copy standing in the source's place
-    // While another program holds the transformed file open, its deletion is only pending and
-    // the name stays taken: give such a brief holder a moment rather than leave the place empty.
-    for (int attempt = 0; !MoveFileW(parked.c_str(), source.c_str()) && attempt < kRestoreRetries; ++attempt) {
-      if (GetFileAttributesW(parked.c_str()) == INVALID_FILE_ATTRIBUTES) break;  // nothing to put back
-      Sleep(kRestoreRetryMs);
-    }
-  }
-  SwappedSourceFiles.clear();
+  restore_swapped_sources();  // also when the real method failed or was cancelled
   return result;
-}
-
-void clear_swapped_source_files() {
-  PendingLock lock;
-  SwappedSourceFiles.clear();
-}
-
-size_t swapped_source_file_count() {
-  PendingLock lock;
-  return SwappedSourceFiles.size();
 }

@@ -25,8 +25,3 @@ HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self);
 // Appends the file-system paths of an item set (a data object with a drop list, or an ID-list
 // item) to `out`; returns the count the drop list reports, 0 on every failure (with a trace).
 uint32_t get_filepaths_from_comobject(IUnknown* items, std::vector<std::string>& out);
-
-// Empties the swapped-source table without restoring anything (interception tear-down).
-void clear_swapped_source_files();
-// Entries waiting for the next executed PerformOperations, for diagnostics and tests.
-size_t swapped_source_file_count();

@@ -31,6 +31,6 @@ BOOL WINAPI Hook_MoveFileWithProgressW(LPCWSTR existing, LPCWSTR new_name, LPPRO
   const BOOL result = g_MoveFileWithProgressW(existing, new_name, progress, data, flags);
   if (!result) return result;
   // A null new name schedules a deletion at restart: there is no moved file to encrypt.
-  if (new_name != nullptr) TakeAndTransform(existing, new_name);
+  if (new_name != nullptr) TakeAndTransform(existing, new_name, /*moved=*/true);
   return result;
 }

@@ -5,51 +5,50 @@
 #include <string>
 
 #include "host/caller_context.h"
-#include "host/hook_setup.h"
-#include "protect/transform.h"
+#include "protect/parked_originals.h"
+#include "protect/table_lock.h"
 
 namespace {
 struct PendingEncryptedFile {
   std::string source;    // UTF-8, as the agent named it
   std::string password;
 };
-std::list<PendingEncryptedFile> PendingEncryptedFiles;
-
-struct PendingLock {
-  PendingLock() { EnterCriticalSection(&g_pending_cs); }
-  ~PendingLock() { LeaveCriticalSection(&g_pending_cs); }
-};
+std::list<PendingEncryptedFile> PendingEncryptedFiles;  // guarded by protect::TableLock
 }  // namespace
 
 void register_pending_encrypted_files(const SecretAuditResult& result) {
   if (result.action == 0 || result.secret_files.empty() || result.encrypted_pwd.empty()) return;
-  PendingLock lock;
+  protect::TableLock lock;
   for (const std::string& path : result.secret_files) PendingEncryptedFiles.push_back({path, result.encrypted_pwd});
 }
 
-void TakeAndTransform(const wchar_t* source, const wchar_t* destination) {
-  PendingLock lock;  // held through the whole transformation: transformations never overlap
+void TakeAndTransform(const wchar_t* source, const wchar_t* destination, bool moved) {
+  protect::TableLock lock;  // held through the whole transformation: transformations never overlap
   if (PendingEncryptedFiles.empty()) return;
   const std::string source_utf8 = wide_to_utf8(source);
   const std::string destination_utf8 = wide_to_utf8(destination);
   auto entry = PendingEncryptedFiles.begin();
   while (entry != PendingEncryptedFiles.end() && _stricmp(entry->source.c_str(), source_utf8.c_str()) != 0) ++entry;
   if (entry == PendingEncryptedFiles.end()) return;
-  const std::string temporary = destination_utf8 + ".tmp";
-  TransformCopiedFile(destination_utf8.c_str(), temporary.c_str(), entry->password.c_str());
-  // Replaced whatever the transformation returned: a copy that cannot be encrypted must not
-  // stay readable, even if that leaves no file at the destination.
-  DeleteFileW(destination);
-  MoveFileW(utf8_to_wide(temporary).c_str(), destination);
+  // Replaced in one step by the encrypted form only when that was written whole. Otherwise the
+  // plaintext must not stay at the destination: a copy goes (its source keeps the content), a
+  // moved file goes back where it came from (if even that fails it stays: it is the only one).
+  if (!encrypt_in_place(destination_utf8, entry->password)) {
+    if (moved) {
+      MoveFileW(destination, source);
+    } else {
+      DeleteFileW(destination);
+    }
+  }
   PendingEncryptedFiles.erase(entry);
 }
 
 void clear_pending_encrypted_files() {
-  PendingLock lock;
-  PendingEncryptedFiles.clear();
+  protect::TableTryLock lock;  // at process detach a thread ended inside may still own it
+  if (lock.owns()) PendingEncryptedFiles.clear();
 }
 
 size_t pending_encrypted_file_count() {
-  PendingLock lock;
+  protect::TableLock lock;
   return PendingEncryptedFiles.size();
 }

@@ -4,16 +4,17 @@
 
 #include "agent/secret_audit.h"
 
-// Appends one (path, encrypted_pwd) entry per secret file, under g_pending_cs, when action is
+// Appends one (path, encrypted_pwd) entry per secret file, under the tables' lock, when action is
 // non-zero and both the list and the password are non-empty.
 void register_pending_encrypted_files(const SecretAuditResult& result);
 
 // After a successful copy or move of `source` to `destination`: when an entry for `source`
-// exists (first match, ASCII case-insensitive), encrypts the destination through destination +
-// ".tmp", replaces it, and erases that entry. No string work when the table is empty.
-void TakeAndTransform(const wchar_t* source, const wchar_t* destination);
+// exists (first match, ASCII case-insensitive), replaces the destination by its encrypted form
+// and erases that entry. When the encrypted form cannot be written whole, a copied destination is
+// deleted and a `moved` one moved back to `source`. No string work when the table is empty.
+void TakeAndTransform(const wchar_t* source, const wchar_t* destination, bool moved = false);
 
-// Removes every entry (interception tear-down), under g_pending_cs.
+// Removes every entry (interception tear-down), when the tables' lock is free.
 void clear_pending_encrypted_files();
 
 // Number of entries, for diagnostics and tests.

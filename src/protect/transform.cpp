@@ -39,25 +39,30 @@ HANDLE open_for_reading(const std::wstring& path) {
                      FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
 }
 
-// Reads until `size` bytes or end of file; returns the count (0 at end or on error).
-DWORD read_some(HANDLE file, uint8_t* buffer, DWORD size) {
+// Reads until `size` bytes or end of file; `failed` is set when a read failed before the end.
+DWORD read_some(HANDLE file, uint8_t* buffer, DWORD size, bool* failed) {
   DWORD total = 0;
   while (total < size) {
     DWORD got = 0;
-    if (!ReadFile(file, buffer + total, size - total, &got, nullptr) || got == 0) break;
+    if (!ReadFile(file, buffer + total, size - total, &got, nullptr)) {
+      *failed = true;
+      break;
+    }
+    if (got == 0) break;
     total += got;
   }
   return total;
 }
 
-void write_all(HANDLE file, const uint8_t* data, DWORD size) {
-  // Write failures are not reported: the result only says whether the source was readable.
+// False when a byte could not be written.
+bool write_all(HANDLE file, const uint8_t* data, DWORD size) {
   while (size > 0) {
     DWORD put = 0;
-    if (!WriteFile(file, data, size, &put, nullptr) || put == 0) return;
+    if (!WriteFile(file, data, size, &put, nullptr) || put == 0) return false;
     data += put;
     size -= put;
   }
+  return true;
 }
 
 struct Wipe {
@@ -89,7 +94,9 @@ std::string FileDigestHex(const std::wstring& path) {
   if (!buffer) return std::string();
   MD5 md5;
   for (;;) {
-    const DWORD got = read_some(file.get(), buffer.get(), kBuffer);
+    bool failed = false;  // a digest of part of the file is no digest: the transformation checks it
+    const DWORD got = read_some(file.get(), buffer.get(), kBuffer, &failed);
+    if (failed) return std::string();
     if (got == 0) break;
     md5.update(buffer.get(), got);
   }
@@ -97,7 +104,14 @@ std::string FileDigestHex(const std::wstring& path) {
   return md5.hex_digest();
 }
 
-bool TransformFile(const char* source, const char* destination, const uint8_t password_buffer[32], bool encrypt) {
+bool TransformFile(const char* source, const char* destination, const uint8_t password_buffer[32], bool encrypt,
+                   bool* complete) {
+  bool whole = false;  // every byte read and written, and (in place) the source replaced
+  struct Report {
+    bool* out;
+    const bool& value;
+    ~Report() { if (out != nullptr) *out = value; }
+  } report{complete, whole};
   if (source == nullptr || destination == nullptr || password_buffer == nullptr) return false;
   uint8_t digest_field[kDigestFieldSize] = {};
   const std::wstring wide_source = utf8_to_wide(source);
@@ -127,9 +141,10 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
       uint8_t header[kEncryptedHeaderSize];
       std::memcpy(header, kEncryptedFileMagic, 8);
       std::memcpy(header + 8, digest_field, kDigestFieldSize);
-      write_all(output.get(), header, sizeof header);
+      bool failed = !output.ok() || digest.size() != kDigestFieldSize - 1;
+      failed |= !write_all(output.get(), header, sizeof header);
       for (;;) {
-        const DWORD length = read_some(input.get(), in, kTransformChunk);
+        const DWORD length = read_some(input.get(), in, kTransformChunk, &failed);
         if (length == 0) break;
         const DWORD r = length % 16;
         const DWORD head = length - r;
@@ -140,24 +155,26 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
           cipher.decipher_buffer(in, out, head);
         }
         for (DWORD j = 0; j < r; ++j) out[head + j] = in[head + j] ^ key[r - j];
-        write_all(output.get(), out, length);
+        failed |= !write_all(output.get(), out, length);
       }
       SecureZeroMemory(buffers.get(), 2 * kTransformChunk);
       result = true;
+      whole = !failed && FlushFileBuffers(output.get());
     }
   }
   std::locale::global(std::locale::classic());
   if (in_place) {
     DeleteFileW(wide_source.c_str());
-    MoveFileW(wide_destination.c_str(), wide_source.c_str());
+    whole = MoveFileW(wide_destination.c_str(), wide_source.c_str()) && whole;
   }
   return result;
 }
 
-bool TransformCopiedFile(const char* source, const char* destination, const char* password) {
+bool TransformCopiedFile(const char* source, const char* destination, const char* password, bool* complete) {
+  if (complete != nullptr) *complete = false;
   if (source == nullptr || destination == nullptr || password == nullptr) return false;
   uint8_t buffer[32];
   Wipe wipe{buffer, sizeof buffer};
   BuildPasswordBuffer(password, buffer);
-  return TransformFile(source, destination, buffer, true);
+  return TransformFile(source, destination, buffer, true, complete);
 }

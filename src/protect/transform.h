@@ -27,9 +27,13 @@ std::string FileDigestHex(const std::wstring& path);
 // and then replaces the source with it. The destination is created (empty) even when the
 // source cannot be opened. True when the source could be opened. encrypt = false deciphers
 // the blocks instead (still writing a fresh header); no caller uses it. Leaves the process's
-// global C++ locale as "C".
-bool TransformFile(const char* source, const char* destination, const uint8_t password_buffer[32], bool encrypt);
+// global C++ locale as "C". `complete`, when given, is set true only when the output holds the
+// whole encrypted form: every byte read and written and flushed (and, in place, moved over the
+// source); callers that replace a file check it, never the result alone.
+bool TransformFile(const char* source, const char* destination, const uint8_t password_buffer[32], bool encrypt,
+                   bool* complete = nullptr);
 
-// TransformFile(source, destination, password buffer of `password`, true); false at once when
-// any argument is null.
-bool TransformCopiedFile(const char* source, const char* destination, const char* password);
+// TransformFile(source, destination, password buffer of `password`, true, complete); false (and
+// not complete) at once when any argument is null.
+bool TransformCopiedFile(const char* source, const char* destination, const char* password,
+                         bool* complete = nullptr);

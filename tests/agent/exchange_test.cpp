@@ -65,7 +65,8 @@ TEST(SecretVerdict, ResponseTable) {
        0, 0, "", 0},
       {"first top-level element counts", "<Other/><SecretCheckResult action=\"2\"><SecretFile path=\"y\"/>"
        "</SecretCheckResult>", true, 1, 0, "", 2},
-      {"not XML", "SecretCheckResult", false, 0, 0, "", 0},
+      {"not XML: refused as a failed exchange", "SecretCheckResult", true, 0, 0, "", 0},
+      {"XML cut short: refused", "<SecretCheckResult action=\"1\"><SecretFile path=\"x\"/>", true, 0, 0, "", 0},
       {"non-ASCII path", "<SecretCheckResult action=\"1\"><SecretFile path=\"C:\\\xC3\xA9t\xC3\xA9\"/></SecretCheckResult>",
        true, 1, 0, "", 1},
   };

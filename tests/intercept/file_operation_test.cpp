@@ -157,77 +157,107 @@ TEST_F(FileOperationInterception, AForbiddenMoveIsQueuedAsACopyAndRefusedAtExecu
   EXPECT_EQ(content, "alpha");  // no transformation for a forbidden move
 }
 
-TEST_F(FileOperationInterception, ASecretSourceIsSwappedForItsEncryptedFormUntilPerformOperations) {
+// The source swap, row by row: the named files are made (a leading "%" puts one in the temporary
+// folder itself), each CopyItems call names its sources secret with a password, then while the
+// copies are queued every swapped source holds its encrypted form and exactly one parked original
+// per source is recorded, and after PerformOperations every file holds its original again with
+// nothing left parked. A refused call leaves every file as it was.
+TEST_F(FileOperationInterception, SwapScenariosLoseNoOriginal) {
+  enum Hazard { kNone, kStaleTmp, kSourceLocked, kPlaceHeldAtRestore, kRefusedPerform };
+  struct Row {
+    const char* name;
+    std::vector<std::wstring> files;
+    std::vector<std::vector<int>> copies;  // the files (indices) of each CopyItems call
+    Hazard hazard;
+    HRESULT result;  // of every CopyItems
+  };
+  const Row rows[] = {
+      {"one secret source", {L"secret.doc"}, {{0}}, kNone, kPassedOn},
+      {"one name in two folders", {L"x\\same.doc", L"y\\same.doc"}, {{0, 1}}, kNone, kPassedOn},
+      {"one source queued twice", {L"twice.doc"}, {{0}, {0}}, kNone, kPassedOn},
+      {"a source in the temporary folder", {L"%in-temp.doc"}, {{0}}, kNone, kPassedOn},
+      {"left-over .tmp names: read-only file, folder", {L"ro.doc", L"dir.doc"}, {{0, 1}}, kStaleTmp, kPassedOn},
+      {"a source that cannot be read refuses, undoing the swap before it", {L"ok.doc", L"locked.doc"}, {{0, 1}},
+       kSourceLocked, kRefused},
+      {"a place held open at the restore waits for the next one", {L"held.doc"}, {{0}}, kPlaceHeldAtRestore,
+       kPassedOn},
+      {"a refused PerformOperations keeps the originals parked", {L"kept.doc"}, {{0}}, kRefusedPerform, kPassedOn},
+  };
   dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
-  const std::string original = "secret content, not a multiple of sixteen bytes";
-  const std::wstring s = make(L"secret.doc", original), plain = make(L"plain.txt", "plain"), dst = folder(L"dst");
-  const std::wstring parked = widen(temp_folder_utf8()) + L"secret.doc";
-  TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 1)}, false});
-  ASSERT_TRUE(agent.ok());
-  TraceCapture trace;
-  EXPECT_EQ(copy({s, plain}, dst), kPassedOn);
-  EXPECT_EQ(trace.lines().at(3), "g_secret_audit=1,g_encrypt_audit=0, secret file size:1, encrypt file size:0");
-  std::string during, parked_bytes;
-  ASSERT_TRUE(read_file(s, &during));
-  EXPECT_NE(during, original);
-  EXPECT_EQ(during.size(), 41 + original.size());
-  EXPECT_TRUE(decrypts_to(s, "pw", original));
-  ASSERT_TRUE(read_file(parked, &parked_bytes));
-  EXPECT_EQ(parked_bytes, original);
-  EXPECT_FALSE(file_exists(s + L".tmp"));
-  ASSERT_TRUE(agent.wait_for_frames(2, 5000));
-  const auto audits = documents_with_tag(agent, kAuditTag);
-  ASSERT_EQ(audits.size(), 1u);
-  EXPECT_EQ(without_time(audits[0]), audit_document("6", dst, {s, plain}));
-
-  EXPECT_EQ(op->PerformOperations(), kPassedOn);  // restored although the real method failed
-  std::string after;
-  ASSERT_TRUE(read_file(s, &after));
-  EXPECT_EQ(after, original);
-  EXPECT_FALSE(file_exists(parked));
-  EXPECT_EQ(op->PerformOperations(), kPassedOn);  // the table is empty: nothing more happens
-  EXPECT_TRUE(file_exists(s));
-}
-
-TEST_F(FileOperationInterception, ARefusedPerformLeavesSourcesParkedForTheNextOne) {
-  dll().set_policy(kCopyAudit | kSecretAudit | kLocal);
-  const std::string original = "0123456789abcdef0123456789abcdef";
-  const std::wstring s = make(L"kept.doc", original), other = make(L"other.txt", "o"), dst = folder(L"dst");
-  const std::wstring parked = widen(temp_folder_utf8()) + L"kept.doc";
-  {
-    TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 1)}, false});
-    ASSERT_TRUE(agent.ok());
-    EXPECT_EQ(copy({s}, dst), kPassedOn);
+  const std::wstring dst = folder(L"dst"), temp = widen(temp_folder_utf8());
+  folder(L"x");
+  folder(L"y");
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::vector<std::wstring> paths;
+    std::vector<std::string> originals;
+    for (const std::wstring& f : row.files) {
+      paths.push_back(f[0] == L'%' ? temp + f.substr(1) : dir.file(f));
+      originals.push_back("original of " + utf8(f) + std::string(paths.size() * 13, '#'));
+      ASSERT_TRUE(write_file(paths.back(), originals.back()));
+    }
+    if (row.hazard == kStaleTmp) {
+      ASSERT_TRUE(write_file(paths[0] + L".tmp", "stale"));
+      SetFileAttributesW((paths[0] + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);
+      CreateDirectoryW((paths[1] + L".tmp").c_str(), nullptr);
+    }
+    HANDLE lock = row.hazard == kSourceLocked ? CreateFileW(paths[1].c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
+                                              : INVALID_HANDLE_VALUE;
+    for (const auto& call : row.copies) {
+      std::vector<std::wstring> sources;
+      std::vector<std::string> secrets;
+      for (int i : call) {
+        sources.push_back(paths[i]);
+        secrets.push_back(utf8(paths[i]));
+      }
+      TestAgent agent(AgentScript{true, {secret_answer(secrets, "pw", 1)}, false});
+      ASSERT_TRUE(agent.ok());
+      EXPECT_EQ(copy(sources, dst), row.result);
+    }
+    if (lock != INVALID_HANDLE_VALUE) CloseHandle(lock);
+    const auto parked = parked_records();
+    if (row.result == kRefused) {
+      for (size_t i = 0; i < paths.size(); ++i) EXPECT_EQ(content(paths[i]), originals[i]) << i;
+      EXPECT_TRUE(parked.empty());
+      continue;
+    }
+    ASSERT_EQ(parked.size(), paths.size());
+    for (size_t i = 0; i < paths.size(); ++i) {
+      EXPECT_TRUE(decrypts_to(paths[i], "pw", originals[i])) << i;
+      int records = 0;
+      for (const ParkedRecord& p : parked) {
+        if (p.source != utf8(paths[i])) continue;
+        ++records;
+        EXPECT_EQ(content(p.original), originals[i]) << i;
+      }
+      EXPECT_EQ(records, 1) << i;
+    }
+    HANDLE held = INVALID_HANDLE_VALUE;
+    if (row.hazard == kPlaceHeldAtRestore) {
+      held = CreateFileW(paths[0].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+      EXPECT_EQ(op->PerformOperations(), kPassedOn);
+      EXPECT_TRUE(decrypts_to(paths[0], "pw", originals[0]));
+      EXPECT_EQ(parked_records().size(), 1u);
+      CloseHandle(held);
+    }
+    if (row.hazard == kRefusedPerform) {
+      TestAgent agent(AgentScript{true, {secret_answer({utf8(paths[0])}, "pw", 0)}, false});
+      ASSERT_TRUE(agent.ok());
+      EXPECT_EQ(copy({paths[0]}, dst), kPassedOn);  // forbidden: arms the one-shot refusal
+      EXPECT_EQ(op->PerformOperations(), kRefused);
+      EXPECT_TRUE(decrypts_to(paths[0], "pw", originals[0]));
+      EXPECT_EQ(parked_records().size(), 1u);
+    }
+    EXPECT_EQ(op->PerformOperations(), kPassedOn);  // restored although the real method failed
+    for (size_t i = 0; i < paths.size(); ++i) EXPECT_EQ(content(paths[i]), originals[i]) << i;
+    EXPECT_TRUE(parked_records().empty());
+    if (row.hazard == kStaleTmp) {
+      EXPECT_EQ(content(paths[0] + L".tmp"), "stale");
+      SetFileAttributesW((paths[0] + L".tmp").c_str(), FILE_ATTRIBUTE_NORMAL);
+      RemoveDirectoryW((paths[1] + L".tmp").c_str());
+    }
+    for (const std::wstring& p : paths) DeleteFileW(p.c_str());
   }
-  {
-    TestAgent agent(AgentScript{true, {secret_answer({utf8(other)}, "pw", 0)}, false});
-    ASSERT_TRUE(agent.ok());
-    EXPECT_EQ(copy({other}, dst), kPassedOn);  // forbidden: arms the one-shot refusal
-  }
-  EXPECT_EQ(op->PerformOperations(), kRefused);
-  EXPECT_TRUE(file_exists(parked));
-  EXPECT_TRUE(decrypts_to(s, "pw", original));
-  EXPECT_EQ(op->PerformOperations(), kPassedOn);
-  std::string after;
-  ASSERT_TRUE(read_file(s, &after));
-  EXPECT_EQ(after, original);
-  EXPECT_FALSE(file_exists(parked));
-}
-
-TEST_F(FileOperationInterception, TheSameSourceSwappedTwiceKeepsItsFirstParkedPath) {
-  dll().set_policy(kSecretAudit | kLocal);
-  const std::string original = "twice";
-  const std::wstring s = make(L"twice.doc", original), dst = folder(L"dst");
-  for (int i = 0; i < 2; ++i) {
-    TestAgent agent(AgentScript{true, {secret_answer({utf8(s)}, "pw", 1)}, false});
-    ASSERT_TRUE(agent.ok());
-    EXPECT_EQ(copy({s}, dst), kPassedOn);
-  }
-  EXPECT_EQ(op->PerformOperations(), kPassedOn);
-  // The one entry puts back what was parked under its path at the second swap: the first
-  // encrypted form, which still decrypts to the original.
-  EXPECT_TRUE(decrypts_to(s, "pw", original));
-  EXPECT_FALSE(file_exists(widen(temp_folder_utf8()) + L"twice.doc"));
 }
 
 TEST_F(FileOperationInterception, ASecretMoveTransformsTheSourceInPlaceForGood) {
@@ -392,14 +422,10 @@ TEST_F(FileOperationInterception, AProcessInjectedThroughTheGlobalHookIsScreened
   const auto audits = documents_with_tag(agent, kAuditTag);
   ASSERT_EQ(audits.size(), 1u);
   EXPECT_EQ(without_time(audits[0]).find("<FilesCopy processname=\"intercept-child.exe\" operation=\"6\""), 0u);
-  // The other process swapped the source; its PerformOperations never ran, so the encrypted form
-  // stays in place and the untouched file waits in the temporary folder.
-  EXPECT_TRUE(decrypts_to(a, "pw", "alpha"));
-  const std::wstring parked = widen(temp_folder_utf8()) + L"a.txt";
-  std::string parked_bytes;
-  EXPECT_TRUE(read_file(parked, &parked_bytes));
-  EXPECT_EQ(parked_bytes, "alpha");
-  DeleteFileW(parked.c_str());
+  // The other process swapped the source and ended without PerformOperations: its detach put the
+  // original back.
+  EXPECT_EQ(content(a), "alpha");
+  EXPECT_TRUE(parked_records().empty());
 }
 
 }  // namespace

@@ -64,4 +64,24 @@ std::string temp_folder_utf8() {
   return narrow(temp);
 }
 
+std::vector<ParkedRecord> parked_records() {
+  std::vector<ParkedRecord> out;
+  const std::wstring root = widen(temp_folder_utf8()) + L"kwindel-parked\\";
+  WIN32_FIND_DATAW folder, record;
+  HANDLE folders = FindFirstFileW((root + L"*").c_str(), &folder);
+  for (bool more = folders != INVALID_HANDLE_VALUE; more; more = FindNextFileW(folders, &folder)) {
+    if (!(folder.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || folder.cFileName[0] == L'.') continue;
+    const std::wstring dir = root + folder.cFileName + L"\\";
+    HANDLE records = FindFirstFileW((dir + L"*.rec").c_str(), &record);
+    for (bool r = records != INVALID_HANDLE_VALUE; r; r = FindNextFileW(records, &record)) {
+      std::string text;
+      const std::wstring stem = dir + std::wstring(record.cFileName).substr(0, wcslen(record.cFileName) - 4);
+      if (read_file(stem + L".rec", &text)) out.push_back({text.substr(0, text.find('\n')), stem + L".orig"});
+    }
+    if (records != INVALID_HANDLE_VALUE) FindClose(records);
+  }
+  if (folders != INVALID_HANDLE_VALUE) FindClose(folders);
+  return out;
+}
+
 }  // namespace kwtest

@@ -48,6 +48,13 @@ bool decrypts_to(const std::wstring& encrypted, const std::string& password, con
 std::string utf8(const std::wstring& wide);
 std::string temp_folder_utf8();
 
+// The originals parked by every process: each record's source path and the parked file.
+struct ParkedRecord {
+  std::string source;    // UTF-8, as the agent named it
+  std::wstring original;
+};
+std::vector<ParkedRecord> parked_records();
+
 constexpr char kRequestTag[] = "<FILECOPY_SECRETAUDIT_REQUEST>";
 constexpr char kAuditTag[] = "<FILECOPYAUDIT_DATA>";
 

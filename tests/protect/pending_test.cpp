@@ -1,18 +1,12 @@
-// The pending encrypted-file table: registration rules, matching, consumption order and the
-// replacement of the copy even when its transformation fails.
+// The pending encrypted-file table: registration rules, matching, consumption order, and what
+// becomes of a copy or a moved file whose encrypted form cannot be written whole.
 #include <gtest/gtest.h>
 
-#include "host/hook_setup.h"
 #include "kwtest.h"
 #include "protect/pending_files.h"
 #include "reference_crypto.h"
 
 namespace {
-
-// The interception set-up normally creates the lock; this program never runs it.
-struct LockForTests {
-  LockForTests() { InitializeCriticalSection(&g_pending_cs); }
-} lock_for_tests;
 
 std::string expected_file(const std::string& plain, const std::string& password) {
   std::vector<uint8_t> km = ref::from_hex(KWTEST_KEY_MASK_HEX);
@@ -99,26 +93,31 @@ TEST_F(PendingTable, EmptyTableLooksAtNothing) {
   EXPECT_EQ(pending_encrypted_file_count(), 0u);
 }
 
-TEST_F(PendingTable, FailedTransformationStillDeletesAndRenames) {
-  // The copy's destination cannot be read (here: it is not there), so the transformation fails
-  // after creating an empty ".tmp"; the step renames that onto the destination anyway.
-  register_pending_encrypted_files(verdict({"C:\\gone.txt"}, "pw"));
-  const std::wstring dst = dir.file(L"vanished.txt");
-  TakeAndTransform(L"C:\\gone.txt", dst.c_str());
-  EXPECT_EQ(contents(dst), "");
-  EXPECT_FALSE(kwtest::file_exists(dst + L".tmp"));
-  EXPECT_EQ(pending_encrypted_file_count(), 0u);
+TEST_F(PendingTable, OnlyAWholeEncryptedFormReplacesTheFile) {
+  // A left-over ".tmp" that cannot be overwritten is no obstacle and stays as it was.
+  register_pending_encrypted_files(verdict({"C:\\stale.txt"}, "pw"));
+  const std::wstring stale = copied(L"stale.txt", "plain");
+  ASSERT_TRUE(kwtest::write_file(stale + L".tmp", "left over"));
+  SetFileAttributesW((stale + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);
+  TakeAndTransform(L"C:\\stale.txt", stale.c_str());
+  EXPECT_TRUE(contents(stale) == expected_file("plain", "pw"));
+  EXPECT_EQ(contents(stale + L".tmp"), "left over");
+  SetFileAttributesW((stale + L".tmp").c_str(), FILE_ATTRIBUTE_NORMAL);
 
-  // A destination that exists but is locked against readers: the transformation fails, the
-  // delete fails too, and the empty ".tmp" stays beside the untouched destination.
-  register_pending_encrypted_files(verdict({"C:\\locked.txt"}, "pw"));
-  const std::wstring locked = copied(L"locked.txt", "plain");
-  HANDLE h = CreateFileW(locked.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-  ASSERT_NE(h, INVALID_HANDLE_VALUE);
-  TakeAndTransform(L"C:\\locked.txt", locked.c_str());
-  CloseHandle(h);
-  EXPECT_EQ(contents(locked), "plain");
-  EXPECT_EQ(contents(locked + L".tmp"), "");
+  // Destinations that cannot be read (held open against readers): a copy is deleted, its source
+  // still holds the content; a moved file goes back to where it came from.
+  register_pending_encrypted_files(verdict({"C:\\copied.txt", kwtest::narrow(dir.file(L"from.txt"))}, "pw"));
+  const std::wstring copy = copied(L"copy.txt", "plain"), moved = copied(L"moved.txt", "only copy");
+  for (const std::wstring* held : {&copy, &moved}) {
+    HANDLE h = CreateFileW(held->c_str(), GENERIC_WRITE, FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    if (held == &copy) TakeAndTransform(L"C:\\copied.txt", copy.c_str());
+    else TakeAndTransform(dir.file(L"from.txt").c_str(), moved.c_str(), /*moved=*/true);
+    CloseHandle(h);
+  }
+  EXPECT_FALSE(kwtest::file_exists(copy));
+  EXPECT_FALSE(kwtest::file_exists(moved));
+  EXPECT_EQ(contents(dir.file(L"from.txt")), "only copy");
   EXPECT_EQ(pending_encrypted_file_count(), 0u);
 }
 

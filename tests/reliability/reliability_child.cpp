@@ -2,6 +2,9 @@
 //   agent-die PORTFILE [HEX]  bind the agent port, wait for one secret-audit request, write the
 //                             requester's port to PORTFILE (PORTFILE.bound once bound), send the datagram HEX to it if given,
 //                             then wait to be killed (exit 3 when the port is taken)
+//   swap-and-wait MARKER DST SRC...  load kwindel-x64.dll, queue a copy of the sources to DST
+//                             through the shell copy engine (the agent names them secret: they
+//                             are swapped), write MARKER, then wait to be killed
 //   midcall free|hook SOURCE DESTINATION
 //                             a copy blocked in the agent exchange while the DLL's last reference
 //                             goes (see midcall below)
@@ -168,6 +171,22 @@ int midcall(const std::wstring& how, const std::wstring& source, const std::wstr
   return 0;
 }
 
+int swap_and_wait(const std::wstring& marker, const std::wstring& destination, const std::vector<std::wstring>& sources) {
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  if (LoadLibraryW(kwtest::dll_path().c_str()) == nullptr) return 4;
+  kwtest::Com<IFileOperation> op;
+  kwtest::Com<IDataObject> items;
+  kwtest::Com<IShellItem> target;
+  if (!kwtest::new_file_operation(&op) || !kwtest::data_object_for(sources, &items) ||
+      !kwtest::shell_item_for(destination, &target)) {
+    return 5;
+  }
+  const HRESULT hr = op->CopyItems(items.get(), target.get());
+  kwtest::write_file(marker, std::to_string(hr));
+  Sleep(INFINITE);
+  return 0;
+}
+
 int agent_die(const std::wstring& port_file, const std::string& first_datagram) {
   WSADATA wsa;
   WSAStartup(MAKEWORD(2, 2), &wsa);
@@ -203,9 +222,12 @@ int wmain(int argc, wchar_t** argv) {
   _setmode(_fileno(stdout), _O_BINARY);
   const std::wstring mode = argc > 1 ? argv[1] : L"";
   if (mode == L"midcall" && argc > 4) return midcall(argv[2], argv[3], argv[4]);
+  if (mode == L"swap-and-wait" && argc > 4) {
+    return swap_and_wait(argv[2], argv[3], std::vector<std::wstring>(argv + 4, argv + argc));
+  }
   if (mode == L"agent-die" && argc > 2) {
     return agent_die(argv[2], argc > 3 ? kwtest::from_hex(kwtest::narrow(argv[3])) : std::string());
   }
-  std::fprintf(stderr, "usage: reliability-child midcall free|hook SOURCE DESTINATION | agent-die PORTFILE [HEX]\n");
+  std::fprintf(stderr, "usage: reliability-child midcall free|hook SOURCE DESTINATION | swap-and-wait MARKER DST SRC... | agent-die PORTFILE [HEX]\n");
   return 100;
 }

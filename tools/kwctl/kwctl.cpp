@@ -7,6 +7,7 @@
 #include <string>
 
 #include "kwindel.h"
+#include "protect/parked_originals.h"
 
 namespace {
 
@@ -33,6 +34,8 @@ void usage() {
       L"  --seconds N          stop after N seconds\n"
       L"  --stop NAME          signal the named event of a running kwctl and exit\n"
       L"  --version            print the version and exit\n"
+      L"  --recover            put back the originals that processes which ended left parked,\n"
+      L"                       and list those that cannot go back\n"
       L"Without --event or --seconds kwctl runs until Ctrl-C.\n");
 }
 
@@ -56,6 +59,23 @@ std::wstring default_dll() {
   GetModuleFileNameW(nullptr, path, MAX_PATH);
   std::wstring dir(path);
   return dir.substr(0, dir.rfind(L'\\') + 1) + L"kwindel-x64.dll";
+}
+
+// Puts back what ended processes left parked and lists what stays; exit 0, or 6 while another
+// process is recovering.
+int recover() {
+  std::vector<ParkedOriginal> left;
+  int restored = 0;
+  if (!recover_and_list_parked_originals(&left, &restored)) {
+    std::fwprintf(stderr, L"kwctl: another process is recovering parked originals; try again\n");
+    return 6;
+  }
+  for (const ParkedOriginal& p : left) {
+    std::wprintf(L"kwctl: left parked: %ls (its place holds another file; the original is %ls)\n", p.source.c_str(),
+                 p.parked.c_str());
+  }
+  std::wprintf(L"kwctl: recovery put back %d original(s); %d left parked\n", restored, static_cast<int>(left.size()));
+  return kOk;
 }
 
 }  // namespace
@@ -92,6 +112,7 @@ int wmain(int argc, wchar_t** argv) {
     }
     if (a == L"--event" && next(&event_name)) continue;
     if (a == L"--seconds" && next(&v)) { seconds = static_cast<DWORD>(_wtoi(v.c_str())); continue; }
+    if (a == L"--recover") return recover();
     if (a == L"--stop" && next(&v)) {
       HANDLE ev = OpenEventW(EVENT_MODIFY_STATE, FALSE, v.c_str());
       if (ev == nullptr) { std::fwprintf(stderr, L"kwctl: no running kwctl waits on event '%ls'\n", v.c_str()); return kUsage; }

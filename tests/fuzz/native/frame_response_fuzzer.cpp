@@ -112,7 +112,8 @@ void check_reassembly(const AgentFrame& frame, const std::vector<Datagram>& scri
 void check_verdict(bool verdict, const SecretAuditResult& result) {
   for (const std::string& p : result.secret_files) FUZZ_CHECK(!p.empty(), "empty SecretFile path");
   for (const std::string& p : result.encrypted_files) FUZZ_CHECK(!p.empty(), "empty EncryptedFile path");
-  FUZZ_CHECK(verdict == (!result.secret_files.empty() || !result.encrypted_files.empty()),
+  // A verdict with no file is a document that did not parse (refused); files without one, never.
+  FUZZ_CHECK(verdict || (result.secret_files.empty() && result.encrypted_files.empty()),
              "verdict %d with %zu secret and %zu encrypted files", verdict, result.secret_files.size(),
              result.encrypted_files.size());
 }
