@@ -226,6 +226,7 @@ bool recover_folder(const std::wstring& folder, std::vector<ParkedOriginal>* lef
   if (!lock.ok()) return false;
   WIN32_FIND_DATAW data;
   bool stranded = false;
+  const size_t first_left = left != nullptr ? left->size() : 0;
   {
     Find find(folder + L"\\*.rec", &data);
     for (bool more = find.ok(); more; more = find.next(&data)) {
@@ -259,7 +260,10 @@ bool recover_folder(const std::wstring& folder, std::vector<ParkedOriginal>* lef
   if (!stranded) {
     RemoveDirectoryW(folder.c_str());
   } else if (folder.size() < 9 || folder.compare(folder.size() - 9, 9, kStrandedSuffix) != 0) {
-    MoveFileW(folder.c_str(), (folder + kStrandedSuffix).c_str());  // out of the way of every load's recovery
+    // Out of the way of every load's recovery; what is listed names the folder's new name.
+    if (MoveFileW(folder.c_str(), (folder + kStrandedSuffix).c_str()) && left != nullptr) {
+      for (size_t i = first_left; i < left->size(); ++i) (*left)[i].parked.insert(folder.size(), kStrandedSuffix);
+    }
   }
   return true;
 }
