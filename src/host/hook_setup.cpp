@@ -18,7 +18,6 @@
 #include "protect/parked_originals.h"
 #include "protect/pending_files.h"
 
-CRITICAL_SECTION g_pending_cs;
 volatile bool g_perform_operations_allowed = false;
 
 namespace {
@@ -181,7 +180,6 @@ void HookApi() {
     WSACleanup();
     return;
   }
-  InitializeCriticalSection(&g_pending_cs);
   if (is_nt6_or_later()) {
     hook_com_methods();
   } else {
@@ -190,10 +188,10 @@ void HookApi() {
 }
 
 void UnHookApi() {
-  EnterCriticalSection(&g_pending_cs);
+  // Each table takes its own lock only if free: at process exit a thread that ended inside may
+  // still own it.
   restore_all_parked();  // puts back what is still parked before the tables go
   clear_pending_encrypted_files();
-  LeaveCriticalSection(&g_pending_cs);
   if (is_nt6_or_later() && g_com_methods_patched != 0) {
     hookengine::unhook(as_variable(&g_real_copy_items));
     hookengine::unhook(as_variable(&g_real_move_items));
@@ -209,6 +207,5 @@ void UnHookApi() {
   free_handle(kMoveFileWithProgressW);
   for (int i = 4; i < kHandleCount; ++i) free_handle(i);
   g_flat_api.wait_for_pending_removals();
-  DeleteCriticalSection(&g_pending_cs);
   DebugTrace("UnHookApi", 1658, "easyhook:dettach kwindel succeed");
 }
