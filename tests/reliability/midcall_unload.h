@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "interception_fixture.h"
+#include "responder.h"
 
 namespace kwtest {
 
@@ -17,6 +18,17 @@ struct MidCallUnload {
   const char* expected_report;  // the child's line
   const char* expected_copy;    // the destination copy's first bytes, or "" for none
 };
+
+inline void run_midcall_unload(HMODULE dll, const ScratchDir& dir, const MidCallUnload& row);
+
+// Every row with the secret audit on for local destinations, once (make test) or 25 times (make stress).
+template <size_t N>
+void run_midcall_unload_table(const LoadedDll& dll, const ScratchDir& dir, const MidCallUnload (&rows)[N]) {
+  dll.set_policy(KWINDEL_POLICY_SECRET_AUDIT | KWINDEL_POLICY_DEST_LOCAL);
+  for (int round = 0; round < iterations(1, 25); ++round) {
+    for (const MidCallUnload& row : rows) run_midcall_unload(dll.module(), dir, row);
+  }
+}
 
 inline void run_midcall_unload(HMODULE dll, const ScratchDir& dir, const MidCallUnload& row) {
   SCOPED_TRACE(narrow(row.how) + " action " + std::to_string(row.action) + " password '" + row.password + "'");

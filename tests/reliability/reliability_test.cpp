@@ -479,16 +479,13 @@ TEST_F(Reliability, HandlesAndPrivateBytesStaySteadyOverInterceptedOperations) {
 // The DLL's last reference goes while a copy waits inside it
 
 TEST_F(Reliability, TheLastReferenceGoingMidCopyLeavesTheCopyItsResultAndTheDllInPlace) {
-  dll().set_policy(kSecretAudit | kLocal);
   const MidCallUnload rows[] = {
       {L"free", 1, "pw", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
       {L"free", 0, "", "copy=80004001 perform=ffffffff loaded=1 patched=3 failed calls=0\n", ""},
       {L"hook", 1, "pw", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
       {L"hook", 1, "", "copy=80004001 perform=80004001 loaded=1 patched=3 failed calls=0\n", ""},
   };
-  for (int round = 0; round < iterations(1, 25); ++round) {
-    for (const MidCallUnload& row : rows) run_midcall_unload(dll().module(), dir, row);
-  }
+  run_midcall_unload_table(dll(), dir, rows);
 }
 
 }  // namespace

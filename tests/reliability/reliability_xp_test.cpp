@@ -124,16 +124,13 @@ TEST_F(ReliabilityXp, ADestinationHeldWithoutSharingFailsTheCopyAndKeepsTheRegis
 }
 
 TEST_F(ReliabilityXp, TheLastReferenceGoingMidCopyLeavesTheCopyItsResultAndTheDllInPlace) {
-  dll().set_policy(kSecretAudit | kLocal);
   const MidCallUnload rows[] = {
       {L"free", 1, "pw", "copy=00000000 loaded=1 patched=4 failed calls=0\n", "\x01\x02\x03\x04\x10\x20\x30\x40"},
       {L"free", 0, "", "copy=ffffffff loaded=1 patched=4 failed calls=0\n", ""},
       {L"hook", 1, "pw", "copy=00000000 loaded=1 patched=4 failed calls=0\n", "\x01\x02\x03\x04\x10\x20\x30\x40"},
       {L"hook", 1, "", "copy=00000000 loaded=1 patched=4 failed calls=0\n", "content copied"},
   };
-  for (int round = 0; round < iterations(1, 25); ++round) {
-    for (const MidCallUnload& row : rows) run_midcall_unload(dll().module(), dir, row);
-  }
+  run_midcall_unload_table(dll(), dir, rows);
 }
 
 }  // namespace
