@@ -1,152 +1,193 @@
-// Interception set-up and tear-down through the real DLL on a 6.x system: the three
-// IFileOperation methods patched at load (also in a process reached by the window hook), the
-// flat functions left alone, the DLL kept for the process's life once it patched anything and
-// its tear-down run when the process ends. Each test runs in a process of its own.
+// Interception set-up and tear-down through the real DLL, each test in a process of its own,
+// built twice: hook_setup_tests (6.x: the three IFileOperation methods patched) and
+// hook_setup_xp_tests (winxp64: the four flat functions hooked by the engine, or by an
+// EasyHook64.dll found beside the DLL and only there). Once anything is patched the DLL stays for
+// the process's life; a process that ends runs the tear-down.
 #include <gtest/gtest.h>
-#include <windows.h>
-#include <shobjidl.h>
 
-#include <cstring>
-#include <string>
-#include <vector>
+#include <set>
+#include <sstream>
 
-#include "hook_setup_test_util.h"
 #include "kwindel.h"
 #include "kwtest.h"
 
 namespace {
 
-using kwtest::hooksetup::FlatEntries;
-using kwtest::hooksetup::jump_destination;
-using kwtest::hooksetup::lines_from;
-using kwtest::hooksetup::module_of;
+using namespace kwtest;
 
-struct ComScope {
-  ComScope() { CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED); }
-  ~ComScope() { CoUninitialize(); }
+const bool kFlat = LOBYTE(LOWORD(GetVersion())) < 6;
+const std::vector<std::string> kAttachLines = {
+    "[HookApi,1567] : easyhook:attach CopyFileW succeed", "[HookApi,1575] : easyhook:attach CopyFileExW succeed",
+    "[HookApi,1583] : easyhook:attach SHFileOperationW succeed", "[HookApi,1591] : easyhook:attach MoveFileWithProgressW succeed"};
+const std::string kComInitial = "[HookApi,1462] : [ZELTRAP:KWINDEL] com initial finished";
+const std::string kComInterface = "[HookApi,1464] : get file opretation interface,result:0";
+
+HMODULE module_of(uint64_t address) {
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                     reinterpret_cast<LPCWSTR>(address), &module);
+  return module;
+}
+
+// IFileOperation's CopyItems, MoveItems, PerformOperations, then the four flat functions' exported
+// entries in the order they are hooked.
+struct Entries {
+  Entries() {
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    new_file_operation(&op);  // Wine offers the class in either prefix
+    void** methods = *reinterpret_cast<void***>(op.get());
+    HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll"), shell32 = LoadLibraryW(L"shell32.dll");
+    code = {methods[17], methods[15], methods[21], fn<void*>(kernel32, "CopyFileW"), fn<void*>(kernel32, "CopyFileExW"),
+            fn<void*>(shell32, "SHFileOperationW"), fn<void*>(kernel32, "MoveFileWithProgressW")};
+  }
+  std::vector<std::string> bytes() const {
+    std::vector<std::string> out;
+    for (const void* c : code) out.emplace_back(static_cast<const char*>(c), 16);
+    return out;
+  }
+  ComRef<IFileOperation> op;
+  std::vector<void*> code;
 };
 
-template <typename T> struct ComPtr {
-  T* p = nullptr;
-  ~ComPtr() { if (p != nullptr) p->Release(); }
-  T* operator->() const { return p; }
-  void** out() { return reinterpret_cast<void**>(&p); }
-};
+// "easyhook:AttachFail" is written wide; Wine hands it to the debugger as a narrow line too.
+int attach_failures(const TraceCapture& trace) {
+  int wide = 0, narrow = 0;
+  for (const std::wstring& line : trace.wide_lines()) wide += line == L"easyhook:AttachFail";
+  for (const std::string& line : trace.lines()) narrow += line == "easyhook:AttachFail";
+  return std::max(wide, narrow);
+}
 
-constexpr int kSlots[3] = {17, 15, 21};  // CopyItems, MoveItems, PerformOperations
-constexpr HRESULT kNotImplemented = static_cast<HRESULT>(0x80004001);
-
-TEST(HookSetup, LoadPatchesTheThreeMethodsOnlyAndTheDllOutlivesItsLastFreeLibrary) {
-  ComScope com;
-  ComPtr<IFileOperation> first;
-  ASSERT_EQ(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, first.out()), S_OK);
-  void** methods = *reinterpret_cast<void***>(first.p);
-  std::string before[3];
-  for (int i = 0; i < 3; ++i) before[i].assign(static_cast<const char*>(methods[kSlots[i]]), 32);
-  FlatEntries flat;
-  const std::vector<std::string> flat_before = flat.bytes();
-
-  kwtest::ScratchDir dir;
-  ASSERT_TRUE(kwtest::write_file(dir.file(L"a.txt"), "a"));
-  kwtest::TraceCapture trace;
+TEST(HookSetup, LoadPatchesWhatThisSystemHasAndTheDllOutlivesItsLastFreeLibrary) {
+  Entries entries;
+  const std::vector<std::string> before = entries.bytes();
+  TraceCapture trace;
   {
-    kwtest::Library dll(kwtest::dll_path());
-    ASSERT_NE(dll.get(), nullptr);
-    EXPECT_EQ(lines_from(trace, "[HookApi,"),
-              (std::vector<std::string>{"[HookApi,1462] : [ZELTRAP:KWINDEL] com initial finished",
-                                        "[HookApi,1464] : get file opretation interface,result:0",
-                                        "[HookApi,1523] : [ZELTRAP:KWINDEL] hook com succeed"}));
-    EXPECT_EQ(flat.bytes(), flat_before) << "a flat function was hooked on a 6.x system";
-
-    // A fresh object: its (shared) methods jump into the engine's pages, whose relay goes on to
-    // the replacement inside the DLL; the call still returns what Wine's method returns.
-    ComPtr<IFileOperation> fresh;
-    ASSERT_EQ(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, fresh.out()), S_OK);
-    void** fresh_methods = *reinterpret_cast<void***>(fresh.p);
-    for (int slot : kSlots) {
-      const auto code = static_cast<const uint8_t*>(fresh_methods[slot]);
-      const uint64_t relay = jump_destination(code);
-      ASSERT_NE(relay, 0u) << "slot " << slot << " is not patched";
-      EXPECT_EQ(module_of(relay), nullptr) << "slot " << slot;
-      const uint64_t replacement = jump_destination(reinterpret_cast<const uint8_t*>(relay));
-      EXPECT_EQ(module_of(replacement), dll.get()) << "slot " << slot;
+    OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+    ASSERT_TRUE(dll.ok());
+    EXPECT_EQ(trace.lines_from("[HookApi,"),
+              kFlat ? kAttachLines
+                    : (std::vector<std::string>{kComInitial, kComInterface, "[HookApi,1523] : [ZELTRAP:KWINDEL] hook com succeed"}));
+    EXPECT_EQ(attach_failures(trace), 0);
+    for (size_t i = 0; i < entries.code.size(); ++i) {
+      SCOPED_TRACE(i);
+      if (kFlat == (i < 3)) {
+        EXPECT_EQ(entries.bytes()[i], before[i]) << "patched on the wrong system";
+        continue;
+      }
+      // A jump into the engine's pages, whose relay goes on to the replacement inside the DLL.
+      const uint64_t relay = jump_destination(static_cast<const uint8_t*>(entries.code[i]));
+      ASSERT_NE(relay, 0u) << "not patched";
+      EXPECT_EQ(module_of(relay), nullptr);
+      if (!kFlat) EXPECT_EQ(module_of(jump_destination(reinterpret_cast<const uint8_t*>(relay))), dll.get());
     }
-    ComPtr<IShellItem> destination, source;
-    ASSERT_EQ(SHCreateItemFromParsingName(dir.path().c_str(), nullptr, IID_IShellItem, destination.out()), S_OK);
-    ASSERT_EQ(SHCreateItemFromParsingName(dir.file(L"a.txt").c_str(), nullptr, IID_IShellItem, source.out()), S_OK);
-    ComPtr<IShellItemArray> items;
-    ASSERT_EQ(SHCreateShellItemArrayFromShellItem(source.p, IID_IShellItemArray, items.out()), S_OK);
-    EXPECT_EQ(fresh->CopyItems(items.p, destination.p), kNotImplemented);
-    EXPECT_EQ(fresh->MoveItems(items.p, destination.p), kNotImplemented);
-    EXPECT_EQ(fresh->PerformOperations(), kNotImplemented);
     trace.clear();
   }
   // A thread may be inside a replacement at any time: the FreeLibrary changed nothing.
   EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_NE(std::string(static_cast<const char*>(methods[kSlots[i]]), 32), before[i]) << "slot " << kSlots[i];
-  }
-  EXPECT_EQ(flat.bytes(), flat_before);
-  EXPECT_TRUE(lines_from(trace, "[UnHookApi,").empty());
-  EXPECT_EQ(first->CopyItems(nullptr, nullptr), kNotImplemented);
+  const std::vector<std::string> after = entries.bytes();
+  for (size_t i = 0; i < after.size(); ++i) EXPECT_EQ(after[i] != before[i], kFlat != (i < 3)) << i;
+  EXPECT_TRUE(trace.lines_from("[UnHookApi,").empty());
+  EXPECT_EQ(entries.op->CopyItems(nullptr, nullptr), E_NOTIMPL);
 }
 
 TEST(HookSetup, TheTearDownRunsWhenAProcessThatLoadedTheDllEnds) {
-  kwtest::DbwinMonitor monitor;
+  DbwinMonitor monitor;
   ASSERT_TRUE(monitor.ok());
-  kwtest::ChildResult r = kwtest::run_child(kwtest::child_path(), L"policy", 30000);
-  EXPECT_EQ(r.exit_code, 0u) << r.output;
+  EXPECT_EQ(run_child(child_path(), L"policy", 30000).exit_code, 0u);
   EXPECT_TRUE(monitor.wait_for("[UnHookApi,1658] : easyhook:dettach kwindel succeed", 10000));
 }
 
-// Writes `bytes` over code, returning what was there.
-std::string overwrite_code(void* code, const std::string& bytes) {
-  std::string old(static_cast<const char*>(code), bytes.size());
-  DWORD protect = 0;
-  VirtualProtect(code, bytes.size(), PAGE_EXECUTE_READWRITE, &protect);
-  std::memcpy(code, bytes.data(), bytes.size());
-  VirtualProtect(code, bytes.size(), protect, &protect);
-  FlushInstructionCache(GetCurrentProcess(), code, bytes.size());
-  return old;
-}
-
 TEST(HookSetup, AFailureToPatchMoveItemsStopsTheSetUpAndLeavesCopyItemsPatched) {
-  ComScope com;
-  ComPtr<IFileOperation> operation;
-  ASSERT_EQ(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, operation.out()), S_OK);
-  void** methods = *reinterpret_cast<void***>(operation.p);
+  Entries entries;
   // "ret" followed by code, not padding: the engine must refuse MoveItems.
-  const std::string move_items = overwrite_code(methods[15], std::string("\xC3\x48\x89\xC8\x48\x89\xC8", 7));
-  const std::string copy_items(static_cast<const char*>(methods[17]), 16);
-  const std::string perform(static_cast<const char*>(methods[21]), 16);
-  kwtest::TraceCapture trace;
+  const std::string patch("\xC3\x48\x89\xC8\x48\x89\xC8", 7), move_items(static_cast<const char*>(entries.code[1]), 7);
+  DWORD protect = 0;
+  ASSERT_TRUE(VirtualProtect(entries.code[1], 7, PAGE_EXECUTE_READWRITE, &protect));
+  memcpy(entries.code[1], patch.data(), 7);
+  const std::vector<std::string> before = entries.bytes();
+  TraceCapture trace;
   {
-    kwtest::Library dll(kwtest::dll_path());
-    ASSERT_NE(dll.get(), nullptr);
-    EXPECT_EQ(lines_from(trace, "[HookApi,"),
-              (std::vector<std::string>{"[HookApi,1462] : [ZELTRAP:KWINDEL] com initial finished",
-                                        "[HookApi,1464] : get file opretation interface,result:0",
-                                        "[HookApi,1506] : [ZELTRAP:KWINDEL] hook moveitems error"}));
-    EXPECT_NE(jump_destination(static_cast<const uint8_t*>(methods[17])), 0u);
-    EXPECT_EQ(std::string(static_cast<const char*>(methods[21]), 16), perform);
+    OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+    ASSERT_TRUE(dll.ok());
   }
-  // The patched flag stayed 0, yet CopyItems jumps into the DLL: so the DLL stays, and the
+  EXPECT_EQ(trace.lines_from("[HookApi,"),
+            (std::vector<std::string>{kComInitial, kComInterface, "[HookApi,1506] : [ZELTRAP:KWINDEL] hook moveitems error"}));
+  // The patched flag stayed 0, yet CopyItems jumps into the DLL: so the DLL stays and the
   // patched method keeps working after the FreeLibrary.
   EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
-  EXPECT_NE(std::string(static_cast<const char*>(methods[17]), 16), copy_items);
-  overwrite_code(methods[15], move_items);
-  EXPECT_EQ(operation->CopyItems(nullptr, nullptr), kNotImplemented);
+  EXPECT_NE(jump_destination(static_cast<const uint8_t*>(entries.code[0])), 0u);
+  EXPECT_EQ(entries.bytes()[2], before[2]) << "PerformOperations was patched after the failure";
+  memcpy(entries.code[1], move_items.data(), 7);
+  EXPECT_EQ(entries.op->CopyItems(nullptr, nullptr), E_NOTIMPL);
 }
 
-TEST(HookSetup, AProcessReachedByTheWindowHookHasItsMethodsPatched) {
-  kwtest::Library dll(kwtest::dll_path());
-  auto install_hook_proc = dll.fn<KwInstallHookProcFn>("InstallHookProc");
-  ASSERT_NE(install_hook_proc, nullptr);
-  ASSERT_EQ(install_hook_proc(TRUE), 1);
-  kwtest::ChildResult r = kwtest::run_child(kwtest::child_path(), L"methods 10000", 30000);
-  EXPECT_EQ(install_hook_proc(FALSE), 1);
-  EXPECT_EQ(r.output, "loaded\npatched 3 result 80004001\n");
-  EXPECT_EQ(r.exit_code, 0u);
+TEST(HookSetup, AnEasyHook64OutsideTheDllsFolderIsNeverLoaded) {
+  // A planted EasyHook64.dll in the current folder and on PATH; none beside kwindel-x64.dll.
+  const std::wstring planted = exe_dir() + L"easyhook-standin";
+  ASSERT_TRUE(SetCurrentDirectoryW(planted.c_str()));
+  wchar_t path[8192];
+  GetEnvironmentVariableW(L"PATH", path, 8192);
+  SetEnvironmentVariableW(L"PATH", (planted + L";" + path).c_str());
+  Entries entries;
+  OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+  ASSERT_TRUE(dll.ok());
+  EXPECT_EQ(GetModuleHandleW(L"EasyHook64.dll"), nullptr);
+  for (int i = 3; i < 7; ++i) EXPECT_NE(jump_destination(static_cast<const uint8_t*>(entries.code[i])), 0u) << i;
 }
+
+// A stand-in EasyHook64.dll beside a copy of the DLL records every call with its arguments and
+// hooks nothing; its LhInstallHook answers with the parameter.
+class EasyHookBinding : public ::testing::TestWithParam<LONG> {};
+
+TEST_P(EasyHookBinding, AnEasyHook64BesideTheDllIsCalledWithThePublishedArguments) {
+  const LONG install_result = GetParam();
+  const std::wstring folder = exe_dir() + L"easyhook-standin\\";
+  OwnedModule standin(LoadLibraryW((folder + L"EasyHook64.dll").c_str()));
+  auto log = fn<const char* (*)()>(standin.get(), "StandinLog");
+  auto reset = fn<void (*)(LONG)>(standin.get(), "StandinReset");
+  ASSERT_TRUE(log && reset);
+  ASSERT_TRUE(CopyFileW(dll_path().c_str(), (folder + L"kwindel-x64.dll").c_str(), FALSE));
+  reset(install_result);
+  auto lines = [&] {
+    std::vector<std::string> out;
+    std::istringstream in(log());
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+  };
+  Entries entries;
+  const std::vector<std::string> before = entries.bytes();
+  TraceCapture trace;
+  std::vector<std::string> at_load;
+  {
+    OwnedModule dll(LoadLibraryW((folder + L"kwindel-x64.dll").c_str()));
+    ASSERT_TRUE(dll.ok());
+    at_load = lines();
+    EXPECT_EQ(trace.lines_from("[HookApi,"), kAttachLines);  // written whether or not the install succeeded
+    EXPECT_EQ(attach_failures(trace), install_result < 0 ? 4 : 0);
+    EXPECT_EQ(entries.bytes(), before) << "the stand-in hooks nothing; the engine must not have either";
+    ASSERT_EQ(at_load.size(), 8u);
+    std::set<std::string> handles;
+    for (int i = 0; i < 4; ++i) {
+      std::istringstream install(at_load[2 * i]);
+      std::string verb, entry, proc, callback, handle;
+      install >> verb >> entry >> proc >> callback >> handle;
+      char expected_entry[32];
+      std::snprintf(expected_entry, sizeof expected_entry, "%p", entries.code[3 + i]);
+      EXPECT_EQ(verb + " " + entry, "LhInstallHook " + std::string(expected_entry)) << i;
+      EXPECT_EQ(std::stoull(callback, nullptr, 16), 0u);
+      EXPECT_EQ(module_of(std::stoull(proc, nullptr, 16)), dll.get()) << i;
+      EXPECT_NE(std::stoull(handle, nullptr, 16), 0u);
+      // The exclusive list naming only 0xFFFFFFFF, on the same handle, even after a failed install.
+      EXPECT_EQ(at_load[2 * i + 1], "LhSetExclusiveACL ffffffff 1 " + handle);
+      handles.insert(handle);
+    }
+    EXPECT_EQ(handles.size(), 4u);
+  }
+  // Hooks in place keep the DLL for the process's life; with none, it unloads and tears down.
+  std::vector<std::string> expected = at_load;
+  if (install_result < 0) expected.insert(expected.end(), {"LhUninstallAllHooks", "LhWaitForPendingRemovals"});
+  EXPECT_EQ(lines(), expected);
+}
+INSTANTIATE_TEST_SUITE_P(InstallSucceedsOrFails, EasyHookBinding, ::testing::Values(0, static_cast<LONG>(0xC0000001)));
 
 }  // namespace

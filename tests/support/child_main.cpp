@@ -1,89 +1,163 @@
 // kwtest-child.exe: the second process of the multi-process tests.
-//   pump MS         pump messages (and send one to an own window) for up to MS milliseconds;
-//                   exit 0 as soon as kwindel-x64.dll is loaded in this process, 1 otherwise
-//   policy          load kwindel-x64.dll and print its shared policy block
-//   agent MS ...    run the test agent for MS milliseconds (test_agent.h)
-//   methods MS      as pump, then print how many of IFileOperation's CopyItems, MoveItems and
-//                   PerformOperations now start with a jump, and what PerformOperations returns
-#include "test_agent.h"  // before windows.h: it needs winsock2.h first
-#include <windows.h>
+//   pump MS            pump messages for up to MS ms; print "loaded" and exit 0 as soon as
+//                      kwindel-x64.dll is in this process, else "not loaded" and exit 1
+//   policy             load kwindel-x64.dll and print its shared policy block
+//   agent MS ...       run the test agent for MS milliseconds (test_agent.h)
+//   copy SRC DST       wait (10 s) for the global hook to bring the DLL in, queue a copy through
+//                      the shell copy engine, print "loaded HRESULT"
+//   swap-and-wait MARKER DST SRC...  load the DLL, queue a copy of the sources (an agent that
+//                      names them secret has them swapped), write MARKER, wait to be killed
+//   midcall free|hook SRC DST  a copy waits in the agent exchange while the DLL's last reference
+//                      goes (see midcall below)
+#include "test_agent.h"
 
 #include <fcntl.h>
 #include <io.h>
+#include <shellapi.h>
 
 #include <cstdio>
-#include <cstring>
-#include <cwchar>
-#include <string>
-
-#include "kwtest.h"
 
 namespace {
 
-int pump(DWORD ms) {
-  MSG msg;
-  PeekMessageW(&msg, nullptr, 0, 0, PM_NOREMOVE);  // creates the message queue
-  HWND window = CreateWindowExW(0, L"STATIC", L"kwtest", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
-  const ULONGLONG end = GetTickCount64() + ms;
-  while (GetTickCount64() < end) {
-    if (window != nullptr) SendMessageW(window, WM_NULL, 0, 0);
-    PostThreadMessageW(GetCurrentThreadId(), WM_NULL, 0, 0);
-    while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
-    if (GetModuleHandleW(L"kwindel-x64.dll") != nullptr) {
-      std::printf("loaded\n");
-      return 0;
+using namespace kwtest;
+
+// The first 16 bytes of IFileOperation's CopyItems, MoveItems, PerformOperations and of the
+// exported CopyFileW, CopyFileExW, MoveFileWithProgressW, SHFileOperationW.
+std::vector<std::string> entry_bytes(IFileOperation* op) {
+  std::vector<const void*> code;
+  if (op != nullptr) {
+    void** table = *reinterpret_cast<void***>(op);
+    code = {table[17], table[15], table[21]};
+  }
+  HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
+  for (const char* name : {"CopyFileW", "CopyFileExW", "MoveFileWithProgressW"}) code.push_back(fn<const void*>(kernel32, name));
+  code.push_back(fn<const void*>(LoadLibraryW(L"shell32.dll"), "SHFileOperationW"));
+  std::vector<std::string> out;
+  for (const void* c : code) out.emplace_back(static_cast<const char*>(c), 16);
+  return out;
+}
+
+// The copy of midcall's worker: queued and performed through the shell copy engine on 6.x, one
+// SHFileOperationW before 6.
+std::string worker_copy(const std::wstring& source, const std::wstring& destination) {
+  char report[64];
+  if (LOBYTE(LOWORD(GetVersion())) < 6) {
+    SHFILEOPSTRUCTW op = {};
+    const std::wstring from = source + L'\0', to = destination + L'\0';
+    op.wFunc = FO_COPY;
+    op.pFrom = from.c_str();
+    op.pTo = to.c_str();
+    op.fFlags = FOF_NO_UI;
+    std::snprintf(report, sizeof report, "copy=%08x", static_cast<unsigned>(SHFileOperationW(&op)));
+    return report;
+  }
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  HRESULT copy = E_FAIL, perform = E_FAIL;
+  {
+    ComRef<IFileOperation> op;
+    if (new_file_operation(&op)) {
+      copy = queue(op.get(), false, {source}, destination);
+      perform = op->PerformOperations();
     }
-    Sleep(10);
   }
-  std::printf("not loaded\n");
-  return 1;
+  CoUninitialize();
+  std::snprintf(report, sizeof report, "copy=%08lx perform=%08lx", static_cast<unsigned long>(copy),
+                static_cast<unsigned long>(perform));
+  return report;
 }
 
-int policy() {
-  kwtest::Library dll(kwtest::dll_path());
-  volatile kwtest::SharedBlockView* block = kwtest::shared_block(dll.get());
-  if (block == nullptr) return 2;
-  std::printf("copy=%u secret=%u mask=%u encrypt=%u\n", block->copy_audit, block->secret_audit,
-              block->audit_dest_mask, block->encrypt_audit);
-  return 0;
-}
-
-// COM is bound at run time so that the child links nothing more than it did.
-int methods(DWORD ms) {
-  HMODULE ole32 = LoadLibraryW(L"ole32.dll");
-  auto co_initialize = reinterpret_cast<HRESULT(WINAPI*)(void*, DWORD)>(
-      reinterpret_cast<void*>(GetProcAddress(ole32, "CoInitializeEx")));
-  auto co_create = reinterpret_cast<HRESULT(WINAPI*)(const GUID&, void*, DWORD, const GUID&, void**)>(
-      reinterpret_cast<void*>(GetProcAddress(ole32, "CoCreateInstance")));
-  const GUID clsid = {0x3AD05575, 0x8857, 0x4850, {0x92, 0x77, 0x11, 0xB8, 0x5B, 0xDB, 0x8E, 0x09}};
-  const GUID iid = {0x947AAB5F, 0x0A5C, 0x4C13, {0xB4, 0xD6, 0x4B, 0xF7, 0x83, 0x6F, 0xC9, 0xF8}};
-  co_initialize(nullptr, 2);  // apartment-threaded, as the DLL's own set-up
-  void* object = nullptr;
-  if (co_create(clsid, nullptr, 1 /* in-process server */, iid, reinterpret_cast<void**>(&object)) != S_OK) return 3;
-  void** table = *reinterpret_cast<void***>(object);
-  const int slots[3] = {17, 15, 21};
-  unsigned char before[3][5];
-  for (int i = 0; i < 3; ++i) std::memcpy(before[i], table[slots[i]], 5);
-  const int loaded = pump(ms);
+// A worker thread's copy waits for the agent while the main thread drops the last reference to
+// the DLL: its own FreeLibrary ("free") or, in a process the global hook brought it into, what
+// the system does once the hook is gone ("hook": messages pumped, every reference released).
+// Two more threads keep calling CopyFileW (hooked before 6) meanwhile. The test signals
+// kwtest-midcall-release once the agent holds the request and answers after
+// kwtest-midcall-released. Prints the worker's results, whether the DLL is still mapped, how
+// many watched entries are still patched and how many CopyFileW calls failed.
+int midcall(const std::wstring& how, const std::wstring& source, const std::wstring& destination) {
+  OwnedHandle release(OpenEventW(SYNCHRONIZE, FALSE, L"kwtest-midcall-release"));
+  OwnedHandle released(OpenEventW(EVENT_MODIFY_STATE, FALSE, L"kwtest-midcall-released"));
+  if (!release.ok() || !released.ok()) return 3;
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  ComRef<IFileOperation> op;
+  new_file_operation(&op);
+  const auto before = entry_bytes(op.get());
+  HMODULE dll = how == L"free" ? LoadLibraryW(dll_path().c_str()) : wait_for_injection(20000);
+  if (dll == nullptr) return 4;
+  std::string report;
+  std::thread worker([&] { report = worker_copy(source, destination); });
+  const std::wstring other = destination + L"\\..\\caller.txt";
+  write_file(other, "caller");
+  std::atomic<bool> stop{false};
+  std::atomic<int> failed{0};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 2; ++i) {
+    callers.emplace_back([&, i] {
+      const std::wstring to = destination + L"\\..\\caller-" + std::to_wstring(i) + L".txt";
+      while (!stop) failed += CopyFileW(other.c_str(), to.c_str(), FALSE) ? 0 : 1;
+    });
+  }
+  WaitForSingleObject(release.get(), 60000);
+  if (how == L"free") {
+    FreeLibrary(dll);
+  } else {
+    MSG msg;
+    for (int i = 0; i < 20; ++i, Sleep(10)) {
+      while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
+    }
+    for (int i = 0; i < 8 && (dll = GetModuleHandleW(L"kwindel-x64.dll")) != nullptr; ++i) FreeLibrary(dll);
+  }
+  SetEvent(released.get());
+  worker.join();
+  stop = true;
+  for (std::thread& caller : callers) caller.join();
+  const auto after = entry_bytes(op.get());
   int patched = 0;
-  for (int i = 0; i < 3; ++i) {
-    auto code = static_cast<const unsigned char*>(table[slots[i]]);
-    if (std::memcmp(before[i], code, 5) != 0 && (code[0] == 0xE9 || (code[0] == 0xFF && code[1] == 0x25))) ++patched;
-  }
-  auto perform = reinterpret_cast<HRESULT(WINAPI*)(void*)>(table[21]);
-  std::printf("patched %d result %08lx\n", patched, static_cast<unsigned long>(perform(object)));
-  return loaded;
+  for (size_t i = 0; i < before.size(); ++i) patched += before[i] != after[i] ? 1 : 0;
+  std::printf("%s loaded=%d patched=%d failed calls=%d\n", report.c_str(),
+              GetModuleHandleW(L"kwindel-x64.dll") != nullptr ? 1 : 0, patched, failed.load());
+  return 0;
 }
 
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
   _setmode(_fileno(stdout), _O_BINARY);  // the tests compare output byte for byte
-  std::wstring mode = argc > 1 ? argv[1] : L"";
-  if (mode == L"pump" && argc > 2) return pump(static_cast<DWORD>(_wtoi(argv[2])));
-  if (mode == L"policy") return policy();
-  if (mode == L"methods" && argc > 2) return methods(static_cast<DWORD>(_wtoi(argv[2])));
-  if (mode == L"agent" && argc > 2) return kwtest::test_agent_main(argc - 2, argv + 2);
-  std::fprintf(stderr, "usage: kwtest-child pump MS | policy | methods MS | agent MS [--no-ack] [--other-port] [--ready EVENT] [--reply HEX]...\n");
+  const std::wstring mode = argc > 1 ? argv[1] : L"";
+  if (mode == L"pump" && argc > 2) {
+    const bool loaded = wait_for_injection(static_cast<DWORD>(_wtoi(argv[2]))) != nullptr;
+    std::printf(loaded ? "loaded\n" : "not loaded\n");
+    return loaded ? 0 : 1;
+  }
+  if (mode == L"policy") {
+    volatile SharedBlockView* block = shared_block(LoadLibraryW(dll_path().c_str()));
+    if (block == nullptr) return 2;
+    std::printf("copy=%u secret=%u mask=%u encrypt=%u\n", block->copy_audit, block->secret_audit,
+                block->audit_dest_mask, block->encrypt_audit);
+    return 0;
+  }
+  if (mode == L"agent" && argc > 2) return test_agent_main(argc - 2, argv + 2);
+  if (mode == L"midcall" && argc == 5) return midcall(argv[2], argv[3], argv[4]);
+  if ((mode == L"copy" && argc == 4) || (mode == L"swap-and-wait" && argc > 4)) {
+    const bool swap = mode != L"copy";
+    if ((swap ? LoadLibraryW(dll_path().c_str()) : wait_for_injection(10000)) == nullptr) {
+      std::printf("not loaded\n");
+      return 1;
+    }
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    HRESULT hr = E_FAIL;
+    ComRef<IFileOperation> op;
+    if (new_file_operation(&op)) {
+      hr = swap ? queue(op.get(), false, std::vector<std::wstring>(argv + 4, argv + argc), argv[3])
+                : queue(op.get(), false, {argv[2]}, argv[3]);
+    }
+    if (swap) {
+      write_file(argv[2], std::to_string(hr));
+      Sleep(INFINITE);
+    }
+    std::printf("loaded %08lx\n", static_cast<unsigned long>(hr));
+    return 0;
+  }
+  std::fprintf(stderr, "usage: kwtest-child pump MS | policy | agent MS ... | copy SRC DST | "
+                       "swap-and-wait MARKER DST SRC... | midcall free|hook SRC DST\n");
   return 100;
 }

@@ -15,47 +15,40 @@ std::wstring exe_dir() {
   std::wstring dir(path);
   return dir.substr(0, dir.rfind(L'\\') + 1);
 }
-
 std::wstring dll_path() { return exe_dir() + L"kwindel-x64.dll"; }
 std::wstring child_path() { return exe_dir() + L"kwtest-child.exe"; }
 
 std::string narrow(const std::wstring& wide) {
-  if (wide.empty()) return std::string();
-  int n = WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0, nullptr, nullptr);
+  const int n = WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0, nullptr, nullptr);
   std::string out(n, '\0');
-  WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), &out[0], n, nullptr, nullptr);
+  if (n > 0) WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), &out[0], n, nullptr, nullptr);
   return out;
 }
 
 std::wstring widen(const std::string& utf8) {
-  if (utf8.empty()) return std::wstring();
-  int n = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
+  const int n = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0);
   std::wstring out(n, L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &out[0], n);
+  if (n > 0) MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &out[0], n);
   return out;
 }
 
 uint64_t jump_destination(const uint8_t* code) {
+  int32_t rel;
   if (code[0] == 0xE9) {
-    int32_t rel;
     std::memcpy(&rel, code + 1, 4);
     return reinterpret_cast<uint64_t>(code) + 5 + rel;
   }
-  if (code[0] == 0xFF && code[1] == 0x25) {  // jmp [rip+disp32]
-    int32_t disp;
-    std::memcpy(&disp, code + 2, 4);
-    uint64_t abs;
-    std::memcpy(&abs, code + 6 + disp, 8);
-    return abs;
-  }
-  return 0;
+  if (code[0] != 0xFF || code[1] != 0x25) return 0;
+  std::memcpy(&rel, code + 2, 4);  // jmp [rip+disp32]
+  uint64_t abs;
+  std::memcpy(&abs, code + 6 + rel, 8);
+  return abs;
 }
 
 const IMAGE_SECTION_HEADER* find_section(HMODULE module, const char* name) {
   if (module == nullptr) return nullptr;
   auto base = reinterpret_cast<const unsigned char*>(module);
-  auto dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-  auto nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
+  auto nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
   const IMAGE_SECTION_HEADER* section = IMAGE_FIRST_SECTION(nt);
   for (WORD i = 0; i < nt->FileHeader.NumberOfSections; ++i, ++section) {
     if (std::strncmp(reinterpret_cast<const char*>(section->Name), name, IMAGE_SIZEOF_SHORT_NAME) == 0) return section;
@@ -69,12 +62,10 @@ volatile SharedBlockView* shared_block(HMODULE kwindel) {
   return reinterpret_cast<volatile SharedBlockView*>(reinterpret_cast<unsigned char*>(kwindel) + section->VirtualAddress);
 }
 
-// ---- TraceCapture ----
+// ---- trace lines ----
 namespace {
 std::mutex g_captures_mutex;
 std::vector<TraceCapture*> g_captures;
-constexpr DWORD kDebugPrint = 0x40010006;      // DBG_PRINTEXCEPTION_C
-constexpr DWORD kDebugPrintWide = 0x4001000A;  // DBG_PRINTEXCEPTION_WIDE_C
 }  // namespace
 
 TraceCapture::TraceCapture() {
@@ -86,31 +77,23 @@ TraceCapture::TraceCapture() {
 TraceCapture::~TraceCapture() {
   RemoveVectoredExceptionHandler(cookie_);
   std::lock_guard<std::mutex> lock(g_captures_mutex);
-  for (auto it = g_captures.begin(); it != g_captures.end(); ++it) {
-    if (*it == this) { g_captures.erase(it); break; }
-  }
+  g_captures.erase(std::find(g_captures.begin(), g_captures.end(), this));
 }
 
 LONG CALLBACK TraceCapture::handler(EXCEPTION_POINTERS* info) {
   const EXCEPTION_RECORD* rec = info->ExceptionRecord;
-  if (rec->NumberParameters < 2) return EXCEPTION_CONTINUE_SEARCH;
-  if (rec->ExceptionCode == kDebugPrint) {
-    const char* text = reinterpret_cast<const char*>(rec->ExceptionInformation[1]);
-    size_t length = static_cast<size_t>(rec->ExceptionInformation[0]);
-    std::string line(text, length > 0 ? strnlen(text, length) : 0);
-    std::lock_guard<std::mutex> lock(g_captures_mutex);
-    for (TraceCapture* c : g_captures) {
-      std::lock_guard<std::mutex> inner(c->mutex_);
-      c->lines_.push_back(line);
-    }
-  } else if (rec->ExceptionCode == kDebugPrintWide) {
-    const wchar_t* text = reinterpret_cast<const wchar_t*>(rec->ExceptionInformation[1]);
-    size_t length = static_cast<size_t>(rec->ExceptionInformation[0]);
-    std::wstring line(text, length > 0 ? wcsnlen(text, length) : 0);
-    std::lock_guard<std::mutex> lock(g_captures_mutex);
-    for (TraceCapture* c : g_captures) {
-      std::lock_guard<std::mutex> inner(c->mutex_);
-      c->wide_lines_.push_back(line);
+  const bool wide = rec->ExceptionCode == 0x4001000A;  // DBG_PRINTEXCEPTION_WIDE_C
+  if (rec->NumberParameters < 2 || (!wide && rec->ExceptionCode != 0x40010006)) return EXCEPTION_CONTINUE_SEARCH;
+  const size_t length = static_cast<size_t>(rec->ExceptionInformation[0]);
+  std::lock_guard<std::mutex> lock(g_captures_mutex);
+  for (TraceCapture* c : g_captures) {
+    std::lock_guard<std::mutex> inner(c->mutex_);
+    if (wide) {
+      auto text = reinterpret_cast<const wchar_t*>(rec->ExceptionInformation[1]);
+      c->wide_lines_.emplace_back(text, length > 0 ? wcsnlen(text, length) : 0);
+    } else {
+      auto text = reinterpret_cast<const char*>(rec->ExceptionInformation[1]);
+      c->lines_.emplace_back(text, length > 0 ? strnlen(text, length) : 0);
     }
   }
   return EXCEPTION_CONTINUE_SEARCH;  // the system still delivers the line
@@ -126,155 +109,131 @@ std::vector<std::wstring> TraceCapture::wide_lines() const {
   return wide_lines_;
 }
 
+std::vector<std::string> TraceCapture::lines_from(const std::string& prefix) const {
+  std::vector<std::string> out;
+  for (const std::string& line : lines()) {
+    if (line.compare(0, prefix.size(), prefix) == 0) out.push_back(line);
+  }
+  return out;
+}
+
 void TraceCapture::clear() {
   std::lock_guard<std::mutex> lock(mutex_);
   lines_.clear();
   wide_lines_.clear();
 }
 
-bool TraceCapture::contains(const std::string& line) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& l : lines_) if (l == line) return true;
-  return false;
-}
-
-// ---- DbwinMonitor ----
-DbwinMonitor::DbwinMonitor() {
-  buffer_ready_ = CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_BUFFER_READY");
-  data_ready_ = CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_DATA_READY");
-  mapping_ = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, L"DBWIN_BUFFER");
-  if (buffer_ready_ == nullptr || data_ready_ == nullptr || mapping_ == nullptr) return;
-  view_ = MapViewOfFile(mapping_, FILE_MAP_READ, 0, 0, 4096);
+DbwinMonitor::DbwinMonitor()
+    : buffer_ready_(CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_BUFFER_READY")),
+      data_ready_(CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_DATA_READY")),
+      mapping_(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, L"DBWIN_BUFFER")) {
+  if (!buffer_ready_.ok() || !data_ready_.ok() || !mapping_.ok()) return;
+  view_ = MapViewOfFile(mapping_.get(), FILE_MAP_READ, 0, 0, 4096);
   if (view_ == nullptr) return;
-  thread_ = CreateThread(nullptr, 0, run, this, 0, nullptr);
-  SetEvent(buffer_ready_);
+  thread_.reset(CreateThread(nullptr, 0, run, this, 0, nullptr));
+  SetEvent(buffer_ready_.get());
 }
 
 DbwinMonitor::~DbwinMonitor() {
   stop_ = true;
-  if (thread_ != nullptr) {
-    SetEvent(data_ready_);
-    WaitForSingleObject(thread_, 5000);
-    CloseHandle(thread_);
+  if (thread_.ok()) {
+    SetEvent(data_ready_.get());
+    WaitForSingleObject(thread_.get(), 5000);
   }
   if (view_ != nullptr) UnmapViewOfFile(view_);
-  for (HANDLE h : {mapping_, data_ready_, buffer_ready_}) if (h != nullptr) CloseHandle(h);
 }
 
 DWORD WINAPI DbwinMonitor::run(void* self_ptr) {
   auto self = static_cast<DbwinMonitor*>(self_ptr);
   while (!self->stop_) {
-    if (WaitForSingleObject(self->data_ready_, 200) != WAIT_OBJECT_0) continue;
-    if (self->stop_) break;
-    const auto* bytes = static_cast<const char*>(self->view_);
-    Line line;
-    std::memcpy(&line.pid, bytes, sizeof line.pid);
-    line.text.assign(bytes + 4, strnlen(bytes + 4, 4096 - 4));
+    if (WaitForSingleObject(self->data_ready_.get(), 200) != WAIT_OBJECT_0 || self->stop_) continue;
+    const auto* bytes = static_cast<const char*>(self->view_) + 4;  // after the writer's process id
     {
       std::lock_guard<std::mutex> lock(self->mutex_);
-      self->lines_.push_back(line);
+      self->lines_.emplace_back(bytes, strnlen(bytes, 4096 - 4));
     }
-    SetEvent(self->buffer_ready_);
+    SetEvent(self->buffer_ready_.get());
   }
   return 0;
 }
 
-std::vector<DbwinMonitor::Line> DbwinMonitor::lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
-}
-
 bool DbwinMonitor::wait_for(const std::string& text, DWORD timeout_ms) const {
-  const ULONGLONG end = GetTickCount64() + timeout_ms;
-  do {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      for (const auto& l : lines_) if (l.text == text) return true;
-    }
-    Sleep(10);
-  } while (GetTickCount64() < end);
+  for (const ULONGLONG end = GetTickCount64() + timeout_ms; GetTickCount64() < end; Sleep(10)) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (std::find(lines_.begin(), lines_.end(), text) != lines_.end()) return true;
+  }
   return false;
 }
 
 // ---- child processes ----
+namespace {
+HANDLE start(const std::wstring& exe, const std::wstring& args, HANDLE output, DWORD* pid) {
+  STARTUPINFOW si = {};
+  si.cb = sizeof si;
+  if (output != nullptr) {
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = output;
+    si.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+  }
+  std::wstring cmd = L"\"" + exe + L"\" " + args;
+  PROCESS_INFORMATION pi = {};
+  if (!CreateProcessW(exe.c_str(), &cmd[0], nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &si, &pi)) {
+    return nullptr;
+  }
+  CloseHandle(pi.hThread);
+  if (pid != nullptr) *pid = pi.dwProcessId;
+  return pi.hProcess;
+}
+}  // namespace
+
 ChildResult run_child(const std::wstring& exe, const std::wstring& args, DWORD timeout_ms) {
   ChildResult result;
   SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};
-  HANDLE read_end = nullptr, write_end = nullptr;
-  if (!CreatePipe(&read_end, &write_end, &sa, 0)) return result;
-  SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
-  STARTUPINFOW si = {};
-  si.cb = sizeof si;
-  si.dwFlags = STARTF_USESTDHANDLES;
-  si.hStdOutput = write_end;
-  si.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-  si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-  std::wstring cmd = L"\"" + exe + L"\" " + args;
-  PROCESS_INFORMATION pi = {};
-  if (!CreateProcessW(exe.c_str(), &cmd[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
-    CloseHandle(read_end);
-    CloseHandle(write_end);
-    return result;
-  }
-  result.started = true;
-  CloseHandle(write_end);
-  CloseHandle(pi.hThread);
+  OwnedHandle read_end, write_end;
+  if (!CreatePipe(read_end.put(), write_end.put(), &sa, 0)) return result;
+  SetHandleInformation(read_end.get(), HANDLE_FLAG_INHERIT, 0);
+  OwnedHandle process(start(exe, args, write_end.get(), nullptr));
+  write_end.reset();
+  if (!(result.started = process.ok())) return result;
   const ULONGLONG end = GetTickCount64() + timeout_ms;
   char buf[4096];
+  DWORD avail = 0, got = 0;
   for (;;) {
-    DWORD avail = 0;
-    while (PeekNamedPipe(read_end, nullptr, 0, nullptr, &avail, nullptr) && avail > 0) {
-      DWORD got = 0;
-      if (!ReadFile(read_end, buf, sizeof buf, &got, nullptr) || got == 0) break;
+    while (PeekNamedPipe(read_end.get(), nullptr, 0, nullptr, &avail, nullptr) && avail > 0 &&
+           ReadFile(read_end.get(), buf, sizeof buf, &got, nullptr) && got > 0) {
       result.output.append(buf, got);
     }
-    if (WaitForSingleObject(pi.hProcess, 20) == WAIT_OBJECT_0) {
-      DWORD got = 0;
-      while (ReadFile(read_end, buf, sizeof buf, &got, nullptr) && got > 0) result.output.append(buf, got);
+    if (WaitForSingleObject(process.get(), 20) == WAIT_OBJECT_0) {
+      while (ReadFile(read_end.get(), buf, sizeof buf, &got, nullptr) && got > 0) result.output.append(buf, got);
       result.finished = true;
-      GetExitCodeProcess(pi.hProcess, &result.exit_code);
-      break;
+      GetExitCodeProcess(process.get(), &result.exit_code);
+      return result;
     }
     if (GetTickCount64() >= end) {
-      TerminateProcess(pi.hProcess, 255);
-      WaitForSingleObject(pi.hProcess, 5000);
-      break;
+      TerminateProcess(process.get(), 255);
+      WaitForSingleObject(process.get(), 5000);
+      return result;
     }
   }
-  CloseHandle(read_end);
-  CloseHandle(pi.hProcess);
-  return result;
 }
 
-ChildProcess::ChildProcess(const std::wstring& exe, const std::wstring& args) {
-  STARTUPINFOW si = {};
-  si.cb = sizeof si;
-  std::wstring cmd = L"\"" + exe + L"\" " + args;
-  PROCESS_INFORMATION pi = {};
-  if (CreateProcessW(exe.c_str(), &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) {
-    CloseHandle(pi.hThread);
-    process_ = pi.hProcess;
-    pid_ = pi.dwProcessId;
-  }
-}
-
-ChildProcess::~ChildProcess() {
-  if (process_ == nullptr) return;
-  if (WaitForSingleObject(process_, 0) != WAIT_OBJECT_0) {
-    TerminateProcess(process_, 255);
-    WaitForSingleObject(process_, 5000);
-  }
-  CloseHandle(process_);
-}
+ChildProcess::ChildProcess(const std::wstring& exe, const std::wstring& args)
+    : process_(start(exe, args, nullptr, &pid_)) {}
 
 bool ChildProcess::wait(DWORD timeout_ms, DWORD* exit_code) {
-  if (process_ == nullptr) return false;
-  if (WaitForSingleObject(process_, timeout_ms) != WAIT_OBJECT_0) return false;
-  if (exit_code != nullptr) GetExitCodeProcess(process_, exit_code);
+  if (!process_.ok() || WaitForSingleObject(process_.get(), timeout_ms) != WAIT_OBJECT_0) return false;
+  if (exit_code != nullptr) GetExitCodeProcess(process_.get(), exit_code);
   return true;
 }
 
-// ---- files ----
+bool ChildProcess::kill() {
+  if (!process_.ok()) return false;
+  TerminateProcess(process_.get(), 255);
+  return WaitForSingleObject(process_.get(), 30000) == WAIT_OBJECT_0;
+}
+
+// ---- folders, drives, files ----
 ScratchDir::ScratchDir() {
   static std::atomic<int> counter{0};
   wchar_t temp[MAX_PATH] = {};
@@ -287,27 +246,20 @@ ScratchDir::ScratchDir() {
 
 ScratchDir::~ScratchDir() { remove_tree(path_); }
 
-// ---- drives ----
 namespace {
-// Wine's private mount-manager request (include/ddk/mountmgr.h of Wine 8).
-constexpr DWORD kDefineUnixDrive = CTL_CODE('m', 32, METHOD_BUFFERED, FILE_READ_ACCESS | FILE_WRITE_ACCESS);
-struct UnixDrive {
-  ULONG size;
-  ULONG type;
-  ULONG fs_type;
-  DWORD serial;
-  ULONGLONG unix_dev;
-  WCHAR letter;
-  USHORT mount_point_offset;
-  USHORT device_offset;
-  USHORT label_offset;
-};
-}  // namespace
-
+// Wine's private mount-manager request (include/ddk/mountmgr.h of Wine 8): points a drive letter
+// at a Unix folder with a drive type; DRIVE_NO_ROOT_DIR and no folder remove it.
 bool define_unix_drive(wchar_t letter, UINT type, const std::string& unix_folder) {
-  HANDLE mgr = CreateFileW(L"\\\\.\\MountPointManager", GENERIC_READ | GENERIC_WRITE,
-                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-  if (mgr == INVALID_HANDLE_VALUE) return false;
+  struct UnixDrive {
+    ULONG size, type, fs_type;
+    DWORD serial;
+    ULONGLONG unix_dev;
+    WCHAR letter;
+    USHORT mount_point_offset, device_offset, label_offset;
+  };
+  OwnedHandle mgr(CreateFileW(L"\\\\.\\MountPointManager", GENERIC_READ | GENERIC_WRITE,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+  if (!mgr.ok()) return false;
   std::vector<char> buffer(sizeof(UnixDrive) + unix_folder.size() + 1, 0);
   auto* drive = reinterpret_cast<UnixDrive*>(buffer.data());
   drive->size = static_cast<ULONG>(buffer.size());
@@ -315,30 +267,24 @@ bool define_unix_drive(wchar_t letter, UINT type, const std::string& unix_folder
   drive->letter = static_cast<WCHAR>(towlower(letter));
   if (!unix_folder.empty()) {
     drive->mount_point_offset = sizeof(UnixDrive);
-    memcpy(buffer.data() + sizeof(UnixDrive), unix_folder.c_str(), unix_folder.size() + 1);
+    std::memcpy(buffer.data() + sizeof(UnixDrive), unix_folder.c_str(), unix_folder.size() + 1);
   }
   DWORD returned = 0;
-  const BOOL ok = DeviceIoControl(mgr, kDefineUnixDrive, buffer.data(), static_cast<DWORD>(buffer.size()), nullptr, 0,
-                                  &returned, nullptr);
-  CloseHandle(mgr);
-  return ok != 0;
+  return DeviceIoControl(mgr.get(), CTL_CODE('m', 32, METHOD_BUFFERED, FILE_READ_ACCESS | FILE_WRITE_ACCESS),
+                         buffer.data(), static_cast<DWORD>(buffer.size()), nullptr, 0, &returned, nullptr) != 0;
 }
-
-std::string unix_path(const std::wstring& windows_path) {
-  std::string s = narrow(windows_path);
-  if (s.size() < 2 || (s[0] != 'Z' && s[0] != 'z') || s[1] != ':') return std::string();
-  s = s.substr(2);
-  std::replace(s.begin(), s.end(), '\\', '/');
-  return s;
-}
+}  // namespace
 
 RemovableDrive::RemovableDrive() {
   folder_ = exe_dir() + L"removable-" + std::to_wstring(GetCurrentProcessId());
   remove_tree(folder_);
   CreateDirectoryW(folder_.c_str(), nullptr);
-  const std::string unix_folder = unix_path(folder_);
+  std::string unix_folder = narrow(folder_);  // Wine maps Z: to /
+  if (unix_folder.size() < 2 || towupper(unix_folder[0]) != L'Z' || unix_folder[1] != ':') return;
+  unix_folder = unix_folder.substr(2);
+  std::replace(unix_folder.begin(), unix_folder.end(), '\\', '/');
   const DWORD used = GetLogicalDrives();
-  for (wchar_t c = L'R'; c <= L'Y' && letter_ == 0 && !unix_folder.empty(); ++c) {
+  for (wchar_t c = L'R'; c <= L'Y' && letter_ == 0; ++c) {
     if (!(used & (1u << (c - L'A'))) && define_unix_drive(c, DRIVE_REMOVABLE, unix_folder)) letter_ = c;
   }
 }
@@ -349,36 +295,33 @@ RemovableDrive::~RemovableDrive() {
 }
 
 bool write_file(const std::wstring& path, const std::string& bytes) {
-  HANDLE h = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return false;
-  size_t done = 0;
-  bool ok = true;
-  while (ok && done < bytes.size()) {
-    DWORD chunk = static_cast<DWORD>(std::min<size_t>(bytes.size() - done, 1u << 20)), wrote = 0;
-    ok = WriteFile(h, bytes.data() + done, chunk, &wrote, nullptr) && wrote == chunk;
-    done += wrote;
-  }
-  CloseHandle(h);
-  return ok;
+  OwnedHandle h(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr));
+  DWORD wrote = 0;
+  return h.ok() && WriteFile(h.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &wrote, nullptr) &&
+         wrote == bytes.size();
 }
 
 bool read_file(const std::wstring& path, std::string* bytes) {
-  HANDLE h = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                         nullptr, OPEN_EXISTING, 0, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return false;
+  OwnedHandle h(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                            nullptr, OPEN_EXISTING, 0, nullptr));
+  if (!h.ok()) return false;
   bytes->clear();
   char buf[65536];
   DWORD got = 0;
   bool ok = true;
-  while ((ok = ReadFile(h, buf, sizeof buf, &got, nullptr)) && got > 0) bytes->append(buf, got);
-  CloseHandle(h);
+  while ((ok = ReadFile(h.get(), buf, sizeof buf, &got, nullptr)) && got > 0) bytes->append(buf, got);
   return ok;
+}
+
+std::string content(const std::wstring& path) {
+  std::string bytes;
+  return read_file(path, &bytes) ? bytes : std::string("<missing>");
 }
 
 bool file_exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 void remove_tree(const std::wstring& path) {
-  DWORD attrs = GetFileAttributesW(path.c_str());
+  const DWORD attrs = GetFileAttributesW(path.c_str());
   if (attrs == INVALID_FILE_ATTRIBUTES) return;
   if (!(attrs & FILE_ATTRIBUTE_DIRECTORY) || (attrs & FILE_ATTRIBUTE_REPARSE_POINT)) {
     SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
@@ -386,16 +329,80 @@ void remove_tree(const std::wstring& path) {
     return;
   }
   WIN32_FIND_DATAW fd;
-  HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &fd);
-  if (find != INVALID_HANDLE_VALUE) {
-    do {
-      std::wstring name = fd.cFileName;
-      if (name == L"." || name == L"..") continue;
-      remove_tree(path + L"\\" + name);
-    } while (FindNextFileW(find, &fd));
-    FindClose(find);
+  OwnedFind find(FindFirstFileW((path + L"\\*").c_str(), &fd));
+  for (bool more = find.ok(); more; more = FindNextFileW(find.get(), &fd)) {
+    const std::wstring name = fd.cFileName;
+    if (name != L"." && name != L"..") remove_tree(path + L"\\" + name);
   }
+  find.reset();
   RemoveDirectoryW(path.c_str());
+}
+
+}  // namespace kwtest
+
+#include <shellapi.h>
+#include <shlobj.h>
+
+namespace kwtest {
+
+bool data_object_for(const std::vector<std::wstring>& paths, ComRef<IDataObject>* out) {
+  if (paths.empty()) return false;
+  CoTaskMem<ITEMIDLIST> folder_id;
+  ComRef<IShellFolder> desktop, folder;
+  const std::wstring parent = paths.front().substr(0, paths.front().rfind(L'\\'));
+  if (FAILED(SHParseDisplayName(parent.c_str(), nullptr, folder_id.put(), 0, nullptr)) ||
+      FAILED(SHGetDesktopFolder(desktop.put())) ||
+      FAILED(desktop->BindToObject(folder_id.get(), nullptr, IID_IShellFolder, folder.put_void()))) {
+    return false;
+  }
+  std::vector<CoTaskMem<ITEMIDLIST>> children(paths.size());
+  std::vector<PCUITEMID_CHILD> ids;
+  for (size_t i = 0; i < paths.size(); ++i) {
+    std::wstring name = paths[i].substr(paths[i].rfind(L'\\') + 1);
+    if (FAILED(folder->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, children[i].put(), nullptr))) return false;
+    ids.push_back(children[i].get());
+  }
+  return SUCCEEDED(folder->GetUIObjectOf(nullptr, static_cast<UINT>(ids.size()), ids.data(), IID_IDataObject, nullptr,
+                                         out->put_void()));
+}
+
+bool shell_item_for(const std::wstring& path, ComRef<IShellItem>* out) {
+  return SUCCEEDED(SHCreateItemFromParsingName(path.c_str(), nullptr, IID_IShellItem, out->put_void()));
+}
+
+bool new_file_operation(ComRef<IFileOperation>* out) {
+  return SUCCEEDED(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, out->put_void()));
+}
+
+HRESULT queue(IFileOperation* op, bool move, const std::vector<std::wstring>& sources, const std::wstring& destination) {
+  ComRef<IDataObject> items;
+  ComRef<IShellItem> target;
+  if (!data_object_for(sources, &items) || !shell_item_for(destination, &target)) return E_FAIL;
+  return move ? op->MoveItems(items.get(), target.get()) : op->CopyItems(items.get(), target.get());
+}
+
+int shell_operation(UINT function, const std::vector<std::wstring>& from, const std::wstring& to) {
+  std::wstring f, t = to + L'\0';  // c_str() adds each list's final NUL
+  for (const auto& p : from) f += p + L'\0';
+  SHFILEOPSTRUCTW op = {};
+  op.wFunc = function;
+  op.pFrom = f.c_str();
+  op.pTo = t.c_str();
+  op.fFlags = FOF_NOCONFIRMATION | FOF_SILENT | FOF_NOERRORUI | FOF_NOCONFIRMMKDIR;
+  return SHFileOperationW(&op);
+}
+
+HMODULE wait_for_injection(DWORD ms) {
+  MSG msg;
+  PeekMessageW(&msg, nullptr, 0, 0, PM_NOREMOVE);  // creates the message queue
+  const HWND window = CreateWindowExW(0, L"STATIC", L"kwtest", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
+  for (const ULONGLONG end = GetTickCount64() + ms; GetTickCount64() < end; Sleep(10)) {
+    if (window != nullptr) SendMessageW(window, WM_NULL, 0, 0);  // what a call-window hook sees
+    PostThreadMessageW(GetCurrentThreadId(), WM_NULL, 0, 0);    // what a get-message hook sees
+    while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
+    if (HMODULE dll = GetModuleHandleW(L"kwindel-x64.dll")) return dll;
+  }
+  return nullptr;
 }
 
 }  // namespace kwtest

@@ -1,29 +1,29 @@
-// A scriptable stand-in for the local agent, for any test program: listens on a UDP port of
-// 127.0.0.1 (7886 by default) on its own thread, records every datagram raw, acknowledges the
-// chunks of each incoming frame (or withholds the acknowledgements) and answers secret-audit
-// requests with scripted datagrams. The same agent runs as its own process through
-// `kwtest-child agent ...` (see test_agent_main).
+// A scriptable stand-in for the local agent: listens on a UDP port of 127.0.0.1 (7886 by default)
+// on its own thread, records (or only counts) every datagram, acknowledges the chunks of each
+// incoming frame (all, none or the first few) and answers secret-audit requests with scripted
+// datagrams or with a reply computed from the request. flush() tells when everything sent to it
+// so far has been seen. The same agent runs as its own process through `kwtest-child agent`.
 #pragma once
-#include <winsock2.h>
-#include <windows.h>
+#include "kwtest.h"
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdint>
-#include <mutex>
-#include <string>
+#include <functional>
 #include <thread>
-#include <vector>
 
 namespace kwtest {
 
 struct AgentScript {
   bool acknowledge = true;  // 128 zero bytes after every chunk of a frame but the last
-  // Sent to the requester after a complete "<FILECOPY_SECRETAUDIT_REQUEST>" frame, one datagram
-  // after another; before each further datagram the agent waits (up to 5 s) for the requester's
-  // acknowledgement. Empty: stay silent (answer later with send_to_requester).
+  // Sent to the requester after a complete request frame, one datagram after another, each
+  // further one after the requester's acknowledgement (up to 5 s). Empty: silent (see
+  // send_to_requester) unless `answer` is set.
   std::vector<std::string> reply;
   bool reply_from_other_port = false;  // send the reply from a second socket
+  // The reply datagram computed from the request's document; "" stays silent.
+  std::function<std::string(const std::string& request_document)> answer;
+  int ack_limit = -1;   // acknowledge at most this many chunks of each frame (-1: all)
+  bool record = true;   // false: count only, so that long runs keep no recordings
 };
 
 struct AgentDatagram {
@@ -39,29 +39,39 @@ class TestAgent {
   TestAgent(const TestAgent&) = delete;
   TestAgent& operator=(const TestAgent&) = delete;
 
-  bool ok() const { return socket_ != INVALID_SOCKET; }  // false when the port was taken
+  bool ok() const { return socket_.ok(); }  // false when the port was taken
   std::vector<AgentDatagram> datagrams() const;
   std::vector<std::string> frames() const;  // complete incoming frames, reassembled
+  // The documents (payload without its NUL) of the recorded frames tagged `tag`.
+  std::vector<std::string> documents(const std::string& tag) const;
   size_t acks_sent() const { return acks_sent_; }
-  // Waits until `count` datagrams or frames were recorded; false at the time-out.
+  size_t requests() const { return requests_; }  // complete secret-audit requests
+  size_t audits() const { return audits_; }      // complete copy audit records
   bool wait_for_datagrams(size_t count, DWORD timeout_ms) const;
   bool wait_for_frames(size_t count, DWORD timeout_ms) const;
-  // Sends one datagram to the sender of the last complete frame.
-  bool send_to_requester(const std::string& bytes);
+  // Sends a marker datagram to the agent and waits until it was received: every datagram sent
+  // to the agent before the call has been seen by then. False at a 10 s time-out.
+  bool flush();
+  // Sends one datagram to the sender of the last complete frame, or to `port` of 127.0.0.1.
+  bool send_to_requester(const std::string& bytes, uint16_t port = 0);
+  uint16_t requester_port() const;  // 0 before the first complete frame
 
-  // Wire bytes of a frame: tag, NUL, zeros to 32, `length` (default text size + 1), text, NUL.
+  // Wire bytes of a frame made by the library's encoder: tag, NUL, zeros to 32, length (text
+  // size + 1), text, NUL; frame_with_length then writes `length` over the length field and
+  // puts `payload` in place of the text.
   static std::string frame(const std::string& tag, const std::string& text);
   static std::string frame_with_length(const std::string& tag, int32_t length, const std::string& payload);
 
  private:
   void run();
-  void answer(const sockaddr_in& to);
+  void answer(const sockaddr_in& to, const std::string& request);
+  void record(const std::string& bytes, uint16_t port, bool during_reply);
 
   AgentScript script_;
   WSADATA wsa_;
-  SOCKET socket_ = INVALID_SOCKET;
+  OwnedSocket socket_;
   std::atomic<bool> stop_{false};
-  std::atomic<size_t> acks_sent_{0};
+  std::atomic<size_t> acks_sent_{0}, requests_{0}, audits_{0}, flushes_{0};
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   std::vector<AgentDatagram> datagrams_;
