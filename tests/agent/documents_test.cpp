@@ -9,6 +9,7 @@
 #include "agent/secret_audit.h"
 #include "host/caller_context.h"
 #include "kwtest.h"
+#include "protect/audited_files.h"
 
 namespace {
 
@@ -53,8 +54,8 @@ TEST(CopyAuditDocument, FoldersAreExpandedIntoTheirFiles) {
   const std::wstring plain = dir.file(L"plain \u00e9.txt");
   ASSERT_TRUE(kwtest::write_file(plain, "p"));
 
-  const std::string doc = BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", {u8(plain), u8(empty), u8(tree),
-                                                 u8(only_folders)}, 7u);
+  const std::string doc = BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\",
+                                                 list_audited_files({u8(plain), u8(empty), u8(tree), u8(only_folders)}), 7u);
   EXPECT_EQ("<FilesCopy processname=\"p\" operation=\"6\" flags=\"0\" time=\"7\" dstfloder=\"E:\\\" usersid=\"s\">"
             "<File filename=\"" + u8(plain) + "\"/><File filename=\"" + u8(tree) + "\\s\\b.txt\"/></FilesCopy>",
             doc);
@@ -63,7 +64,7 @@ TEST(CopyAuditDocument, FoldersAreExpandedIntoTheirFiles) {
   const std::wstring three = dir.file(L"three");
   CreateDirectoryW(three.c_str(), nullptr);
   for (const wchar_t* name : {L"1.txt", L"2.txt", L"3.txt"}) ASSERT_TRUE(kwtest::write_file(three + L"\\" + name, "x"));
-  const std::string moved = BuildCopyAuditDocument("p", "s", kCopyAuditMove, "E:\\", {u8(three)}, 7u);
+  const std::string moved = BuildCopyAuditDocument("p", "s", kCopyAuditMove, "E:\\", list_audited_files({u8(three)}), 7u);
   size_t files = 0;
   for (size_t at = moved.find("<File "); at != std::string::npos; at = moved.find("<File ", at + 1)) ++files;
   EXPECT_EQ(3u, files);
@@ -71,7 +72,7 @@ TEST(CopyAuditDocument, FoldersAreExpandedIntoTheirFiles) {
 
   // An empty folder alone still gives a record, without children.
   EXPECT_EQ("<FilesCopy processname=\"p\" operation=\"6\" flags=\"0\" time=\"7\" dstfloder=\"E:\\\" usersid=\"s\"/>",
-            BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", {u8(empty)}, 7u));
+            BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", list_audited_files({u8(empty)}), 7u));
 }
 
 TEST(CopyAuditDocument, CallerContextFillsProcessAndUser) {

@@ -13,6 +13,7 @@
 #include "host/caller_context.h"
 #include "host/policy_block.h"
 #include "kwtest.h"
+#include "protect/audited_files.h"
 #include "protect/folder_walk.h"
 
 namespace {
@@ -112,7 +113,7 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
   EXPECT_FALSE(RequestSecretAudit({"C:\\data\\open.txt"}, {"E:\\"}, allowed));
 
   const std::string folder8 = kwtest::narrow(folder);
-  EXPECT_EQ(1, SendCopyAudit(BuildCopyAuditDocument(kCopyAuditCopy, "E:\\backup", {folder8}, 2147483648u)));
+  EXPECT_EQ(1, SendCopyAudit(BuildCopyAuditDocument(kCopyAuditCopy, "E:\\backup", list_audited_files({folder8}), 2147483648u)));
   EXPECT_EQ(0u, agent.stop());
 
   std::string text;

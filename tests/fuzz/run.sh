@@ -35,7 +35,6 @@ for t in "${targets[@]}"; do
   mkdir -p "$build/corpus/$t" "$build/findings"
   rm -f "$build/findings/$t-"*
   log="$build/$t.log"
-  # The documents target asks the file system whether sources are folders: run it somewhere empty.
   (cd "$build/findings" && ASAN_OPTIONS=detect_leaks=1 "$build/$t" "$build/corpus/$t" "$here/corpus/$t" \
      -max_total_time="$seconds" -max_len="$(max_len "$t")" -timeout=20 -rss_limit_mb=2048 \
      -print_final_stats=1 -artifact_prefix="$build/findings/$t-" >"$log" 2>&1) || true

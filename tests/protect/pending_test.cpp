@@ -14,14 +14,6 @@ std::string expected_file(const std::string& plain, const std::string& password)
   return ref::encrypted_file(plain, km.data());
 }
 
-SecretAuditResult verdict(std::vector<std::string> files, std::string password, int32_t action = 1) {
-  SecretAuditResult r;
-  r.secret_files = std::move(files);
-  r.encrypted_pwd = std::move(password);
-  r.action = action;
-  return r;
-}
-
 class PendingTable : public ::testing::Test {
  protected:
   void SetUp() override { clear_pending_encrypted_files(); }
@@ -40,17 +32,16 @@ class PendingTable : public ::testing::Test {
   kwtest::ScratchDir dir;
 };
 
-TEST_F(PendingTable, RegistersOnlyWithActionFilesAndPassword) {
-  register_pending_encrypted_files(verdict({}, "pw"));
-  register_pending_encrypted_files(verdict({"C:\\a.txt"}, ""));
-  register_pending_encrypted_files(verdict({"C:\\a.txt"}, "pw", 0));
+TEST_F(PendingTable, RegistersOnlyWithFilesAndPassword) {
+  register_pending_encrypted_files({}, "pw");
+  register_pending_encrypted_files({"C:\\a.txt"}, "");
   EXPECT_EQ(pending_encrypted_file_count(), 0u);
-  register_pending_encrypted_files(verdict({"C:\\a.txt", "C:\\b.txt", "C:\\a.txt"}, "pw"));
+  register_pending_encrypted_files({"C:\\a.txt", "C:\\b.txt", "C:\\a.txt"}, "pw");
   EXPECT_EQ(pending_encrypted_file_count(), 3u);
 }
 
 TEST_F(PendingTable, AsciiCaseIsIgnoredButNotNonAsciiCase) {
-  register_pending_encrypted_files(verdict({"C:\\Docs\\Secret-\xC3\x84.txt"}, "pw"));  // A umlaut
+  register_pending_encrypted_files({"C:\\Docs\\Secret-\xC3\x84.txt"}, "pw");  // A umlaut
   const std::string plain = "quarterly figures, not for the stick";
   const std::wstring dst = copied(L"copy1.txt", plain);
   TakeAndTransform(L"c:\\DOCS\\secret-\u00e4.txt", dst.c_str());  // a umlaut: another byte sequence
@@ -64,8 +55,8 @@ TEST_F(PendingTable, AsciiCaseIsIgnoredButNotNonAsciiCase) {
 }
 
 TEST_F(PendingTable, EachCopyConsumesOneEntryInInsertionOrder) {
-  register_pending_encrypted_files(verdict({"C:\\s.doc"}, "first"));
-  register_pending_encrypted_files(verdict({"C:\\s.doc"}, "second"));
+  register_pending_encrypted_files({"C:\\s.doc"}, "first");
+  register_pending_encrypted_files({"C:\\s.doc"}, "second");
   const std::string plain = "twice copied";
   const std::wstring a = copied(L"a.doc", plain), b = copied(L"b.doc", plain), c = copied(L"c.doc", plain);
   TakeAndTransform(L"C:\\s.doc", a.c_str());
@@ -80,7 +71,7 @@ TEST_F(PendingTable, EachCopyConsumesOneEntryInInsertionOrder) {
 
 TEST_F(PendingTable, TheKeyIsTheSourceNeverTheDestination) {
   const std::wstring dst = copied(L"d.txt", "data");
-  register_pending_encrypted_files(verdict({kwtest::narrow(dst)}, "pw"));
+  register_pending_encrypted_files({kwtest::narrow(dst)}, "pw");
   TakeAndTransform(L"C:\\other.txt", dst.c_str());
   EXPECT_EQ(contents(dst), "data");
   EXPECT_EQ(pending_encrypted_file_count(), 1u);
@@ -95,7 +86,7 @@ TEST_F(PendingTable, EmptyTableLooksAtNothing) {
 
 TEST_F(PendingTable, OnlyAWholeEncryptedFormReplacesTheFile) {
   // A left-over ".tmp" that cannot be overwritten is no obstacle and stays as it was.
-  register_pending_encrypted_files(verdict({"C:\\stale.txt"}, "pw"));
+  register_pending_encrypted_files({"C:\\stale.txt"}, "pw");
   const std::wstring stale = copied(L"stale.txt", "plain");
   ASSERT_TRUE(kwtest::write_file(stale + L".tmp", "left over"));
   SetFileAttributesW((stale + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);
@@ -106,7 +97,7 @@ TEST_F(PendingTable, OnlyAWholeEncryptedFormReplacesTheFile) {
 
   // Destinations that cannot be read (held open against readers): a copy is deleted, its source
   // still holds the content; a moved file goes back to where it came from.
-  register_pending_encrypted_files(verdict({"C:\\copied.txt", kwtest::narrow(dir.file(L"from.txt"))}, "pw"));
+  register_pending_encrypted_files({"C:\\copied.txt", kwtest::narrow(dir.file(L"from.txt"))}, "pw");
   const std::wstring copy = copied(L"copy.txt", "plain"), moved = copied(L"moved.txt", "only copy");
   for (const std::wstring* held : {&copy, &moved}) {
     HANDLE h = CreateFileW(held->c_str(), GENERIC_WRITE, FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr);
