@@ -1,7 +1,7 @@
 // The shell copy engine's CopyItems, MoveItems and PerformOperations intercepted in this very
-// process by the real DLL, screened by a test agent on the agent port, on real files, as one
-// table of scenarios. Wine's own methods return E_NOTIMPL, which tells a call passed on from one
-// refused with 0xFFFFFFFF.
+// process by the real DLL, screened by a test agent on the agent port, on real files, as tables of
+// scenarios. Wine's own methods return E_NOTIMPL, which tells a call passed on from one refused
+// with 0xFFFFFFFF.
 #include "harness.h"
 
 namespace {
@@ -12,67 +12,69 @@ const std::string kBang57(57, '!');
 const std::string kCall = "[CopyItems_new,1150] : [ZELTRAP:KWINDEL] CopyItems_new g_secretcopy_audit=";
 const std::string kMove = "[MoveItems_new,1325] : [ZELTRAP:KWINDEL] MoveItems_new";
 const std::string kSearch = "[CopyItems_new,1179] : [ZELTRAP:KWINDEL] search {a}";
-const std::string kSecret = "[CopyItems_new,1182] : [ZELTRAP:KWINDEL] secret" + kBang57;
+const std::string kNoPaths = "[get_filepaths_from_comobject,1018] : [ZELTRAP:KWINDEL] SHGetIDListFromObject(iUnknown,&pv);hr=-2147467262, error=*";
+constexpr HRESULT P = kPassedOn, R = kRefused;
 
-enum Reply { kNotSecret, kForbidden, kSecretInPlace, kWrongTag, kZeroLength };
+enum Reply { kNotSecret, kForbidden, kSecretInPlace, kWrongTag, kZeroLength, kUnparsable };
 
-// Sources: a file name in the scratch folder; "tree" (a folder whose only file is
-// tree\deeper\y.txt); "empty" (an empty folder); "usb" (a file on a removable drive); "item" (a.txt
-// as one shell item, the ID-list form); "self" (the operation object: no paths at all); "long" (a
-// path of more than 255 characters). Destination: "dst" or "usb" (the removable drive's root).
-// calls: c CopyItems, m MoveItems, p PerformOperations. trace: the first lines exactly ({a} the
-// first source; "*" any line; a final "" no more lines), each cut at 255 characters as the DLL does.
+// Sources: file names in a fresh scratch folder ("\x0416\x20AC.txt" outside any ANSI code page);
+// "tree" (a folder whose only file is tree\deeper\y.txt), "empty" (an empty folder), "usb" (a file
+// on a removable drive), "item" (a.txt as one shell item: the ID-list form), "self" (the operation
+// object: no paths), "long" (a path of more than 255 characters). Destination "dst", or "usb" (the
+// removable drive's root). calls: c CopyItems, m MoveItems, p PerformOperations. trace: the first
+// lines exactly ({a} the first source, "*" any line or the rest of one, a final "" no more lines),
+// cut at 255 characters as the DLL cuts them. Every request names all sources and the destination;
+// each record lists the sources' files; the sources keep their content unless `encrypted`.
 struct Scenario {
   const char* name;
   DWORD policy;
   int secret_word;  // written over the block's secret-audit word after SetPolicy; -1: left
   Reply reply;
   std::vector<std::wstring> sources;
-  std::wstring destination;
+  const wchar_t* destination;
   const char* calls;
   std::vector<HRESULT> results;
   size_t requests;
-  std::vector<const char*> audits;  // the operation of each record, its files the expanded sources
+  std::vector<const char*> audits;  // each record's operation
   std::vector<std::string> trace;
-  bool source_encrypted = false;    // the source ends in encrypted form (under "pw")
+  bool encrypted = false;           // the sources end encrypted under "pw"
 };
-
-const DWORD kScreen = kCopyAudit | kSecretAudit | kLocal;
 const Scenario kScenarios[] = {
-    {"policy off passes every call on", 0, -1, kNotSecret, {L"a.txt"}, L"dst", "cmp", {kPassedOn, kPassedOn, kPassedOn}, 0, {},
+    {"policy off passes every call on", 0, -1, kNotSecret, {L"a.txt"}, L"dst", "cmp", {P, P, P}, 0, {},
      {kCall + "0", kMove, "[PerformOperations_new,1290] : [ZELTRAP:KWINDEL] PerformOperations_new", ""}},
-    {"an answer naming no file: not secret, copied and audited", kScreen, -1, kNotSecret, {L"a.txt", L"b.txt"}, L"dst", "c",
-     {kPassedOn}, 1, {"6"}, {kCall + "1", kSearch, "[CopyItems_new,1232] : [ZELTRAP:KWINDEL] not secret" + kBang57, ""}},
-    {"a wrong tag refuses both calls unaudited", kScreen, -1, kWrongTag, {L"a.txt"}, L"dst", "cmp", {kRefused, kRefused, kPassedOn}, 2,
-     {}, {kCall + "1", kSearch, kSecret, "g_secret_audit=1,g_encrypt_audit=0, secret file size:0, encrypt file size:0", kMove}},
-    {"a zero-length answer refuses", kScreen, -1, kZeroLength, {L"a.txt"}, L"dst", "cm", {kRefused, kRefused}, 2, {}, {}},
-    {"a forbidden copy is queued; the next perform refuses once", kScreen, -1, kForbidden, {L"a.txt"}, L"dst", "ccpp",
-     {kPassedOn, kPassedOn, kRefused, kPassedOn}, 2, {}, {}},
-    {"a forbidden move is queued as a copy; the next perform refuses", kScreen, -1, kForbidden, {L"a.txt"}, L"dst", "mp",
-     {kPassedOn, kRefused}, 1, {}, {}},
-    {"a secret move transforms its source in place for good", kScreen, -1, kSecretInPlace, {L"moved.doc"}, L"dst", "mp",
-     {kPassedOn, kPassedOn}, 1, {"5"}, {}, true},
-    {"secret-audit word 2 is not 1", kScreen, 2, kNotSecret, {L"a.txt"}, L"dst", "c", {kPassedOn}, 0, {"6"}, {kCall + "2", ""}},
-    {"local destination, mask removable only", kCopyAudit | kSecretAudit | kRemovable, -1, kNotSecret, {L"a.txt"}, L"dst", "c",
-     {kPassedOn}, 0, {"6"}, {}},
-    {"mask 0", kCopyAudit | kSecretAudit, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {kPassedOn}, 0, {"6"}, {}},
-    {"copy audit off still checks", kSecretAudit | kLocal, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {kPassedOn}, 1, {}, {}},
-    {"secret audit off", kCopyAudit | kLocal, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {kPassedOn}, 0, {"6"}, {}},
-    {"a first source on a removable drive is audited, not checked", kScreen | kRemovable, -1, kNotSecret, {L"usb"}, L"dst", "c",
-     {kPassedOn}, 0, {"6"}, {}},
+    {"an answer naming no file: copied and audited", kScreen, -1, kNotSecret, {L"\x0416\x20AC.txt", L"b.txt"}, L"dst", "c", {P}, 1,
+     {"6"}, {kCall + "1", kSearch, "[CopyItems_new,1232] : [ZELTRAP:KWINDEL] not secret" + kBang57, ""}},
+    {"a wrong tag refuses both calls unaudited", kScreen, -1, kWrongTag, {L"a.txt"}, L"dst", "cmp", {R, R, P}, 2, {},
+     {kCall + "1", kSearch, "[CopyItems_new,1182] : [ZELTRAP:KWINDEL] secret" + kBang57,
+      "g_secret_audit=1,g_encrypt_audit=0, secret file size:0, encrypt file size:0", kMove}},
+    {"a zero-length answer refuses", kScreen, -1, kZeroLength, {L"a.txt"}, L"dst", "cm", {R, R}, 2, {}, {}},
+    {"an answer that does not parse refuses", kScreen, -1, kUnparsable, {L"a.txt"}, L"dst", "c", {R}, 1, {}, {}},
+    {"a forbidden copy is queued; the next perform alone refuses", kScreen, -1, kForbidden, {L"a.txt"}, L"dst", "ccpp", {P, P, R, P},
+     2, {}, {}},
+    {"a forbidden move is queued as a copy; the next perform refuses", kScreen, -1, kForbidden, {L"a.txt"}, L"dst", "mp", {P, R}, 1,
+     {}, {}},
+    {"a secret move transforms its source in place for good", kScreen, -1, kSecretInPlace, {L"moved.doc"}, L"dst", "mp", {P, P}, 1,
+     {"5"}, {}, true},
+    {"secret-audit word 2 is not 1", kScreen, 2, kNotSecret, {L"a.txt"}, L"dst", "c", {P}, 0, {"6"}, {kCall + "2", ""}},
+    {"a local destination, mask removable only", kCopyAudit | kSecretAudit | kRemovable, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {P},
+     0, {"6"}, {}},
+    {"mask 0", kCopyAudit | kSecretAudit, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {P}, 0, {"6"}, {}},
+    {"copy audit off still checks", kSecretAudit | kLocal, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {P}, 1, {}, {}},
+    {"secret audit off", kCopyAudit | kLocal, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {P}, 0, {"6"}, {}},
+    {"a first source on a removable drive is audited, not checked", kScreen | kRemovable, -1, kNotSecret, {L"usb"}, L"dst", "c", {P},
+     0, {"6"}, {}},
     {"a removable destination is checked when the mask selects it", kSecretAudit | kRemovable, -1, kNotSecret, {L"a.txt"}, L"usb",
-     "c", {kPassedOn}, 1, {}, {}},
+     "c", {P}, 1, {}, {}},
     {"the record lists the files of folders, not the folders", kCopyAudit, -1, kNotSecret, {L"a.txt", L"tree", L"empty"}, L"dst",
-     "c", {kPassedOn}, 0, {"6"}, {}},
-    {"an empty folder moved still gets its record", kCopyAudit, -1, kNotSecret, {L"empty"}, L"dst", "m", {kPassedOn}, 0, {"5"}, {}},
-    {"an ID-list item is collected through its item array", kCopyAudit, -1, kNotSecret, {L"item"}, L"dst", "c", {kPassedOn}, 0,
-     {"6"}, {kCall + "0", "[get_filepaths_from_comobject,1015] : [ZELTRAP:KWINDEL] iUnknown->QueryInterface(IID_IDataObject, "
-                          "(void **)&data_object); hr=0, error=*"}},
-    {"items without paths are traced and passed on", kScreen, -1, kNotSecret, {L"self"}, L"dst", "cm", {kPassedOn, kPassedOn}, 0, {},
-     {kCall + "1", "*", "[get_filepaths_from_comobject,1018] : [ZELTRAP:KWINDEL] SHGetIDListFromObject(iUnknown,&pv);"
-                        "hr=-2147467262, error=*", "[CopyItems_new,1162] : [ZELTRAP:KWINDEL] get file paths error", kMove, "*", "*", ""}},
-    {"a long first source is cut in the search trace", kSecretAudit | kLocal, -1, kNotSecret, {L"long"}, L"dst", "c", {kPassedOn}, 1,
-     {}, {kCall + "1", kSearch}},
+     "c", {P}, 0, {"6"}, {}},
+    {"an empty folder moved still gets its record", kCopyAudit, -1, kNotSecret, {L"empty"}, L"dst", "m", {P}, 0, {"5"}, {}},
+    {"an ID-list item is collected through its item array", kCopyAudit, -1, kNotSecret, {L"item"}, L"dst", "c", {P}, 0, {"6"},
+     {kCall + "0", "[get_filepaths_from_comobject,1015] : [ZELTRAP:KWINDEL] iUnknown->QueryInterface(IID_IDataObject, "
+                   "(void **)&data_object); hr=0, error=*"}},
+    {"items without paths are traced and passed on", kScreen, -1, kNotSecret, {L"self"}, L"dst", "cm", {P, P}, 0, {},
+     {kCall + "1", "*", kNoPaths, "[CopyItems_new,1162] : [ZELTRAP:KWINDEL] get file paths error", kMove, "*", kNoPaths, ""}},
+    {"a long first source is cut in the search trace", kSecretAudit | kLocal, -1, kNotSecret, {L"long"}, L"dst", "c", {P}, 1, {},
+     {kCall + "1", kSearch}},
 };
 
 class ComPath : public Interception {
@@ -91,84 +93,60 @@ TEST_F(ComPath, Scenarios) {
     SCOPED_TRACE(s.name);
     ScratchDir scratch;
     std::vector<std::wstring> paths, listed;  // the sources, and the files a record lists for them
-    std::vector<std::string> originals;
     for (const std::wstring& name : s.sources) {
-      std::wstring path = scratch.file(name == L"item" ? L"a.txt" : name);
-      if (name == L"usb") path = drive.root() + L"\\usb.txt";
-      if (name == L"long") {
-        CreateDirectoryW(scratch.file(std::wstring(70, L'd')).c_str(), nullptr);
-        path = scratch.file(std::wstring(70, L'd') + L"\\" + std::wstring(100, L'f') + L".txt");
-      }
-      if (name == L"tree" || name == L"empty") {
-        CreateDirectoryW(path.c_str(), nullptr);
-        if (name == L"tree") CreateDirectoryW((path + L"\\deeper").c_str(), nullptr);
-        if (name == L"tree") ASSERT_TRUE(write_file(path + L"\\deeper\\y.txt", "y"));
-        if (name == L"tree") listed.push_back(path + L"\\deeper\\y.txt");
-      } else if (name != L"self") {
-        originals.push_back("content of " + narrow(name));
-        ASSERT_TRUE(write_file(path, originals.back()));
-        listed.push_back(path);
-      }
+      std::wstring path = name == L"usb" ? drive.root() + L"\\usb.txt" : scratch.file(name == L"item" ? L"a.txt" : name);
+      if (name == L"long") CreateDirectoryW(scratch.file(std::wstring(70, L'd')).c_str(), nullptr);
+      if (name == L"long") path = scratch.file(std::wstring(70, L'd') + L"\\" + std::wstring(100, L'f') + L".txt");
+      if (name == L"tree" || name == L"empty") CreateDirectoryW(path.c_str(), nullptr);
+      if (name == L"tree") CreateDirectoryW((path + L"\\deeper").c_str(), nullptr);
+      if (name == L"tree") listed.push_back(path + L"\\deeper\\y.txt");
+      if (name != L"tree" && name != L"empty" && name != L"self") listed.push_back(path);
       paths.push_back(path);
     }
-    const std::wstring dst = s.destination == L"usb" ? drive.root() + L"\\" : scratch.file(L"dst");
+    for (const std::wstring& file : listed) ASSERT_TRUE(write_file(file, "content of " + narrow(file)));
+    const std::wstring dst = wcscmp(s.destination, L"usb") == 0 ? drive.root() + L"\\" : scratch.file(s.destination);
     CreateDirectoryW(dst.c_str(), nullptr);
     std::vector<std::string> secrets;
     for (const std::wstring& p : paths) secrets.push_back(narrow(p));
-    std::string reply = secret_answer(s.reply == kNotSecret ? std::vector<std::string>() : secrets, "pw",
-                                      s.reply == kForbidden ? 0 : 7);
+    if (s.reply == kNotSecret) secrets.clear();
+    std::string reply = s.reply == kZeroLength ? "" : secret_answer(secrets, "pw", s.reply == kForbidden ? 0 : 7);
     if (s.reply == kWrongTag) reply[30] = '_';
-    if (s.reply == kZeroLength) reply.clear();
-    TestAgent agent(AgentScript{true, {reply}, false});
+    if (s.reply == kUnparsable) reply = TestAgent::frame(kResponseTag, "<SecretCheckResult encryptedpwd=\"pw\" action=\"1\">");
+    TestAgent agent(AgentScript{true, {reply}});
     ASSERT_TRUE(agent.ok());
     set_policy(s.policy);
     if (s.secret_word >= 0) block()->secret_audit = static_cast<uint32_t>(s.secret_word);
     TraceCapture trace;
     for (size_t i = 0; s.calls[i] != '\0'; ++i) {
-      HRESULT result = E_FAIL;
       ComRef<IShellItem> item, target;
-      ASSERT_TRUE(shell_item_for(dst, &target));
-      if (s.calls[i] == 'p') {
-        result = op->PerformOperations();
-      } else if (s.sources[0] == L"self" || s.sources[0] == L"item") {
-        IUnknown* items = op.get();
-        if (s.sources[0] == L"item") ASSERT_TRUE(shell_item_for(paths[0], &item));
-        if (s.sources[0] == L"item") items = item.get();
-        result = s.calls[i] == 'c' ? op->CopyItems(items, target.get()) : op->MoveItems(items, target.get());
-      } else {
-        result = queue(op.get(), s.calls[i] == 'm', paths, dst);
-      }
+      ASSERT_TRUE(shell_item_for(dst, &target) && (s.sources[0] != L"item" || shell_item_for(paths[0], &item)));
+      IUnknown* items = s.sources[0] == L"item" ? static_cast<IUnknown*>(item.get()) : op.get();
+      const bool direct = s.sources[0] == L"item" || s.sources[0] == L"self";
+      const HRESULT result = s.calls[i] == 'p' ? op->PerformOperations()
+                             : !direct         ? queue(op.get(), s.calls[i] == 'm', paths, dst)
+                             : s.calls[i] == 'c' ? op->CopyItems(items, target.get()) : op->MoveItems(items, target.get());
       EXPECT_EQ(result, s.results.at(i)) << "call " << i;
     }
     const std::vector<std::string> lines = trace.lines();
     for (size_t i = 0; i < s.trace.size(); ++i) {
       std::string expected = s.trace[i];
-      const size_t at = expected.find("{a}");
-      if (at != std::string::npos) expected.replace(at, 3, narrow(paths[0]));
+      if (expected.find("{a}") != std::string::npos) expected.replace(expected.find("{a}"), 3, narrow(paths[0]));
       expected = expected.substr(0, 255);
-      if (expected.empty()) {
-        EXPECT_EQ(lines.size(), i) << "more trace lines than expected";
-      } else if (i >= lines.size()) {
-        ADD_FAILURE() << "trace line " << i << " missing: " << expected;
-      } else if (expected.back() == '*') {
-        EXPECT_EQ(lines[i].substr(0, expected.size() - 1), expected.substr(0, expected.size() - 1)) << i;
-      } else {
-        EXPECT_EQ(lines[i], expected) << i;
-      }
+      const bool prefix = !expected.empty() && expected.back() == '*';
+      if (expected.empty()) EXPECT_EQ(lines.size(), i) << "more trace lines than expected";
+      else if (i >= lines.size()) ADD_FAILURE() << "trace line " << i << " missing: " << expected;
+      else EXPECT_EQ(prefix ? lines[i].substr(0, expected.size() - 1) + "*" : lines[i], expected) << i;
     }
     ASSERT_TRUE(agent.flush());
-    std::string request = "<CopyFiles processname=\"intercept_com_tests.exe\">";
-    for (const std::wstring& p : paths) request += "<File path=\"" + narrow(p) + "\"/>";
-    request += "<DstFolder path=\"" + narrow(dst) + "\"/></CopyFiles>";
-    EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(s.requests, request));
+    EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(s.requests, request_document(paths, dst)));
     std::vector<std::string> audits, expected_audits;
     for (const std::string& d : agent.documents(kAuditTag)) audits.push_back(without_time(d));
     for (const char* operation : s.audits) expected_audits.push_back(audit_document(operation, dst, listed));
     EXPECT_EQ(audits, expected_audits);
     EXPECT_EQ(agent.frames().size(), s.requests + s.audits.size());
-    for (size_t i = 0; i < originals.size(); ++i) {
-      if (s.source_encrypted) EXPECT_TRUE(decrypts_to(listed[i], "pw", originals[i])) << i;
-      else EXPECT_EQ(content(listed[i]), originals[i]) << i;
+    for (const std::wstring& file : listed) {
+      if (s.encrypted) EXPECT_TRUE(decrypts_to(file, "pw", "content of " + narrow(file))) << narrow(file);
+      else EXPECT_EQ(content(file), "content of " + narrow(file));
     }
     EXPECT_TRUE(parked_records().empty());
     EXPECT_EQ(op->PerformOperations(), kPassedOn);  // nothing left armed
@@ -177,10 +155,10 @@ TEST_F(ComPath, Scenarios) {
   }
 }
 
-// The source swap, row by row: each CopyItems call names its sources secret with a password;
-// while the copies are queued every swapped source holds its encrypted form and exactly one
-// parked original per source is recorded; after PerformOperations every file holds its original
-// again with nothing left parked. A refused call leaves every file as it was.
+// The source swap: each CopyItems call names its sources secret with a password; while the
+// copies are queued every swapped source holds its encrypted form and exactly one parked original
+// per source is recorded; after PerformOperations every file holds its original again with nothing
+// left parked. A refused call leaves every file as it was.
 TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
   enum Hazard { kNone, kStaleTmp, kSourceLocked, kPlaceHeldAtRestore, kRefusedPerform };
   struct Row {
@@ -188,17 +166,16 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
     std::vector<std::wstring> files;       // a leading "%": in the temporary folder itself
     std::vector<std::vector<int>> copies;  // the files (indices) of each CopyItems call
     Hazard hazard;
-    HRESULT result;  // of every CopyItems
   };
   const Row rows[] = {
-      {"one secret source", {L"secret.doc"}, {{0}}, kNone, kPassedOn},
-      {"one name in two folders", {L"x\\same.doc", L"y\\same.doc"}, {{0, 1}}, kNone, kPassedOn},
-      {"one source queued twice", {L"twice.doc"}, {{0}, {0}}, kNone, kPassedOn},
-      {"a source in the temporary folder", {L"%in-temp.doc"}, {{0}}, kNone, kPassedOn},
-      {"left-over .tmp names: read-only file, folder", {L"ro.doc", L"dir.doc"}, {{0, 1}}, kStaleTmp, kPassedOn},
-      {"an unreadable source refuses, undoing the swap before it", {L"ok.doc", L"locked.doc"}, {{0, 1}}, kSourceLocked, kRefused},
-      {"a place held open at the restore waits for the next one", {L"held.doc"}, {{0}}, kPlaceHeldAtRestore, kPassedOn},
-      {"a refused perform after a forbidden move keeps the originals parked", {L"kept.doc"}, {{0}}, kRefusedPerform, kPassedOn},
+      {"one secret source", {L"secret.doc"}, {{0}}, kNone},
+      {"one name in two folders", {L"x\\same.doc", L"y\\same.doc"}, {{0, 1}}, kNone},
+      {"one source queued twice", {L"twice.doc"}, {{0}, {0}}, kNone},
+      {"a source in the temporary folder", {L"%in-temp.doc"}, {{0}}, kNone},
+      {"left-over .tmp names: a read-only file, a folder", {L"ro.doc", L"dir.doc"}, {{0, 1}}, kStaleTmp},
+      {"an unreadable source refuses, undoing the swap before it", {L"ok.doc", L"locked.doc"}, {{0, 1}}, kSourceLocked},
+      {"a place held open at the restore waits for the next one", {L"held.doc"}, {{0}}, kPlaceHeldAtRestore},
+      {"a refused perform after a forbidden move keeps the originals parked", {L"kept.doc"}, {{0}}, kRefusedPerform},
   };
   set_policy(kScreen);
   const std::wstring dst = folder(L"dst");
@@ -218,46 +195,36 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
       SetFileAttributesW((paths[0] + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);
       CreateDirectoryW((paths[1] + L".tmp").c_str(), nullptr);
     }
-    OwnedHandle lock(row.hazard == kSourceLocked ? CreateFileW(paths[1].c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
-                                                 : nullptr);
+    OwnedHandle lock(row.hazard != kSourceLocked ? nullptr : CreateFileW(paths[1].c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     for (const auto& call : row.copies) {
       std::vector<std::wstring> sources;
-      for (int i : call) sources.push_back(paths[i]);
-      TestAgent agent(AgentScript{true, {}, false, [](const std::string& request) { return all_secret_answer(request, "pw"); }});
+      std::vector<std::string> secrets;
+      for (int i : call) sources.push_back(paths[i]), secrets.push_back(narrow(paths[i]));
+      TestAgent agent(AgentScript{true, {secret_answer(secrets, "pw", 1)}});  // the sources' folders differ: named here
       ASSERT_TRUE(agent.ok());
-      EXPECT_EQ(queue(op.get(), false, sources, dst), row.result);
+      EXPECT_EQ(queue(op.get(), false, sources, dst), row.hazard == kSourceLocked ? kRefused : kPassedOn);
     }
     lock.reset();
-    const auto parked = parked_records();
-    if (row.result == kRefused) {
-      for (size_t i = 0; i < paths.size(); ++i) EXPECT_EQ(content(paths[i]), originals[i]) << i;
-      EXPECT_TRUE(parked.empty());
-      continue;
-    }
-    ASSERT_EQ(parked.size(), paths.size());
-    for (size_t i = 0; i < paths.size(); ++i) {
+    EXPECT_EQ(parked_records().size(), row.hazard == kSourceLocked ? 0 : paths.size());
+    for (size_t i = 0; i < paths.size() && row.hazard != kSourceLocked; ++i) {
       EXPECT_TRUE(decrypts_to(paths[i], "pw", originals[i])) << i;
       EXPECT_EQ(parked_original_of(paths[i]), originals[i]) << i;
     }
     if (row.hazard == kPlaceHeldAtRestore || row.hazard == kRefusedPerform) {
-      OwnedHandle held(row.hazard == kRefusedPerform ? nullptr
-                           : CreateFileW(paths[0].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-      TestAgent agent(AgentScript{true, {secret_answer({narrow(paths[0])}, "pw", 0)}, false});
+      const bool refused = row.hazard == kRefusedPerform;
+      OwnedHandle held(refused ? nullptr : CreateFileW(paths[0].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+      TestAgent agent(AgentScript{true, {secret_answer({narrow(paths[0])}, "pw", 0)}});
       ASSERT_TRUE(agent.ok());
-      if (row.hazard == kRefusedPerform) EXPECT_EQ(queue(op.get(), true, {paths[0]}, dst), kPassedOn);
-      EXPECT_EQ(op->PerformOperations(), row.hazard == kRefusedPerform ? kRefused : kPassedOn);
+      if (refused) EXPECT_EQ(queue(op.get(), true, {paths[0]}, dst), kPassedOn);
+      EXPECT_EQ(op->PerformOperations(), refused ? kRefused : kPassedOn);
       EXPECT_TRUE(decrypts_to(paths[0], "pw", originals[0]));
       EXPECT_EQ(parked_records().size(), 1u);
     }
     EXPECT_EQ(op->PerformOperations(), kPassedOn);  // restored although the real method failed
     for (size_t i = 0; i < paths.size(); ++i) EXPECT_EQ(content(paths[i]), originals[i]) << i;
     EXPECT_TRUE(parked_records().empty());
-    if (row.hazard == kStaleTmp) {
-      EXPECT_EQ(content(paths[0] + L".tmp"), "stale");
-      SetFileAttributesW((paths[0] + L".tmp").c_str(), FILE_ATTRIBUTE_NORMAL);
-      RemoveDirectoryW((paths[1] + L".tmp").c_str());
-    }
-    for (const std::wstring& p : paths) DeleteFileW(p.c_str());
+    if (row.hazard == kStaleTmp) EXPECT_EQ(content(paths[0] + L".tmp"), "stale");
+    for (const std::wstring& p : paths) remove_tree(p), remove_tree(p + L".tmp");
   }
 }
 
@@ -265,7 +232,7 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
 // without PerformOperations, puts its swapped source back as it detaches.
 TEST_F(ComPath, AProcessInjectedThroughTheGlobalHookIsScreenedTheSameWay) {
   const std::wstring a = make(L"a.txt", "alpha"), dst = folder(L"dst");
-  TestAgent agent(AgentScript{true, {secret_answer({narrow(a)}, "pw", 1)}, false});
+  TestAgent agent(AgentScript{true, {secret_answer({narrow(a)}, "pw", 1)}});
   ASSERT_TRUE(agent.ok());
   set_policy(kScreen);  // seen by the other process through the shared block
   auto install_hook_proc = fn<KwInstallHookProcFn>(dll(), "InstallHookProc");
@@ -274,11 +241,10 @@ TEST_F(ComPath, AProcessInjectedThroughTheGlobalHookIsScreenedTheSameWay) {
   install_hook_proc(FALSE);
   EXPECT_EQ(r.output, "loaded 80004001\n");  // screened, then passed on to Wine's method
   ASSERT_TRUE(agent.flush());
-  EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>{"<CopyFiles processname=\"kwtest-child.exe\"><File path=\"" +
-                                                                    narrow(a) + "\"/><DstFolder path=\"" + narrow(dst) + "\"/></CopyFiles>"});
+  EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>{request_document({a}, dst, "kwtest-child.exe")});
   const auto audits = agent.documents(kAuditTag);
   ASSERT_EQ(audits.size(), 1u);
-  EXPECT_EQ(without_time(audits[0]).find("<FilesCopy processname=\"kwtest-child.exe\" operation=\"6\""), 0u);
+  EXPECT_EQ(audits[0].find("<FilesCopy processname=\"kwtest-child.exe\" operation=\"6\""), 0u);
   EXPECT_EQ(content(a), "alpha");
   EXPECT_TRUE(parked_records().empty());
 }

@@ -4,8 +4,6 @@
 // fact by the later flat copies and moves that reach them.
 #include "harness.h"
 
-#include <shellapi.h>
-
 namespace {
 
 using namespace kwtest;
@@ -16,17 +14,14 @@ class FlatPath : public Interception {
  protected:
   void SetUp() override {
     Interception::SetUp();
-    ASSERT_EQ(LOBYTE(LOWORD(GetVersion())), 5) << "these tests need the winxp64 prefix";
-    const std::wstring tree = folder(L"tree");
-    folder(L"tree\\sub");
-    folder(L"tree\\sub\\deeper");
+    ASSERT_TRUE(kFlat) << "these tests need the winxp64 prefix";
+    for (const wchar_t* name : {L"tree", L"tree\\sub", L"tree\\sub\\deeper", L"dst"}) folder(name);
     for (const wchar_t* name : {L"s.bin", L"a.txt", L"b.txt", L"tree\\a.txt", L"tree\\sub\\deeper\\secret.txt"}) make(name, original(name));
-    folder(L"dst");
   }
   static std::string original(const std::wstring& name) {  // more than one 64 KiB chunk for s.bin
     return name == L"s.bin" ? std::string(70000, 'x') : "content of " + narrow(name);
   }
-  // A file that holds `name`'s original content, plainly or encrypted under "pw", or is missing.
+  // `path` holds the original of `name` plainly or encrypted under "pw", or is missing.
   void expect(const std::wstring& path, const std::wstring& name, Outcome outcome) {
     if (outcome == kMissing) EXPECT_FALSE(file_exists(path)) << narrow(path);
     if (outcome == kPlain) EXPECT_EQ(content(path), original(name)) << narrow(path);
@@ -34,38 +29,37 @@ class FlatPath : public Interception {
   }
 };
 
+// Paths are names in the scratch folder; "usb" is a file on a removable drive, "network" the \\?\
+// form of a.txt (two leading backslashes: a network path). Every request names the source and
+// the destination; each record carries the operation and lists `listed`.
 TEST_F(FlatPath, ShellOperations) {
-  enum Reply { kNames, kWrongTag, kForbidden };
+  enum Reply { kNames, kWrongTag, kForbidden };  // kNames: the `secret` files, action 1, password "pw"
   struct Row {
     const char* name;
     DWORD policy;
-    Reply reply;                          // kNames: the `secret` files, action 1, password "pw"
+    Reply reply;
     std::vector<std::wstring> secret;
     UINT function;
-    std::wstring source, to;              // names in the scratch folder ("usb": on a removable drive;
-    int result;                           // "network": the \\?\ form of a.txt, a network path)
+    std::wstring source, to;
+    int result;
     size_t requests, audits;
-    std::vector<std::pair<std::wstring, Outcome>> after;  // (path in the scratch folder, original of)
-    std::vector<std::wstring> listed;     // the files the record lists
+    std::vector<std::pair<std::wstring, Outcome>> after;  // (file, outcome): the original of the name after "dst\"
+    std::vector<std::wstring> listed;
   };
-  const DWORD kScreen = kCopyAudit | kSecretAudit | kLocal;
   const Row rows[] = {
       {"a secret file's copy arrives encrypted, the source untouched", kScreen, kNames, {L"s.bin"}, FO_COPY, L"s.bin", L"dst", 0, 1, 1,
        {{L"dst\\s.bin", kEncrypted}, {L"dst\\s.bin.tmp", kMissing}, {L"s.bin", kPlain}}, {L"s.bin"}},
-      {"a folder copy encrypts only the secret file deep inside, one request", kScreen, kNames, {L"tree\\sub\\deeper\\secret.txt"},
-       FO_COPY, L"tree", L"dst", 0, 1, 1,
-       {{L"dst\\tree\\a.txt", kPlain}, {L"dst\\tree\\sub\\deeper\\secret.txt", kEncrypted}},
+      {"a folder copy encrypts only the secret file deep inside, asking once", kScreen, kNames, {L"tree\\sub\\deeper\\secret.txt"},
+       FO_COPY, L"tree", L"dst", 0, 1, 1, {{L"dst\\tree\\a.txt", kPlain}, {L"dst\\tree\\sub\\deeper\\secret.txt", kEncrypted}},
        {L"tree\\a.txt", L"tree\\sub\\deeper\\secret.txt"}},
       {"a wrong tag refuses a copy with -1", kScreen, kWrongTag, {}, FO_COPY, L"a.txt", L"dst", -1, 1, 0,
        {{L"dst\\a.txt", kMissing}, {L"a.txt", kPlain}}, {}},
-      {"a wrong tag refuses a move", kScreen, kWrongTag, {}, FO_MOVE, L"a.txt", L"dst", -1, 1, 0,
-       {{L"dst\\a.txt", kMissing}, {L"a.txt", kPlain}}, {}},
-      {"a forbidding answer refuses a copy", kScreen, kForbidden, {L"a.txt"}, FO_COPY, L"a.txt", L"dst", -1, 1, 0,
-       {{L"dst\\a.txt", kMissing}}, {}},
+      {"a wrong tag refuses a move", kScreen, kWrongTag, {}, FO_MOVE, L"a.txt", L"dst", -1, 1, 0, {{L"dst\\a.txt", kMissing}, {L"a.txt", kPlain}}, {}},
+      {"a forbidding answer refuses a copy", kScreen, kForbidden, {L"a.txt"}, FO_COPY, L"a.txt", L"dst", -1, 1, 0, {{L"dst\\a.txt", kMissing}}, {}},
       {"a forbidding answer refuses a move", kScreen, kForbidden, {L"a.txt"}, FO_MOVE, L"a.txt", L"dst", -1, 1, 0,
        {{L"dst\\a.txt", kMissing}, {L"a.txt", kPlain}}, {}},
-      {"a rename passes straight through", KWINDEL_POLICY_ALL, kNames, {}, FO_RENAME, L"a.txt", L"renamed.txt", 0, 0, 0,
-       {{L"renamed.txt", kPlain}, {L"a.txt", kMissing}}, {}},
+      {"a rename passes straight through", KWINDEL_POLICY_ALL, kNames, {}, FO_RENAME, L"a.txt", L"dst\\a.txt", 0, 0, 0,
+       {{L"dst\\a.txt", kPlain}, {L"a.txt", kMissing}}, {}},
       {"a delete passes straight through", KWINDEL_POLICY_ALL, kNames, {}, FO_DELETE, L"b.txt", L"", 0, 0, 0, {{L"b.txt", kMissing}}, {}},
       {"policy 0 lets a copy through unasked", 0, kNames, {L"a.txt"}, FO_COPY, L"a.txt", L"dst", 0, 0, 0, {{L"dst\\a.txt", kPlain}}, {}},
       {"a copy from a removable drive is audited, never checked", kScreen, kNames, {}, FO_COPY, L"usb", L"dst", 0, 0, 1, {}, {L"usb"}},
@@ -73,10 +67,9 @@ TEST_F(FlatPath, ShellOperations) {
   };
   RemovableDrive drive;
   ASSERT_TRUE(drive.ok());
-  const std::wstring usb = drive.root() + L"\\usb.txt";
-  ASSERT_TRUE(write_file(usb, "from the stick"));
+  ASSERT_TRUE(write_file(drive.root() + L"\\usb.txt", "from the stick"));
   auto path = [&](const std::wstring& name) {
-    return name == L"usb" ? usb : name == L"network" ? L"\\\\?\\" + dir.file(L"a.txt") : name.empty() ? name : dir.file(name);
+    return name == L"usb" ? drive.root() + L"\\usb.txt" : name == L"network" ? L"\\\\?\\" + dir.file(L"a.txt") : name.empty() ? name : dir.file(name);
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -84,7 +77,7 @@ TEST_F(FlatPath, ShellOperations) {
     for (const std::wstring& s : row.secret) secret.push_back(narrow(dir.file(s)));
     std::string reply = secret_answer(secret, "pw", row.reply == kForbidden ? 0 : 1);
     if (row.reply == kWrongTag) reply[30] = '_';
-    TestAgent agent(AgentScript{true, {reply}, false});
+    TestAgent agent(AgentScript{true, {reply}});
     ASSERT_TRUE(agent.ok());
     set_policy(row.policy);
     TraceCapture trace;
@@ -93,12 +86,10 @@ TEST_F(FlatPath, ShellOperations) {
     EXPECT_EQ(trace.lines().at(0), "[Hook_SHFileOperationW,826] : SHFileOperationW");
     set_policy(0);
     ASSERT_TRUE(agent.flush());
-    const std::string request = "<CopyFiles processname=\"intercept_flat_tests.exe\"><File path=\"" + narrow(path(row.source)) +
-                                "\"/><DstFolder path=\"" + narrow(path(row.to)) + "\"/></CopyFiles>";
-    EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(row.requests, request));
+    EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(row.requests, request_document({path(row.source)}, path(row.to))));
     const auto audits = agent.documents(kAuditTag);
     ASSERT_EQ(audits.size(), row.audits);
-    for (const std::string& audit : audits) {
+    for (const std::string& audit : audits) {  // the folder walk's order is the file system's
       const std::string header = audit_document(row.function == FO_MOVE ? "5" : "6", path(row.to), {});
       EXPECT_EQ(without_time(audit).substr(0, header.size() - 2), header.substr(0, header.size() - 2)) << audit;
       size_t files = 0;
@@ -106,9 +97,7 @@ TEST_F(FlatPath, ShellOperations) {
       EXPECT_EQ(files, row.listed.size()) << audit;
       for (const std::wstring& f : row.listed) EXPECT_NE(audit.find("<File filename=\"" + narrow(path(f)) + "\"/>"), std::string::npos) << audit;
     }
-    for (const auto& [name, outcome] : row.after) {
-      expect(dir.file(name), name == L"renamed.txt" ? L"a.txt" : name.substr(name.find(L'\\') + 1), outcome);
-    }
+    for (const auto& [name, outcome] : row.after) expect(dir.file(name), name.substr(name.rfind(L"dst\\", 0) == 0 ? 4 : 0), outcome);
     remove_tree(dir.file(L"dst"));
     folder(L"dst");
     make(L"a.txt", original(L"a.txt"));
@@ -116,9 +105,10 @@ TEST_F(FlatPath, ShellOperations) {
 }
 
 // Each row registers s.bin `registrations` times through a screened shell copy of another file
-// whose answer names it, then makes flat calls on s.bin: c CopyFileW, x CopyFileExW of the source's
-// upper-case form, m MoveFileWithProgressW, f MoveFileWithProgressW of a missing file, each to a
-// new name in dst, with the expected outcome (E encrypted, P plain, - the call fails). `held`: the
+// whose answer names it, then makes flat calls on s.bin, each to a new name in dst: c CopyFileW,
+// x CopyFileExW of the source's upper-case form, m MoveFileWithProgressW, f MoveFileWithProgressW
+// of a missing file; each with its outcome: E encrypted, P plain, + succeeds (the target held
+// open cannot be replaced by its encrypted form), - the call fails. `held`: the
 // first call's target exists ("old") and is held open, with or without sharing.
 TEST_F(FlatPath, RegisteredSecretsAreEncryptedByLaterCopies) {
   enum Held { kNotHeld, kHeldShared, kHeldExclusive };
@@ -127,45 +117,43 @@ TEST_F(FlatPath, RegisteredSecretsAreEncryptedByLaterCopies) {
       {"one registration encrypts one copy", 1, kNotHeld, "cE cP"},
       {"two registrations encrypt two copies, in any ASCII case", 2, kNotHeld, "cE xE cP"},
       {"a moved registered file is encrypted in its new place", 1, kNotHeld, "f- mE"},
-      {"a target held open with sharing still consumes the registration", 1, kHeldShared, "cE cP"},
+      {"a target held open with sharing still consumes the registration", 1, kHeldShared, "c+ cP"},
       {"a copy failing on a target held without sharing keeps it", 1, kHeldExclusive, "c- cE cP"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     const std::wstring s = make(L"s.bin", original(L"s.bin")), dst = dir.file(L"dst");
     {
-      TestAgent agent(AgentScript{true, {secret_answer(std::vector<std::string>(row.registrations, narrow(s)), "pw", 1)}, false});
+      TestAgent agent(AgentScript{true, {secret_answer(std::vector<std::string>(row.registrations, narrow(s)), "pw", 1)}});
       ASSERT_TRUE(agent.ok());
       set_policy(kSecretAudit | kLocal);
       ASSERT_EQ(shell_operation(FO_COPY, {dir.file(L"b.txt")}, dst), 0);
       set_policy(0);
       EXPECT_EQ(content(dst + L"\\b.txt"), original(L"b.txt"));
     }
-    const std::wstring first = dst + L"\\0.bin";
     OwnedHandle holder;
     if (row.held != kNotHeld) {
-      ASSERT_TRUE(write_file(first, "old"));
-      holder.reset(CreateFileW(first.c_str(), GENERIC_READ, row.held == kHeldShared ? FILE_SHARE_READ | FILE_SHARE_WRITE : 0,
+      ASSERT_TRUE(write_file(dst + L"\\0.bin", "old"));
+      holder.reset(CreateFileW((dst + L"\\0.bin").c_str(), GENERIC_READ, row.held == kHeldShared ? FILE_SHARE_READ | FILE_SHARE_WRITE : 0,
                                nullptr, OPEN_EXISTING, 0, nullptr));
       ASSERT_TRUE(holder.ok());
     }
+    std::wstring upper = s;
+    for (auto& c : upper) c = static_cast<wchar_t>(towupper(c));
     TraceCapture trace;
     size_t moves = 0;
     for (size_t i = 0; 3 * i < strlen(row.calls); ++i) {
       const char call = row.calls[3 * i], outcome = row.calls[3 * i + 1];
-      const std::wstring target = dst + L"\\" + std::to_wstring(i) + L".bin";
-      std::wstring upper = s;
-      for (auto& c : upper) c = static_cast<wchar_t>(towupper(c));
-      BOOL ok = FALSE;
-      if (call == 'c') ok = CopyFileW(s.c_str(), target.c_str(), FALSE);
-      if (call == 'x') ok = CopyFileExW(upper.c_str(), target.c_str(), nullptr, nullptr, nullptr, 0);
-      if (call == 'm' || call == 'f') ok = MoveFileWithProgressW(call == 'f' ? dir.file(L"missing").c_str() : s.c_str(), target.c_str(), nullptr, nullptr, 0);
+      const std::wstring target = dst + L"\\" + std::to_wstring(i) + L".bin", missing = dir.file(L"missing");
       moves += call == 'm' || call == 'f' ? 1 : 0;
+      const BOOL ok = call == 'c' ? CopyFileW(s.c_str(), target.c_str(), FALSE)
+                    : call == 'x' ? CopyFileExW(upper.c_str(), target.c_str(), nullptr, nullptr, nullptr, 0)
+                                  : MoveFileWithProgressW((call == 'f' ? missing : s).c_str(), target.c_str(), nullptr, nullptr, 0);
       holder.reset();
       EXPECT_EQ(ok != FALSE, outcome != '-') << "call " << i;
-      if (outcome != '-') expect(target, L"s.bin", outcome == 'E' ? kEncrypted : kPlain);
+      if (outcome == 'E' || outcome == 'P') expect(target, L"s.bin", outcome == 'E' ? kEncrypted : kPlain);
       if (outcome == '-' && row.held != kNotHeld) EXPECT_EQ(content(target), "old");
-      EXPECT_FALSE(file_exists(target + L".tmp"));
+      EXPECT_TRUE(outcome == '+' || !file_exists(target + L".tmp"));
     }
     EXPECT_EQ(trace.lines(), std::vector<std::string>(moves, "[Hook_MoveFileWithProgressW,963] : MoveFileWithProgressW"));
     remove_tree(dst);

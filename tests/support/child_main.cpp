@@ -2,20 +2,22 @@
 //   pump MS            pump messages for up to MS ms; print "loaded" and exit 0 as soon as
 //                      kwindel-x64.dll is in this process, else "not loaded" and exit 1
 //   policy             load kwindel-x64.dll and print its shared policy block
-//   agent MS ...       run the test agent for MS milliseconds (test_agent.h)
+//   teardown           load kwindel-x64.dll and end, printing every debug line of the process
+//                      (those of the DLL's tear-down at the end included)
 //   copy SRC DST       wait (10 s) for the global hook to bring the DLL in, queue a copy through
 //                      the shell copy engine, print "loaded HRESULT"
 //   swap-and-wait MARKER DST SRC...  load the DLL, queue a copy of the sources (an agent that
 //                      names them secret has them swapped), write MARKER, wait to be killed
 //   midcall free|hook SRC DST  a copy waits in the agent exchange while the DLL's last reference
 //                      goes (see midcall below)
-#include "test_agent.h"
+#include "kwtest.h"
 
 #include <fcntl.h>
 #include <io.h>
 #include <shellapi.h>
 
 #include <cstdio>
+#include <thread>
 
 namespace {
 
@@ -135,7 +137,19 @@ int wmain(int argc, wchar_t** argv) {
                 block->audit_dest_mask, block->encrypt_audit);
     return 0;
   }
-  if (mode == L"agent" && argc > 2) return test_agent_main(argc - 2, argv + 2);
+  if (mode == L"teardown") {
+    AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* info) -> LONG {
+      const EXCEPTION_RECORD* rec = info->ExceptionRecord;
+      DWORD wrote = 0;
+      if (rec->ExceptionCode == 0x40010006 && rec->NumberParameters >= 2) {  // DBG_PRINTEXCEPTION_C: one debug line
+        WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), reinterpret_cast<const char*>(rec->ExceptionInformation[1]),
+                  static_cast<DWORD>(strnlen(reinterpret_cast<const char*>(rec->ExceptionInformation[1]), rec->ExceptionInformation[0])), &wrote, nullptr);
+        WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), "\n", 1, &wrote, nullptr);
+      }
+      return EXCEPTION_CONTINUE_SEARCH;
+    });
+    return LoadLibraryW(dll_path().c_str()) != nullptr ? 0 : 2;
+  }
   if (mode == L"midcall" && argc == 5) return midcall(argv[2], argv[3], argv[4]);
   if ((mode == L"copy" && argc == 4) || (mode == L"swap-and-wait" && argc > 4)) {
     const bool swap = mode != L"copy";
@@ -157,7 +171,7 @@ int wmain(int argc, wchar_t** argv) {
     std::printf("loaded %08lx\n", static_cast<unsigned long>(hr));
     return 0;
   }
-  std::fprintf(stderr, "usage: kwtest-child pump MS | policy | agent MS ... | copy SRC DST | "
-                       "swap-and-wait MARKER DST SRC... | midcall free|hook SRC DST\n");
+  std::fprintf(stderr, "usage: kwtest-child pump MS | policy | teardown | copy SRC DST | swap-and-wait MARKER DST SRC... | "
+                       "midcall free|hook SRC DST\n");
   return 100;
 }
