@@ -260,33 +260,4 @@ TEST(SecretRequest, SilentAgentKeepsTheRequestWaitingUntilItAnswers) {
   EXPECT_EQ(std::vector<std::string>{"C:\\a.txt"}, r.secret_files);
 }
 
-// The test agent as its own process: answers with an empty frame, and records the request.
-TEST(SecretRequest, AgentInAnotherProcess) {
-  const std::string empty = kwtest::TestAgent::frame_with_length(kResponseTag, 2, std::string(2, '\0'));
-  const std::wstring ready_name = L"kwtest-agent-ready-" + std::to_wstring(GetCurrentProcessId());
-  HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, ready_name.c_str());
-  ASSERT_NE(nullptr, ready);
-  kwtest::ChildResult child;
-  std::thread runner([&] {
-    child = kwtest::run_child(kwtest::child_path(),
-                              L"agent 2000 --ready " + ready_name + L" --reply " + kwtest::widen(kwtest::to_hex(empty)),
-                              20000);
-  });
-  const bool bound = WaitForSingleObject(ready, 15000) == WAIT_OBJECT_0;
-  SecretAuditOn on;
-  SecretAuditResult r;
-  // Only ask once the child listens: the request has no time-out.
-  const bool verdict = bound ? RequestSecretAudit({"C:\\p.txt"}, {"E:\\"}, r) : true;
-  runner.join();
-  CloseHandle(ready);
-  ASSERT_TRUE(bound);
-  ASSERT_TRUE(child.finished);
-  EXPECT_EQ(0u, child.exit_code);
-  EXPECT_FALSE(verdict);  // an empty answer lets the copy go on
-  const std::string request = kwtest::TestAgent::frame(
-      "<FILECOPY_SECRETAUDIT_REQUEST>", "<CopyFiles processname=\"" + get_process_name() +
-                                            "\"><File path=\"C:\\p.txt\"/><DstFolder path=\"E:\\\"/></CopyFiles>");
-  EXPECT_NE(std::string::npos, child.output.find(" " + kwtest::to_hex(request) + "\n")) << child.output;
-}
-
 }  // namespace
