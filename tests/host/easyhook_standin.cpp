@@ -8,45 +8,22 @@
 namespace {
 std::string g_log;
 LONG g_install_result = 0;
-
-void record(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void record(const char* format, ...) {
-  char line[256];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(line, sizeof line, format, args);
-  va_end(args);
-  g_log += line;
-  g_log += '\n';
-}
+LONG record(const char* line) { return g_log += line, g_log += '\n', 0; }
 }  // namespace
 
 extern "C" {
-
 __declspec(dllexport) LONG WINAPI LhInstallHook(void* entry, void* proc, void* callback, void* handle) {
-  record("LhInstallHook %p %p %p %p", entry, proc, callback, handle);
-  return g_install_result;
+  char line[128];
+  std::snprintf(line, sizeof line, "LhInstallHook %p %p %p %p", entry, proc, callback, handle);
+  return record(line), g_install_result;
 }
-
 __declspec(dllexport) LONG WINAPI LhSetExclusiveACL(ULONG* ids, ULONG count, void* handle) {
-  record("LhSetExclusiveACL %lx %lu %p", count > 0 && ids != nullptr ? ids[0] : 0ul, count, handle);
-  return 0;
+  char line[128];
+  std::snprintf(line, sizeof line, "LhSetExclusiveACL %lx %lu %p", count > 0 && ids != nullptr ? ids[0] : 0ul, count, handle);
+  return record(line);
 }
-
-__declspec(dllexport) LONG WINAPI LhUninstallAllHooks() {
-  record("LhUninstallAllHooks");
-  return 0;
-}
-
-__declspec(dllexport) LONG WINAPI LhWaitForPendingRemovals() {
-  record("LhWaitForPendingRemovals");
-  return 0;
-}
-
+__declspec(dllexport) LONG WINAPI LhUninstallAllHooks() { return record("LhUninstallAllHooks"); }
+__declspec(dllexport) LONG WINAPI LhWaitForPendingRemovals() { return record("LhWaitForPendingRemovals"); }
 __declspec(dllexport) const char* StandinLog() { return g_log.c_str(); }
-__declspec(dllexport) void StandinReset(LONG install_result) {
-  g_log.clear();
-  g_install_result = install_result;
-}
-
+__declspec(dllexport) void StandinReset(LONG install_result) { g_log.clear(), g_install_result = install_result; }
 }  // extern "C"
