@@ -4,8 +4,10 @@
 
 #include <cstring>
 
+#include "hookengine/code_emitter.h"
 #include "hookengine/code_memory.h"
 #include "hookengine/relocator.h"
+#include "hookengine/thread_barrier.h"
 #include "hookengine/thread_freeze.h"
 
 namespace hookengine {
@@ -18,8 +20,6 @@ constexpr size_t kRelaySpace = 128;
 constexpr size_t kChunkSize = kRelaySpace + kMaxTrampolineLength;
 constexpr size_t kMaxRead = 64;
 constexpr size_t kMaxAcl = 128;        // as EasyHook's MAX_ACE_COUNT
-constexpr uint32_t kMaxBarrierHooks = 64;
-constexpr uint32_t kMaxDepth = 32;     // nested barrier entries per thread
 
 }  // namespace
 
@@ -56,51 +56,15 @@ struct EngineLock {
 HookRecord* g_records = nullptr;  // never freed: relays and trampolines may still be running
 volatile HookStatus g_last_status = HookStatus::kOk;
 
-// ---- per-thread barrier state ----
-struct BarrierFrame {
-  uint64_t return_address;
-  uint32_t index;
-};
-struct ThreadBarrier {
-  uint64_t inside;  // bit n: the thread is inside the replacement of barrier hook n
-  uint32_t depth;
-  BarrierFrame frames[kMaxDepth];
-};
-void* const kAllocating = reinterpret_cast<void*>(1);
-
-DWORD g_fls = FLS_OUT_OF_INDEXES;
 uint32_t g_barrier_count = 0;
-uint8_t* g_leave_stub = nullptr;
-uint8_t* g_fls_callback = nullptr;
-
-class Emitter {
- public:
-  explicit Emitter(uint8_t* at) : base_(at), p_(at) {}
-  Emitter& bytes(std::initializer_list<uint8_t> list) {
-    for (uint8_t b : list) *p_++ = b;
-    return *this;
-  }
-  Emitter& u32(uint32_t v) { std::memcpy(p_, &v, 4); p_ += 4; return *this; }
-  Emitter& u64(uint64_t v) { std::memcpy(p_, &v, 8); p_ += 8; return *this; }
-  // disp32 of a [rip+disp32] operand ending the current instruction, aimed at `data`
-  Emitter& rip_to(const uint8_t* data) {
-    return u32(static_cast<uint32_t>(static_cast<int32_t>(data - (p_ + 4))));
-  }
-  uint8_t* here() const { return p_; }
-  size_t size() const { return static_cast<size_t>(p_ - base_); }
- private:
-  uint8_t* base_;
-  uint8_t* p_;
-};
 
 extern "C" uint64_t kwindel_barrier_enter(HookRecord* record, uint64_t* return_slot);
-extern "C" uint64_t kwindel_barrier_leave();
 
 // A relay that jumps straight to the replacement: jmp [rip+2]; int3 x2; dq replacement. The
 // address sits 8-aligned (the relay is 16-aligned), so a later re-hook with another replacement
 // changes it in one store while a thread may be passing through.
 void emit_plain_relay(uint8_t* relay, void* replacement) {
-  Emitter(relay).bytes({0xFF, 0x25, 2, 0, 0, 0, 0xCC, 0xCC});
+  CodeEmitter(relay, 8).bytes({0xFF, 0x25, 2, 0, 0, 0, 0xCC, 0xCC});
   InterlockedExchangePointer(reinterpret_cast<void* volatile*>(relay + 8), replacement);
 }
 
@@ -111,8 +75,8 @@ void emit_barrier_relay(uint8_t* relay, HookRecord* record) {
   std::memcpy(data, &record, 8);
   const uint64_t enter = reinterpret_cast<uint64_t>(&kwindel_barrier_enter);
   std::memcpy(data + 8, &enter, 8);
-  Emitter e(relay);
-  e.bytes({0x51, 0x52, 0x41, 0x50, 0x41, 0x51})               // push rcx, rdx, r8, r9
+  CodeEmitter(relay, 96)
+      .bytes({0x51, 0x52, 0x41, 0x50, 0x41, 0x51})             // push rcx, rdx, r8, r9
       .bytes({0x48, 0x83, 0xEC, 0x68})                         // sub rsp, 0x68 (aligned again)
       .bytes({0xF3, 0x0F, 0x7F, 0x44, 0x24, 0x20})             // movdqu [rsp+0x20], xmm0
       .bytes({0xF3, 0x0F, 0x7F, 0x4C, 0x24, 0x30})             // movdqu [rsp+0x30], xmm1
@@ -130,67 +94,6 @@ void emit_barrier_relay(uint8_t* relay, HookRecord* record) {
       .bytes({0xFF, 0xE0});                                    // jmp rax
 }
 
-// Where a replacement entered through a barrier relay returns to: it asks
-// kwindel_barrier_leave for the caller's real return address, keeping rax and xmm0.
-uint8_t* make_leave_stub() {
-  uint8_t* stub = allocate_code_anywhere(64);
-  if (stub == nullptr) return nullptr;
-  CodeWriteScope write(stub, 64);
-  if (!write.writable()) return nullptr;
-  uint8_t* data = stub + 48;
-  const uint64_t leave = reinterpret_cast<uint64_t>(&kwindel_barrier_leave);
-  std::memcpy(data, &leave, 8);
-  Emitter(stub)
-      .bytes({0x50, 0x50})                                     // push rax (slot), push rax
-      .bytes({0x48, 0x83, 0xEC, 0x30})                         // sub rsp, 0x30
-      .bytes({0xF3, 0x0F, 0x7F, 0x44, 0x24, 0x20})             // movdqu [rsp+0x20], xmm0
-      .bytes({0xFF, 0x15}).rip_to(data)                        // call [leave]
-      .bytes({0x48, 0x89, 0x44, 0x24, 0x38})                   // mov [rsp+0x38], rax
-      .bytes({0xF3, 0x0F, 0x6F, 0x44, 0x24, 0x20})             // movdqu xmm0, [rsp+0x20]
-      .bytes({0x48, 0x83, 0xC4, 0x30})                         // add rsp, 0x30
-      .bytes({0x58, 0xC3});                                    // pop rax; ret
-  return stub;
-}
-
-// The fiber-local-storage destructor lives in the engine's pages, not in the module, so that a
-// thread ending after the module was unloaded still finds it: HeapFree(process heap, 0, data).
-uint8_t* make_fls_callback() {
-  uint8_t* stub = allocate_code_anywhere(48);
-  if (stub == nullptr) return nullptr;
-  CodeWriteScope write(stub, 48);
-  if (!write.writable()) return nullptr;
-  uint8_t* data = stub + 32;
-  const uint64_t heap = reinterpret_cast<uint64_t>(GetProcessHeap());
-  const uint64_t heap_free =
-      reinterpret_cast<uint64_t>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "HeapFree"));
-  std::memcpy(data, &heap, 8);
-  std::memcpy(data + 8, &heap_free, 8);
-  Emitter(stub)
-      .bytes({0x49, 0x89, 0xC8})                               // mov r8, rcx
-      .bytes({0x31, 0xD2})                                     // xor edx, edx
-      .bytes({0x48, 0x8B, 0x0D}).rip_to(data)                  // mov rcx, [heap]
-      .bytes({0xFF, 0x25}).rip_to(data + 8);                   // jmp [HeapFree]
-  return stub;
-}
-
-bool prepare_barrier_support() {
-  if (g_leave_stub == nullptr) g_leave_stub = make_leave_stub();
-  if (g_fls_callback == nullptr) g_fls_callback = make_fls_callback();
-  if (g_leave_stub == nullptr || g_fls_callback == nullptr) return false;
-  if (g_fls == FLS_OUT_OF_INDEXES) g_fls = FlsAlloc(reinterpret_cast<PFLS_CALLBACK_FUNCTION>(g_fls_callback));
-  return g_fls != FLS_OUT_OF_INDEXES;
-}
-
-ThreadBarrier* thread_barrier() {
-  void* value = FlsGetValue(g_fls);
-  if (value == kAllocating) return nullptr;  // a hooked function called by HeapAlloc itself
-  if (value != nullptr) return static_cast<ThreadBarrier*>(value);
-  FlsSetValue(g_fls, kAllocating);
-  value = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(ThreadBarrier));
-  FlsSetValue(g_fls, value);
-  return static_cast<ThreadBarrier*>(value);
-}
-
 bool thread_listed(const HookRecord* record, DWORD thread) {
   const uint32_t count = record->acl_count;
   for (uint32_t i = 0; i < count && i < kMaxAcl; ++i) {
@@ -202,49 +105,34 @@ bool thread_listed(const HookRecord* record, DWORD thread) {
 }  // namespace
 
 extern "C" uint64_t kwindel_barrier_enter(HookRecord* record, uint64_t* return_slot) {
-  const DWORD error = GetLastError();
-  const uint64_t original = reinterpret_cast<uint64_t>(record->trampoline);
-  uint64_t to = original;
-  if (record->active && g_fls != FLS_OUT_OF_INDEXES &&
-      thread_listed(record, GetCurrentThreadId()) != record->acl_exclusive) {
-    ThreadBarrier* state = thread_barrier();
-    const uint64_t bit = uint64_t{1} << record->barrier_index;
-    if (state != nullptr && (state->inside & bit) == 0 && state->depth < kMaxDepth) {
-      state->inside |= bit;
-      state->frames[state->depth].return_address = *return_slot;
-      state->frames[state->depth].index = record->barrier_index;
-      ++state->depth;
-      *return_slot = reinterpret_cast<uint64_t>(g_leave_stub);
-      to = reinterpret_cast<uint64_t>(record->replacement);
-    }
+  const bool listed = thread_listed(record, GetCurrentThreadId());
+  if (record->active && listed != record->acl_exclusive && enter_thread_barrier(record->barrier_index, return_slot)) {
+    return reinterpret_cast<uint64_t>(record->replacement);
   }
-  SetLastError(error);
-  return to;
-}
-
-extern "C" uint64_t kwindel_barrier_leave() {
-  const DWORD error = GetLastError();
-  ThreadBarrier* state = static_cast<ThreadBarrier*>(FlsGetValue(g_fls));
-  // Only entries that recorded a frame return here, so the state and a frame exist.
-  --state->depth;
-  const BarrierFrame& frame = state->frames[state->depth];
-  state->inside &= ~(uint64_t{1} << frame.index);
-  SetLastError(error);
-  return frame.return_address;
+  return reinterpret_cast<uint64_t>(record->trampoline);
 }
 
 namespace {
 
+// Each relocation refusal and the hook status it becomes; the names are the relocator's except
+// for a trampoline that does not fit.
+constexpr struct {
+  RelocateStatus relocate;
+  HookStatus hook;
+} kRelocateStatuses[] = {
+    {RelocateStatus::kOk, HookStatus::kOk},
+    {RelocateStatus::kUndecodable, HookStatus::kUndecodable},
+    {RelocateStatus::kFunctionTooShort, HookStatus::kFunctionTooShort},
+    {RelocateStatus::kBranchIntoPatch, HookStatus::kBranchIntoPatch},
+    {RelocateStatus::kUnsupportedBranch, HookStatus::kUnsupportedBranch},
+    {RelocateStatus::kRipOutOfRange, HookStatus::kRipOutOfRange},
+    {RelocateStatus::kBufferTooSmall, HookStatus::kTrampolineTooLong},
+    {RelocateStatus::kCallReturnsIntoPatch, HookStatus::kCallReturnsIntoPatch},
+};
+
 HookStatus from_relocate(RelocateStatus status) {
-  switch (status) {
-    case RelocateStatus::kOk: return HookStatus::kOk;
-    case RelocateStatus::kUndecodable: return HookStatus::kUndecodable;
-    case RelocateStatus::kFunctionTooShort: return HookStatus::kFunctionTooShort;
-    case RelocateStatus::kBranchIntoPatch: return HookStatus::kBranchIntoPatch;
-    case RelocateStatus::kUnsupportedBranch: return HookStatus::kUnsupportedBranch;
-    case RelocateStatus::kRipOutOfRange: return HookStatus::kRipOutOfRange;
-    case RelocateStatus::kBufferTooSmall: return HookStatus::kTrampolineTooLong;
-    case RelocateStatus::kCallReturnsIntoPatch: return HookStatus::kCallReturnsIntoPatch;
+  for (const auto& pair : kRelocateStatuses) {
+    if (pair.relocate == status) return pair.hook;
   }
   return HookStatus::kUndecodable;
 }
@@ -364,61 +252,67 @@ size_t write_code(const CodeChange* changes, size_t count, HookStatus* failure) 
   return written;
 }
 
+// A new record for `target`: relay and trampoline space (near the target when it can be had),
+// the trampoline built, the patch bytes made; the record is not yet active.
+HookStatus new_record_locked(uint64_t target, size_t readable, const HookOptions& options, HookRecord** out) {
+  uint8_t* chunk = allocate_code_near(target, kChunkSize);
+  const bool near_chunk = chunk != nullptr && rel32_reaches(target, kNearPatch, reinterpret_cast<uint64_t>(chunk));
+  if (!near_chunk) chunk = allocate_code_anywhere(kChunkSize);
+  if (chunk == nullptr) return HookStatus::kNoCodeMemory;
+  const size_t patch_size = near_chunk && !options.force_absolute ? kNearPatch : kAbsolutePatch;
+  if (readable < patch_size) return HookStatus::kUnreadableTarget;
+
+  CodeWriteScope write(chunk, kChunkSize);
+  if (!write.writable()) return HookStatus::kProtectFailed;
+  uint8_t* trampoline = chunk + kRelaySpace;
+  Relocation relocation;
+  const RelocateStatus relocated =
+      build_trampoline(reinterpret_cast<const uint8_t*>(target), readable, target, patch_size, trampoline,
+                       kMaxTrampolineLength, reinterpret_cast<uint64_t>(trampoline), &relocation);
+  if (relocated != RelocateStatus::kOk) return from_relocate(relocated);  // the chunk stays for later hooks
+  if (relocation.copied_length > sizeof(HookRecord::original)) return HookStatus::kTrampolineTooLong;
+  if (options.barrier && g_barrier_count == kMaxBarrierHooks) return HookStatus::kTooManyHooks;
+
+  HookRecord* record = static_cast<HookRecord*>(allocate_engine_data(sizeof(HookRecord)));
+  if (record == nullptr) return HookStatus::kNoCodeMemory;
+  record->target = target;
+  record->relay = chunk;
+  record->trampoline = trampoline;
+  record->relocation = relocation;
+  std::memcpy(record->original, reinterpret_cast<const void*>(target), relocation.copied_length);
+  record->patch_size = static_cast<uint8_t>(patch_size);
+  record->barrier = options.barrier;
+  record->force_absolute = options.force_absolute;
+  record->barrier_index = options.barrier ? g_barrier_count++ : 0;
+  CodeEmitter patch(record->patch, sizeof(record->patch), target);
+  if (patch_size == kNearPatch) {
+    patch.byte(0xE9).rel32_to(reinterpret_cast<uint64_t>(chunk));
+  } else {
+    patch.jmp_absolute(reinterpret_cast<uint64_t>(chunk));
+  }
+  if (options.barrier) emit_barrier_relay(chunk, record);
+  record->next = g_records;
+  g_records = record;
+  *out = record;
+  return HookStatus::kOk;
+}
+
 // Everything of a hook but the patch itself: record, trampoline and relay written, the
 // trampoline published in *variable and the record marked active.
 HookStatus prepare_locked(void** variable, void* replacement, const HookOptions& options, HookRecord** out) {
   if (variable == nullptr || *variable == nullptr || replacement == nullptr) return HookStatus::kInvalidArgument;
   const uint64_t target = reinterpret_cast<uint64_t>(*variable);
   if (find_active(target) != nullptr) return HookStatus::kAlreadyHooked;
+  // Fewer bytes than an absolute patch may still do for a near one: new_record_locked decides.
   const size_t readable = readable_bytes(target);
-  if (readable < kAbsolutePatch) {
-    // Still enough for a near patch? Only when the relay can be near; decided below.
-    if (readable < kNearPatch) return HookStatus::kUnreadableTarget;
-  }
-  if (options.barrier && !prepare_barrier_support()) return HookStatus::kNoCodeMemory;
+  if (readable < kNearPatch) return HookStatus::kUnreadableTarget;
+  if (options.barrier && !prepare_thread_barrier()) return HookStatus::kNoCodeMemory;
 
   HookRecord* record = find_reusable(target, options, readable);
   if (record == nullptr) {
-    uint8_t* chunk = allocate_code_near(target, kChunkSize);
-    bool near_chunk = chunk != nullptr && rel32_reaches(target, kNearPatch, reinterpret_cast<uint64_t>(chunk));
-    if (!near_chunk) chunk = allocate_code_anywhere(kChunkSize);
-    if (chunk == nullptr) return HookStatus::kNoCodeMemory;
-    const size_t patch_size = near_chunk && !options.force_absolute ? kNearPatch : kAbsolutePatch;
-    if (readable < patch_size) return HookStatus::kUnreadableTarget;
-
-    CodeWriteScope write(chunk, kChunkSize);
-    if (!write.writable()) return HookStatus::kProtectFailed;
-    uint8_t* trampoline = chunk + kRelaySpace;
-    Relocation relocation;
-    const RelocateStatus relocated =
-        build_trampoline(reinterpret_cast<const uint8_t*>(target), readable, target, patch_size, trampoline,
-                         kMaxTrampolineLength, reinterpret_cast<uint64_t>(trampoline), &relocation);
-    if (relocated != RelocateStatus::kOk) return from_relocate(relocated);  // the chunk stays for later hooks
-    if (relocation.copied_length > sizeof(HookRecord::original)) return HookStatus::kTrampolineTooLong;
-    if (options.barrier && g_barrier_count == kMaxBarrierHooks) return HookStatus::kTooManyHooks;
-
-    record = static_cast<HookRecord*>(allocate_engine_data(sizeof(HookRecord)));
-    if (record == nullptr) return HookStatus::kNoCodeMemory;
-    record->target = target;
-    record->relay = chunk;
-    record->trampoline = trampoline;
-    record->relocation = relocation;
-    std::memcpy(record->original, reinterpret_cast<const void*>(target), relocation.copied_length);
-    record->patch_size = static_cast<uint8_t>(patch_size);
-    record->barrier = options.barrier;
-    record->force_absolute = options.force_absolute;
-    record->barrier_index = options.barrier ? g_barrier_count++ : 0;
-    if (patch_size == kNearPatch) {
-      Emitter(record->patch).bytes({0xE9}).u32(static_cast<uint32_t>(
-          static_cast<int32_t>(reinterpret_cast<uint64_t>(chunk) - (target + kNearPatch))));
-    } else {
-      Emitter(record->patch).bytes({0xFF, 0x25, 0, 0, 0, 0}).u64(reinterpret_cast<uint64_t>(chunk));
-    }
-    if (options.barrier) emit_barrier_relay(chunk, record);
-    record->next = g_records;
-    g_records = record;
+    const HookStatus made = new_record_locked(target, readable, options, &record);
+    if (made != HookStatus::kOk) return made;
   }
-
   record->variable = variable;
   record->replacement = replacement;
   if (options.barrier) {
@@ -429,7 +323,6 @@ HookStatus prepare_locked(void** variable, void* replacement, const HookOptions&
     if (!write.writable()) return HookStatus::kProtectFailed;
     emit_plain_relay(record->relay, replacement);
   }
-
   // The trampoline is published before the jump exists, so a replacement entered the moment the
   // patch lands already finds the way to the original.
   *variable = record->trampoline;
@@ -496,23 +389,20 @@ HookStatus remove_locked(void** variable) {
 
 const char* to_string(HookStatus status) {
   switch (status) {
-    case HookStatus::kOk: return "ok";
     case HookStatus::kInvalidArgument: return "invalid argument";
     case HookStatus::kAlreadyHooked: return "already hooked";
     case HookStatus::kNotHooked: return "not hooked";
     case HookStatus::kUnreadableTarget: return "unreadable target";
-    case HookStatus::kUndecodable: return "undecodable";
-    case HookStatus::kFunctionTooShort: return "function too short";
-    case HookStatus::kBranchIntoPatch: return "branch into patch";
-    case HookStatus::kUnsupportedBranch: return "unsupported branch";
-    case HookStatus::kRipOutOfRange: return "rip-relative out of range";
     case HookStatus::kTrampolineTooLong: return "trampoline too long";
     case HookStatus::kNoCodeMemory: return "no code memory";
     case HookStatus::kTooManyHooks: return "too many hooks";
     case HookStatus::kProtectFailed: return "protect failed";
     case HookStatus::kTargetChanged: return "target changed";
     case HookStatus::kPatchNotOurs: return "patch not ours";
-    case HookStatus::kCallReturnsIntoPatch: return "call returns into patch";
+    default: break;
+  }
+  for (const auto& pair : kRelocateStatuses) {
+    if (pair.hook == status) return to_string(pair.relocate);
   }
   return "?";
 }
@@ -568,10 +458,7 @@ size_t remove_all_barrier_hooks() {
 }
 
 bool barrier_active_on_this_thread(const HookRecord* record) {
-  if (record == nullptr || !record->barrier || g_fls == FLS_OUT_OF_INDEXES) return false;
-  void* value = FlsGetValue(g_fls);
-  if (value == nullptr || value == kAllocating) return false;
-  return (static_cast<ThreadBarrier*>(value)->inside & (uint64_t{1} << record->barrier_index)) != 0;
+  return record != nullptr && record->barrier && inside_thread_barrier(record->barrier_index);
 }
 
 bool describe_hook(const HookRecord* record, HookInfo* info) {

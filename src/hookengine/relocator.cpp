@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "hookengine/code_emitter.h"
 #include "hookengine/x64_decoder.h"
 
 namespace hookengine {
@@ -10,62 +11,9 @@ namespace {
 // How far the prologue is scanned for branches into the patched range.
 constexpr size_t kScanLength = 64;
 
-bool fits_rel32(int64_t delta) { return delta >= INT32_MIN && delta <= INT32_MAX; }
-
-// Trampoline under construction in a local buffer: the caller's memory is written only once the
-// whole trampoline is known to be valid and to fit.
-struct Emitter {
-  uint8_t buf[kMaxTrampolineLength];
-  size_t len = 0;
-  uint64_t base = 0;  // runtime address of buf[0]
-  bool overflow = false;
-
-  uint64_t here() const { return base + len; }
-  void bytes(const uint8_t* p, size_t n) {
-    if (overflow || n > sizeof(buf) - len) {
-      overflow = true;
-      return;
-    }
-    std::memcpy(buf + len, p, n);
-    len += n;
-  }
-  void byte(uint8_t b) { bytes(&b, 1); }
-  void u32(uint32_t v) {
-    uint8_t p[4];
-    std::memcpy(p, &v, 4);
-    bytes(p, 4);
-  }
-  void u64(uint64_t v) {
-    uint8_t p[8];
-    std::memcpy(p, &v, 8);
-    bytes(p, 8);
-  }
-  // jmp to `target`: E9 rel32 when it reaches, else jmp [rip+0] followed by the address.
-  void jmp(uint64_t target) {
-    const int64_t delta = static_cast<int64_t>(target - (here() + 5));
-    if (fits_rel32(delta)) {
-      byte(0xE9);
-      u32(static_cast<uint32_t>(delta));
-    } else {
-      jmp_absolute(target);
-    }
-  }
-  void jmp_absolute(uint64_t target) {
-    const uint8_t op[] = {0xFF, 0x25, 0, 0, 0, 0};
-    bytes(op, sizeof(op));
-    u64(target);
-  }
-  static size_t jmp_length(int64_t delta_from_end_of_rel32) {
-    return fits_rel32(delta_from_end_of_rel32) ? 5 : 14;
-  }
-};
-
 bool only_prefixes(const uint8_t* code, size_t n) {
   for (size_t i = 0; i < n; ++i) {
-    const uint8_t b = code[i];
-    const bool legacy = b == 0x66 || b == 0x67 || b == 0xF2 || b == 0xF3 || b == 0x2E ||
-                        b == 0x3E || b == 0x26 || b == 0x36 || b == 0x64 || b == 0x65;
-    if (!legacy && (b & 0xF0) != 0x40) return false;
+    if (!is_legacy_prefix(code[i]) && (code[i] & 0xF0) != 0x40) return false;
   }
   return true;
 }
@@ -109,11 +57,6 @@ bool branches_into(const uint8_t* target, size_t readable, uint64_t target_addre
   return false;
 }
 
-bool is_legacy_prefix(uint8_t b) {
-  return b == 0x66 || b == 0x67 || b == 0xF2 || b == 0xF3 || b == 0xF0 || b == 0x2E || b == 0x3E ||
-         b == 0x26 || b == 0x36 || b == 0x64 || b == 0x65;
-}
-
 // Opcodes whose ModRM reg field extends the opcode (/digit) instead of naming a register.
 bool reg_field_is_opcode(bool one_byte, bool two_byte, uint8_t op) {
   if (one_byte) {
@@ -132,7 +75,7 @@ bool reg_field_is_opcode(bool one_byte, bool two_byte, uint8_t op) {
 // (rdi instead of rsi when the ModRM reg field names rsi). push/mov/pop leave the flags alone,
 // and below rsp is free at this point on x64 Windows (no red zone to preserve).
 RelocateStatus relocate_far_rip(const Instruction& insn, const uint8_t* code, uint64_t dest,
-                                Emitter* e) {
+                                CodeEmitter* e) {
   size_t first = 0;  // first opcode byte
   while (first < insn.opcode_offset && is_legacy_prefix(code[first])) ++first;
   uint8_t rex = 0;
@@ -194,57 +137,39 @@ bool is_call(const Instruction& insn, const uint8_t* code) {
   return reg == 2 || reg == 3;
 }
 
-RelocateStatus relocate_one(const Instruction& insn, const uint8_t* code, uint64_t address,
-                            Emitter* e) {
-  if (insn.rip_relative) {
-    if (insn.address_size_prefix) return RelocateStatus::kUnsupportedBranch;  // EIP-relative
-    const uint64_t dest = rip_relative_target(insn, code, address);
-    const int64_t disp = static_cast<int64_t>(dest - (e->here() + insn.length));
-    if (!fits_rel32(disp)) return relocate_far_rip(insn, code, dest, e);
-    uint8_t copy[16];
-    std::memcpy(copy, code, insn.length);
-    const uint32_t d32 = static_cast<uint32_t>(disp);
-    std::memcpy(copy + insn.disp_offset, &d32, 4);
-    e->bytes(copy, insn.length);
-    return RelocateStatus::kOk;
-  }
-  if (insn.branch == BranchKind::kNone) {
-    e->bytes(code, insn.length);
-    return RelocateStatus::kOk;
-  }
+// A RIP-relative operand keeps its address: a new disp32 when it reaches, else a rebuilt form.
+RelocateStatus relocate_rip(const Instruction& insn, const uint8_t* code, uint64_t address, CodeEmitter* e) {
+  if (insn.address_size_prefix) return RelocateStatus::kUnsupportedBranch;  // EIP-relative
+  const uint64_t dest = rip_relative_target(insn, code, address);
+  if (e->copy_retargeted(code, insn.length, insn.disp_offset, dest)) return RelocateStatus::kOk;
+  return relocate_far_rip(insn, code, dest, e);
+}
+
+// A relative branch keeps its target: rel32 when it reaches, else an absolute form.
+RelocateStatus relocate_branch(const Instruction& insn, const uint8_t* code, uint64_t address, CodeEmitter* e) {
   // A 66 prefix makes the branch width vendor-dependent: refuse rather than guess.
   if (insn.operand_size_prefix) return RelocateStatus::kUnsupportedBranch;
   const uint64_t dest = branch_target(insn, code, address);
   const uint8_t op = code[insn.opcode_offset];
   switch (insn.branch) {
-    case BranchKind::kCallRel32: {
-      const int64_t delta = static_cast<int64_t>(dest - (e->here() + 5));
-      if (fits_rel32(delta)) {
-        e->byte(0xE8);
-        e->u32(static_cast<uint32_t>(delta));
+    case BranchKind::kCallRel32:
+      if (fits_rel32(static_cast<int64_t>(dest - (e->here() + 5)))) {
+        e->byte(0xE8).rel32_to(dest);
       } else {
         // call [rip+2]; jmp +8; dq dest  (the call returns to the short jmp over the address)
-        const uint8_t seq[] = {0xFF, 0x15, 0x02, 0, 0, 0, 0xEB, 0x08};
-        e->bytes(seq, sizeof(seq));
-        e->u64(dest);
+        e->bytes({0xFF, 0x15, 0x02, 0, 0, 0, 0xEB, 0x08}).u64(dest);
       }
       return RelocateStatus::kOk;
-    }
     case BranchKind::kJmpRel8:
     case BranchKind::kJmpRel32: e->jmp(dest); return RelocateStatus::kOk;
     case BranchKind::kJccRel8:
     case BranchKind::kJccRel32: {
       const uint8_t cc = op & 0x0F;
-      const int64_t delta = static_cast<int64_t>(dest - (e->here() + 6));
-      if (fits_rel32(delta)) {
-        e->byte(0x0F);
-        e->byte(static_cast<uint8_t>(0x80 | cc));
-        e->u32(static_cast<uint32_t>(delta));
+      if (fits_rel32(static_cast<int64_t>(dest - (e->here() + 6)))) {
+        e->bytes({0x0F, static_cast<uint8_t>(0x80 | cc)}).rel32_to(dest);
       } else {
         // Inverted short Jcc over an absolute jmp.
-        e->byte(static_cast<uint8_t>(0x70 | (cc ^ 1)));
-        e->byte(14);
-        e->jmp_absolute(dest);
+        e->bytes({static_cast<uint8_t>(0x70 | (cc ^ 1)), 14}).jmp_absolute(dest);
       }
       return RelocateStatus::kOk;
     }
@@ -252,30 +177,24 @@ RelocateStatus relocate_one(const Instruction& insn, const uint8_t* code, uint64
     case BranchKind::kJrcxz: {
       // loop/jrcxz +2 (taken: to the far jmp); jmp short over it (not taken); jmp dest.
       // Prefixes are kept: 67 selects ECX.
-      e->bytes(code, insn.opcode_offset);
-      e->byte(op);
-      e->byte(2);
-      const uint64_t far_jmp_at = e->here() + 2;
-      const size_t far_len = Emitter::jmp_length(static_cast<int64_t>(dest - (far_jmp_at + 5)));
-      e->byte(0xEB);
-      e->byte(static_cast<uint8_t>(far_len));
-      e->jmp(dest);
+      e->bytes(code, insn.opcode_offset).bytes({op, 2});
+      const size_t far_length = CodeEmitter::jmp_length(e->here() + 2, dest);
+      e->bytes({0xEB, static_cast<uint8_t>(far_length)}).jmp(dest);
       return RelocateStatus::kOk;
     }
-    case BranchKind::kXbegin: {
-      // The abort target is a rel32 like any other: re-target it when it reaches.
-      const int64_t disp = static_cast<int64_t>(dest - (e->here() + insn.length));
-      if (!fits_rel32(disp)) return RelocateStatus::kUnsupportedBranch;
-      uint8_t copy[16];
-      std::memcpy(copy, code, insn.length);
-      const uint32_t d32 = static_cast<uint32_t>(disp);
-      std::memcpy(copy + insn.rel_offset, &d32, 4);
-      e->bytes(copy, insn.length);
-      return RelocateStatus::kOk;
-    }
+    case BranchKind::kXbegin:  // the abort target is a rel32 like any other
+      return e->copy_retargeted(code, insn.length, insn.rel_offset, dest) ? RelocateStatus::kOk
+                                                                         : RelocateStatus::kUnsupportedBranch;
     case BranchKind::kNone: break;
   }
   return RelocateStatus::kUnsupportedBranch;
+}
+
+RelocateStatus relocate_one(const Instruction& insn, const uint8_t* code, uint64_t address, CodeEmitter* e) {
+  if (insn.rip_relative) return relocate_rip(insn, code, address, e);
+  if (insn.branch != BranchKind::kNone) return relocate_branch(insn, code, address, e);
+  e->bytes(code, insn.length);
+  return RelocateStatus::kOk;
 }
 
 }  // namespace
@@ -300,8 +219,8 @@ RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t
   if (target == nullptr || out == nullptr || result == nullptr || patch_size == 0)
     return RelocateStatus::kUndecodable;
   Relocation r;
-  Emitter e;
-  e.base = out_address;
+  uint8_t buffer[kMaxTrampolineLength];  // the caller's memory is written only once all fits
+  CodeEmitter e(buffer, sizeof(buffer), out_address);
 
   // Whole instructions covering the patch; past a ret/jmp/int3 only padding may follow.
   size_t pos = 0;
@@ -314,7 +233,7 @@ RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t
     if (r.boundary_count >= sizeof(r.original_offsets)) return RelocateStatus::kBufferTooSmall;
     if (pos + insn.length < patch_size && is_call(insn, target + pos)) return RelocateStatus::kCallReturnsIntoPatch;
     r.original_offsets[r.boundary_count] = static_cast<uint8_t>(pos);
-    r.trampoline_offsets[r.boundary_count] = static_cast<uint8_t>(e.len);
+    r.trampoline_offsets[r.boundary_count] = static_cast<uint8_t>(e.size());
     ++r.boundary_count;
     const RelocateStatus s = relocate_one(insn, target + pos, target_address + pos, &e);
     if (s != RelocateStatus::kOk) return s;
@@ -325,9 +244,9 @@ RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t
   if (branches_into(target, readable, target_address, r.copied_length))
     return RelocateStatus::kBranchIntoPatch;
   e.jmp(target_address + r.copied_length);
-  if (e.overflow || e.len > out_capacity) return RelocateStatus::kBufferTooSmall;
-  std::memcpy(out, e.buf, e.len);
-  r.trampoline_length = e.len;
+  if (e.overflow() || e.size() > out_capacity) return RelocateStatus::kBufferTooSmall;
+  std::memcpy(out, buffer, e.size());
+  r.trampoline_length = e.size();
   *result = r;
   return RelocateStatus::kOk;
 }

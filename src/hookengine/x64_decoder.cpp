@@ -819,6 +819,8 @@ const Group kGroups[] = {
 };
 // clang-format on
 
+}  // namespace
+
 bool is_legacy_prefix(uint8_t b) {
   switch (b) {
     case 0xF0:
@@ -835,6 +837,8 @@ bool is_legacy_prefix(uint8_t b) {
     default: return false;
   }
 }
+
+namespace {
 
 // Immediate size after ModRM for VEX/EVEX maps 0F, 0F38 and 0F3A.
 size_t vex_imm_size(unsigned map, uint8_t op) {

@@ -64,6 +64,9 @@ struct Instruction {
 // instruction within `available` bytes or 15 bytes.
 bool decode(const uint8_t* code, size_t available, Instruction* out);
 
+// True for the legacy prefixes: 66, 67, F0, F2, F3 and the segment overrides 26, 2E, 36, 3E, 64, 65.
+bool is_legacy_prefix(uint8_t b);
+
 // Target of a relative branch or the address a RIP-relative operand refers to, given the
 // instruction's runtime address.
 uint64_t branch_target(const Instruction& insn, const uint8_t* code, uint64_t address);

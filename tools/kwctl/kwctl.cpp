@@ -1,11 +1,14 @@
 // kwctl.exe: plays the controlling service. Loads kwindel-x64.dll, installs the global window
 // hook, sets the policy, keeps the hook until told to stop, then removes it.
+#include <winsock2.h>
 #include <windows.h>
 
 #include <cstdio>
 #include <cwchar>
 #include <string>
+#include <vector>
 
+#include "host/owners.h"
 #include "kwindel.h"
 #include "protect/parked_originals.h"
 
@@ -78,12 +81,15 @@ int recover() {
   return kOk;
 }
 
-}  // namespace
-
-int wmain(int argc, wchar_t** argv) {
+struct Options {
   std::wstring dll_path = default_dll(), event_name;
   bool use_proc = false, have_policy = false;
   DWORD policy = 0, seconds = 0;
+};
+
+// Reads the command line into *o. Returns -1 to go on, else the exit status (--version, --stop,
+// --recover done, or a bad option).
+int parse_options(int argc, wchar_t** argv, Options* o) {
   for (int i = 1; i < argc; ++i) {
     std::wstring a = argv[i];
     auto next = [&](std::wstring* out) {
@@ -92,74 +98,86 @@ int wmain(int argc, wchar_t** argv) {
       return true;
     };
     std::wstring v;
-    if (a == L"--dll" && next(&dll_path)) continue;
-    if (a == L"--proc") { use_proc = true; continue; }
+    if (a == L"--dll" && next(&o->dll_path)) continue;
+    if (a == L"--proc") { o->use_proc = true; continue; }
     if (a == L"--version") { std::wprintf(L"kwctl %hs\n", KWINDEL_VERSION); return kOk; }
     if (a == L"--policy" && next(&v)) {
       wchar_t* end = nullptr;
-      policy |= static_cast<DWORD>(std::wcstoul(v.c_str(), &end, 0));
+      o->policy |= static_cast<DWORD>(std::wcstoul(v.c_str(), &end, 0));
       if (end == v.c_str() || *end != 0) { std::fwprintf(stderr, L"kwctl: bad policy '%ls'\n", v.c_str()); return kUsage; }
-      have_policy = true;
+      o->have_policy = true;
       continue;
     }
-    if (a == L"--copy-audit") { policy |= KWINDEL_POLICY_COPY_AUDIT; have_policy = true; continue; }
-    if (a == L"--secret-audit") { policy |= KWINDEL_POLICY_SECRET_AUDIT; have_policy = true; continue; }
-    if (a == L"--encrypt-audit") { policy |= KWINDEL_POLICY_ENCRYPT_AUDIT; have_policy = true; continue; }
+    if (a == L"--copy-audit") { o->policy |= KWINDEL_POLICY_COPY_AUDIT; o->have_policy = true; continue; }
+    if (a == L"--secret-audit") { o->policy |= KWINDEL_POLICY_SECRET_AUDIT; o->have_policy = true; continue; }
+    if (a == L"--encrypt-audit") { o->policy |= KWINDEL_POLICY_ENCRYPT_AUDIT; o->have_policy = true; continue; }
     if (a == L"--dest" && next(&v)) {
-      if (!parse_dest(v, &policy)) { std::fwprintf(stderr, L"kwctl: bad destination list '%ls'\n", v.c_str()); return kUsage; }
-      have_policy = true;
+      if (!parse_dest(v, &o->policy)) { std::fwprintf(stderr, L"kwctl: bad destination list '%ls'\n", v.c_str()); return kUsage; }
+      o->have_policy = true;
       continue;
     }
-    if (a == L"--event" && next(&event_name)) continue;
-    if (a == L"--seconds" && next(&v)) { seconds = static_cast<DWORD>(_wtoi(v.c_str())); continue; }
+    if (a == L"--event" && next(&o->event_name)) continue;
+    if (a == L"--seconds" && next(&v)) { o->seconds = static_cast<DWORD>(_wtoi(v.c_str())); continue; }
     if (a == L"--recover") return recover();
     if (a == L"--stop" && next(&v)) {
-      HANDLE ev = OpenEventW(EVENT_MODIFY_STATE, FALSE, v.c_str());
-      if (ev == nullptr) { std::fwprintf(stderr, L"kwctl: no running kwctl waits on event '%ls'\n", v.c_str()); return kUsage; }
-      SetEvent(ev);
-      CloseHandle(ev);
+      const OwnedHandle ev(OpenEventW(EVENT_MODIFY_STATE, FALSE, v.c_str()));
+      if (!ev.ok()) { std::fwprintf(stderr, L"kwctl: no running kwctl waits on event '%ls'\n", v.c_str()); return kUsage; }
+      SetEvent(ev.get());
       return kOk;
     }
     usage();
     return kUsage;
   }
+  return -1;
+}
 
-  HMODULE dll = LoadLibraryW(dll_path.c_str());
-  if (dll == nullptr) {
-    std::fwprintf(stderr, L"kwctl: cannot load %ls (error %lu)\n", dll_path.c_str(), GetLastError());
+// The loaded DLL and the four exports kwctl calls.
+struct Library {
+  OwnedModule dll;
+  KwInstallHookFn install_hook = nullptr;
+  KwInstallHookProcFn install_hook_proc = nullptr;
+  KwRemoveHookFn remove_hook = nullptr;
+  KwSetPolicyFn set_policy = nullptr;
+};
+
+template <typename F>
+F export_of(HMODULE dll, const char* name) {
+  return reinterpret_cast<F>(reinterpret_cast<void*>(GetProcAddress(dll, name)));
+}
+
+// Loads the DLL and its exports; kOk or the exit status, reported on stderr.
+int load_library(const std::wstring& path, Library* l) {
+  l->dll.reset(LoadLibraryW(path.c_str()));
+  if (!l->dll.ok()) {
+    std::fwprintf(stderr, L"kwctl: cannot load %ls (error %lu)\n", path.c_str(), GetLastError());
     return kDllMissing;
   }
-  auto install_hook = reinterpret_cast<KwInstallHookFn>(reinterpret_cast<void*>(GetProcAddress(dll, "InstallHook")));
-  auto install_hook_proc = reinterpret_cast<KwInstallHookProcFn>(reinterpret_cast<void*>(GetProcAddress(dll, "InstallHookProc")));
-  auto remove_hook = reinterpret_cast<KwRemoveHookFn>(reinterpret_cast<void*>(GetProcAddress(dll, "RemoveHook")));
-  auto set_policy = reinterpret_cast<KwSetPolicyFn>(reinterpret_cast<void*>(GetProcAddress(dll, "SetPolicy")));
-  const char* missing = !install_hook ? "InstallHook" : !install_hook_proc ? "InstallHookProc"
-                        : !remove_hook ? "RemoveHook" : !set_policy ? "SetPolicy" : nullptr;
+  l->install_hook = export_of<KwInstallHookFn>(l->dll.get(), "InstallHook");
+  l->install_hook_proc = export_of<KwInstallHookProcFn>(l->dll.get(), "InstallHookProc");
+  l->remove_hook = export_of<KwRemoveHookFn>(l->dll.get(), "RemoveHook");
+  l->set_policy = export_of<KwSetPolicyFn>(l->dll.get(), "SetPolicy");
+  const char* missing = !l->install_hook ? "InstallHook" : !l->install_hook_proc ? "InstallHookProc"
+                        : !l->remove_hook ? "RemoveHook" : !l->set_policy ? "SetPolicy" : nullptr;
   if (missing != nullptr) {
-    std::fwprintf(stderr, L"kwctl: %ls does not export %hs\n", dll_path.c_str(), missing);
+    std::fwprintf(stderr, L"kwctl: %ls does not export %hs\n", path.c_str(), missing);
     return kExportMissing;
   }
+  return kOk;
+}
 
-  const bool hooked = use_proc ? install_hook_proc(TRUE) == 1 : install_hook(dll) != FALSE;
-  if (!hooked) {
-    std::fwprintf(stderr, L"kwctl: %hs refused the hook (error %lu)\n", use_proc ? "InstallHookProc" : "InstallHook", GetLastError());
-    return kHookRefused;
-  }
-  std::wprintf(L"kwctl: global hook installed with %hs (%hs)\n", use_proc ? "InstallHookProc" : "InstallHook",
-               use_proc ? "WH_GETMESSAGE" : "WH_CALLWNDPROC");
-  if (have_policy) {
-    set_policy(policy, 0);
-    std::wprintf(L"kwctl: policy 0x%02lx: copy audit %hs, secret audit %hs, destinations%hs%hs%hs%hs, encrypt audit %hs\n",
-                 policy & 0x3F, (policy & 1) ? "on" : "off", (policy & 2) ? "on" : "off",
-                 (policy & 4) ? " local" : "", (policy & 8) ? " removable" : "", (policy & 16) ? " network" : "",
-                 (policy & 0x1C) ? "" : " none", (policy & 0x20) ? "on" : "off");
-  }
-  std::fflush(stdout);
+void print_policy(DWORD policy) {
+  std::wprintf(L"kwctl: policy 0x%02lx: copy audit %hs, secret audit %hs, destinations%hs%hs%hs%hs, encrypt audit %hs\n",
+               policy & 0x3F, (policy & 1) ? "on" : "off", (policy & 2) ? "on" : "off",
+               (policy & 4) ? " local" : "", (policy & 8) ? " removable" : "", (policy & 16) ? " network" : "",
+               (policy & 0x1C) ? "" : " none", (policy & 0x20) ? "on" : "off");
+}
 
-  g_stop = event_name.empty() ? CreateEventW(nullptr, TRUE, FALSE, nullptr)
-                              : CreateEventW(nullptr, TRUE, FALSE, event_name.c_str());
+// Pumps messages until the stop event, Ctrl-C or `seconds` (0: no limit): a process that owns a
+// global hook must keep its queue alive.
+void wait_for_stop(const std::wstring& event_name, DWORD seconds) {
+  const OwnedHandle stop(CreateEventW(nullptr, TRUE, FALSE, event_name.empty() ? nullptr : event_name.c_str()));
+  g_stop = stop.get();
   SetConsoleCtrlHandler(on_console_event, TRUE);
-  // Pump messages while waiting: a process that owns a global hook must keep its queue alive.
   const ULONGLONG end = seconds ? GetTickCount64() + seconds * 1000ull : 0;
   for (;;) {
     DWORD wait = MsgWaitForMultipleObjects(1, &g_stop, FALSE, 100, QS_ALLINPUT);
@@ -168,10 +186,34 @@ int wmain(int argc, wchar_t** argv) {
     while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
     if (end != 0 && GetTickCount64() >= end) break;
   }
-  if (use_proc) install_hook_proc(FALSE);
-  else if (!remove_hook()) std::fwprintf(stderr, L"kwctl: RemoveHook failed (error %lu)\n", GetLastError());
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+  Options o;
+  const int parsed = parse_options(argc, argv, &o);
+  if (parsed >= 0) return parsed;
+  Library l;
+  const int loaded = load_library(o.dll_path, &l);
+  if (loaded != kOk) return loaded;
+
+  const char* how = o.use_proc ? "InstallHookProc" : "InstallHook";
+  const bool hooked = o.use_proc ? l.install_hook_proc(TRUE) == 1 : l.install_hook(l.dll.get()) != FALSE;
+  if (!hooked) {
+    std::fwprintf(stderr, L"kwctl: %hs refused the hook (error %lu)\n", how, GetLastError());
+    return kHookRefused;
+  }
+  std::wprintf(L"kwctl: global hook installed with %hs (%hs)\n", how, o.use_proc ? "WH_GETMESSAGE" : "WH_CALLWNDPROC");
+  if (o.have_policy) {
+    l.set_policy(o.policy, 0);
+    print_policy(o.policy);
+  }
+  std::fflush(stdout);
+
+  wait_for_stop(o.event_name, o.seconds);
+  if (o.use_proc) l.install_hook_proc(FALSE);
+  else if (!l.remove_hook()) std::fwprintf(stderr, L"kwctl: RemoveHook failed (error %lu)\n", GetLastError());
   std::wprintf(L"kwctl: global hook removed\n");
-  CloseHandle(g_stop);
-  FreeLibrary(dll);
   return kOk;
 }

@@ -5,6 +5,7 @@
 //
 // Exit status: 0 the digest matches (and OUTPUT was written), 1 the digest does not match,
 // 2 usage error, 3 the input is not in the format or a file cannot be read or written.
+#include <winsock2.h>
 #include <windows.h>
 
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <string>
 
 #include "host/caller_context.h"
+#include "host/owners.h"
 #include "protect/block_cipher.h"
 #include "protect/md5.h"
 #include "protect/transform.h"
@@ -20,22 +22,6 @@
 namespace {
 
 constexpr int kMatch = 0, kMismatch = 1, kUsage = 2, kBadInput = 3;
-
-class File {
- public:
-  explicit File(HANDLE h) : h_(h) {}
-  ~File() { close(); }
-  void close() {
-    if (ok()) CloseHandle(h_);
-    h_ = INVALID_HANDLE_VALUE;
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  bool ok() const { return h_ != INVALID_HANDLE_VALUE; }
-  HANDLE get() const { return h_; }
- private:
-  HANDLE h_;
-};
 
 int usage() {
   std::fputs("usage: kwdecrypt [--verify] ENCRYPTED PASSWORD [OUTPUT]\n"
@@ -68,55 +54,60 @@ bool write_all(HANDLE file, const uint8_t* data, DWORD size) {
   return true;
 }
 
-}  // namespace
-
-int wmain(int argc, wchar_t** argv) {
+struct Arguments {
   bool verify_only = false;
+  std::wstring input_path, output_path;
+  std::string password;
+};
+
+// Reads the command line; false when it is not a valid one (or asks for help).
+bool parse_arguments(int argc, wchar_t** argv, Arguments* a) {
   std::wstring args[3];
   int count = 0;
   for (int i = 1; i < argc; ++i) {
     if (std::wcscmp(argv[i], L"--verify") == 0) {
-      verify_only = true;
-    } else if (std::wcscmp(argv[i], L"--help") == 0 || std::wcscmp(argv[i], L"-h") == 0) {
-      return usage();
-    } else if (count < 3) {
-      args[count++] = argv[i];
+      a->verify_only = true;
+    } else if (std::wcscmp(argv[i], L"--help") == 0 || std::wcscmp(argv[i], L"-h") == 0 || count == 3) {
+      return false;
     } else {
-      return usage();
+      args[count++] = argv[i];
     }
   }
-  if (count < 2 || (!verify_only && count != 3) || (verify_only && count != 2)) return usage();
-  const std::wstring& input_path = args[0];
-  const std::string password = wide_to_utf8(args[1]);
-  const std::wstring& output_path = args[2];
+  if (count != (a->verify_only ? 2 : 3)) return false;
+  a->input_path = args[0];
+  a->password = wide_to_utf8(args[1]);
+  a->output_path = args[2];
+  return true;
+}
 
-  File input(CreateFileW(input_path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                         OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-  if (!input.ok()) {
-    std::fprintf(stderr, "kwdecrypt: cannot open %s (error %lu)\n", wide_to_utf8(input_path).c_str(), GetLastError());
+// Opens the input and reads its header, leaving the file at the body; the stored digest (32 hex
+// digits) goes to *stored. kMatch (all well) or kBadInput, reported on stderr.
+int open_input(const std::wstring& path, OwnedHandle* input, std::string* stored) {
+  input->reset(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                           FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+  if (!input->ok()) {
+    std::fprintf(stderr, "kwdecrypt: cannot open %s (error %lu)\n", wide_to_utf8(path).c_str(), GetLastError());
     return kBadInput;
   }
   uint8_t header[kEncryptedHeaderSize];
   DWORD got = 0;
-  if (!read_exact(input.get(), header, sizeof header, &got) || got != sizeof header ||
+  if (!read_exact(input->get(), header, sizeof header, &got) || got != sizeof header ||
       std::memcmp(header, kEncryptedFileMagic, 8) != 0) {
     std::fputs("kwdecrypt: not an encrypted file (no magic 01 02 03 04 10 20 30 40 at its start)\n", stderr);
     return kBadInput;
   }
-  const char* stored = reinterpret_cast<const char*>(header + 8);
-  if (stored[kDigestFieldSize - 1] != '\0' || std::strlen(stored) != 32) {
+  const char* digest = reinterpret_cast<const char*>(header + 8);
+  if (digest[kDigestFieldSize - 1] != '\0' || std::strlen(digest) != 32) {
     std::fputs("kwdecrypt: the file records no digest (its source could not be read when it was written)\n", stderr);
     return kBadInput;
   }
+  *stored = digest;
+  return kMatch;
+}
 
-  File output(verify_only ? INVALID_HANDLE_VALUE
-                          : CreateFileW(output_path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                        FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!verify_only && !output.ok()) {
-    std::fprintf(stderr, "kwdecrypt: cannot create %s (error %lu)\n", wide_to_utf8(output_path).c_str(), GetLastError());
-    return kBadInput;
-  }
-
+// Deciphers the body of `input` (the writer enciphered 64 KiB chunks; only the last one can end
+// in a partial block) into `output` (when valid) and its MD5; false on a read or write error.
+bool decipher_body(HANDLE input, HANDLE output, const std::string& password, MD5* md5) {
   uint8_t password_buffer[32], key[32];
   BuildPasswordBuffer(password.c_str(), password_buffer);
   BuildKeyMaterial(password_buffer, key);
@@ -124,11 +115,10 @@ int wmain(int argc, wchar_t** argv) {
   std::unique_ptr<uint8_t[]> buffers(new uint8_t[2 * kTransformChunk]);
   uint8_t* in = buffers.get();
   uint8_t* out = in + kTransformChunk;
-  MD5 md5;
   bool io_ok = true;
-  // The writer enciphered 64 KiB chunks; only the last one can end in a partial block.
   for (;;) {
-    if (!read_exact(input.get(), in, kTransformChunk, &got)) {
+    DWORD got = 0;
+    if (!read_exact(input, in, kTransformChunk, &got)) {
       io_ok = false;
       break;
     }
@@ -137,12 +127,35 @@ int wmain(int argc, wchar_t** argv) {
     const DWORD head = got - r;
     cipher.decipher_buffer(in, out, head);
     for (DWORD j = 0; j < r; ++j) out[head + j] = in[head + j] ^ key[r - j];
-    md5.update(out, got);
-    if (!verify_only && !write_all(output.get(), out, got)) io_ok = false;
+    md5->update(out, got);
+    if (output != INVALID_HANDLE_VALUE && !write_all(output, out, got)) io_ok = false;
     if (!io_ok || got < kTransformChunk) break;
   }
   SecureZeroMemory(key, sizeof key);
-  if (!io_ok) {
+  return io_ok;
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+  Arguments a;
+  if (!parse_arguments(argc, argv, &a)) return usage();
+  OwnedHandle input;
+  std::string stored;
+  const int opened = open_input(a.input_path, &input, &stored);
+  if (opened != kMatch) return opened;
+  OwnedHandle output;
+  if (!a.verify_only) {
+    output.reset(CreateFileW(a.output_path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                             nullptr));
+    if (!output.ok()) {
+      std::fprintf(stderr, "kwdecrypt: cannot create %s (error %lu)\n", wide_to_utf8(a.output_path).c_str(),
+                   GetLastError());
+      return kBadInput;
+    }
+  }
+  MD5 md5;
+  if (!decipher_body(input.get(), output.ok() ? output.get() : INVALID_HANDLE_VALUE, a.password, &md5)) {
     std::fputs("kwdecrypt: read or write error\n", stderr);
     return kBadInput;
   }
@@ -150,10 +163,10 @@ int wmain(int argc, wchar_t** argv) {
   const std::string computed = md5.hex_digest();
   if (computed != stored) {
     std::fprintf(stderr, "kwdecrypt: digest mismatch: stored %s, decrypted %s (wrong password or key mask?)\n",
-                 stored, computed.c_str());
-    if (!verify_only) {
-      output.close();  // a plaintext that is not the original is of no use
-      DeleteFileW(output_path.c_str());
+                 stored.c_str(), computed.c_str());
+    if (!a.verify_only) {
+      output.reset();  // a plaintext that is not the original is of no use
+      DeleteFileW(a.output_path.c_str());
     }
     return kMismatch;
   }

@@ -4,6 +4,7 @@
 //   kwdemo-app shell-engine DSTFOLDER SRC... copy each source through IFileOperation ("move:SRC"
 //                                            moves it instead)
 //   kwdemo-app shell-operation DSTFOLDER SRC... copy each source through SHFileOperationW
+#include <winsock2.h>
 #include <windows.h>
 #include <objbase.h>
 #include <shellapi.h>
@@ -15,21 +16,11 @@
 #include <string>
 #include <vector>
 
+#include "host/owners.h"
+
 namespace {
 
 constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);
-
-template <typename T>
-struct Com {
-  T* p = nullptr;
-  ~Com() { if (p != nullptr) p->Release(); }
-  void** out() { return reinterpret_cast<void**>(&p); }
-};
-
-struct IdList {
-  PIDLIST_ABSOLUTE p = nullptr;
-  ~IdList() { if (p != nullptr) CoTaskMemFree(p); }
-};
 
 bool wait_for_dll(DWORD ms) {
   MSG msg;
@@ -47,20 +38,17 @@ bool wait_for_dll(DWORD ms) {
 }
 
 // The selection Explorer would hand over: a data object from the source's folder.
-bool data_object_for(const std::wstring& path, Com<IDataObject>* out) {
+bool data_object_for(const std::wstring& path, ComRef<IDataObject>* out) {
   const std::wstring folder = path.substr(0, path.rfind(L'\\'));
   std::wstring name = path.substr(path.rfind(L'\\') + 1);
-  IdList folder_id;
-  Com<IShellFolder> desktop, shell_folder;
-  if (FAILED(SHParseDisplayName(folder.c_str(), nullptr, &folder_id.p, 0, nullptr))) return false;
-  if (FAILED(SHGetDesktopFolder(&desktop.p))) return false;
-  if (FAILED(desktop.p->BindToObject(folder_id.p, nullptr, IID_IShellFolder, shell_folder.out()))) return false;
-  PIDLIST_RELATIVE child = nullptr;
-  if (FAILED(shell_folder.p->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, &child, nullptr))) return false;
-  PCUITEMID_CHILD children[] = {reinterpret_cast<PCUITEMID_CHILD>(child)};
-  const HRESULT hr = shell_folder.p->GetUIObjectOf(nullptr, 1, children, IID_IDataObject, nullptr, out->out());
-  CoTaskMemFree(child);
-  return SUCCEEDED(hr);
+  CoTaskMem<ITEMIDLIST> folder_id, child;
+  ComRef<IShellFolder> desktop, shell_folder;
+  if (FAILED(SHParseDisplayName(folder.c_str(), nullptr, folder_id.put(), 0, nullptr))) return false;
+  if (FAILED(SHGetDesktopFolder(desktop.put()))) return false;
+  if (FAILED(desktop->BindToObject(folder_id.get(), nullptr, IID_IShellFolder, shell_folder.put_void()))) return false;
+  if (FAILED(shell_folder->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, child.put(), nullptr))) return false;
+  PCUITEMID_CHILD children[] = {reinterpret_cast<PCUITEMID_CHILD>(child.get())};
+  return SUCCEEDED(shell_folder->GetUIObjectOf(nullptr, 1, children, IID_IDataObject, nullptr, out->put_void()));
 }
 
 std::wstring leaf(const std::wstring& path) { return path.substr(path.rfind(L'\\') + 1); }
@@ -71,16 +59,16 @@ int shell_engine(const std::wstring& destination, const std::vector<std::wstring
     const bool move = argument.rfind(L"move:", 0) == 0;
     const std::wstring source = move ? argument.substr(5) : argument;
     const char* verb = move ? "MoveItems" : "CopyItems";
-    Com<IFileOperation> op;
-    Com<IDataObject> items;
-    Com<IShellItem> target;
-    if (FAILED(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, op.out())) ||
+    ComRef<IFileOperation> op;
+    ComRef<IDataObject> items;
+    ComRef<IShellItem> target;
+    if (FAILED(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, op.put_void())) ||
         !data_object_for(source, &items) ||
-        FAILED(SHCreateItemFromParsingName(destination.c_str(), nullptr, IID_IShellItem, target.out()))) {
+        FAILED(SHCreateItemFromParsingName(destination.c_str(), nullptr, IID_IShellItem, target.put_void()))) {
       std::printf("kwdemo-app: cannot set up a shell %s of %ls\n", move ? "move" : "copy", source.c_str());
       continue;
     }
-    const HRESULT queued = move ? op.p->MoveItems(items.p, target.p) : op.p->CopyItems(items.p, target.p);
+    const HRESULT queued = move ? op->MoveItems(items.get(), target.get()) : op->CopyItems(items.get(), target.get());
     if (queued == kRefused) {
       std::printf("kwdemo-app: %s(%ls) was REFUSED (0xFFFFFFFF): nothing is %s\n", verb, leaf(source).c_str(),
                   move ? "moved" : "copied");
@@ -94,7 +82,7 @@ int shell_engine(const std::wstring& destination, const std::vector<std::wstring
     const std::wstring result = destination + L"\\" + leaf(source), staged = result + L".staged";
     if (move) MoveFileExW(source.c_str(), staged.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED);
     else CopyFileW(source.c_str(), staged.c_str(), FALSE);
-    const HRESULT performed = op.p->PerformOperations();
+    const HRESULT performed = op->PerformOperations();
     if (performed == kRefused) {
       if (move) MoveFileExW(staged.c_str(), source.c_str(), MOVEFILE_COPY_ALLOWED);
       else DeleteFileW(staged.c_str());

@@ -1,5 +1,5 @@
-// The reference side of the native checks: Zydis's reading of an instruction, the comparison
-// with the decoder's, and an independent check of a built trampoline.
+// Zydis as the oracle of the native checks and the trampoline fuzzer: its reading of an
+// instruction compared with the decoder's, and an independent check of a built trampoline.
 #pragma once
 #include <Zydis/Zydis.h>
 
@@ -18,21 +18,15 @@ struct RefInsn {
 };
 
 bool ref_decode(const uint8_t* code, size_t available, RefInsn* out);
-uint64_t ref_address(const RefInsn& r, int operand, uint64_t runtime_address);
 std::string hex(const uint8_t* p, size_t n);
 
-// Empty when the decoder's result (ok = its return value) agrees with Zydis on validity,
-// length, the RIP-relative operand (flag and disp32 position), the relative branch (kind,
-// position, width) and the flow kind; otherwise a one-line description of the difference.
-std::string compare(bool ok, const hookengine::Instruction& mine, const RefInsn& ref);
+// Empty when the decoder agrees with Zydis at `code` (validity, length, RIP-relative operand and
+// its disp32 position, relative branch kind/position/width, flow), or when the decoder's refusal
+// is one x64_decoder.h lists as deliberate; else a one-line description of the difference.
+std::string compare_with_zydis(const uint8_t* code, size_t available);
 
-// Why the decoder's refusal (ok false) of what Zydis decodes is deliberate (see x64_decoder.h),
-// or nullptr.
-const char* expected_difference(bool ok, const RefInsn& ref);
-
-// Empty when the trampoline `tramp` (at out_address), decoded by Zydis, reaches the same branch
-// targets and RIP-relative addresses as the original instructions, keeps every other
-// instruction byte for byte, and jumps back to target_address + copied_length.
+// Empty when the trampoline `tramp` (at out_address), read by Zydis, reaches the same branch
+// targets (same conditions) and RIP-relative addresses as the original instructions, keeps every
+// other instruction byte for byte, and jumps back to target_address + copied_length.
 std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t target_address,
-                              size_t patch_size, const uint8_t* tramp,
-                              const hookengine::Relocation& r, uint64_t out_address);
+                              const uint8_t* tramp, const hookengine::Relocation& r, uint64_t out_address);
