@@ -3,6 +3,7 @@
 // round, and prints the medians and their ratio.
 //   load RUNS [shell]           start of kwbench-child.exe to its first message, without and with
 //                               the DLL injected by a global InstallHookProc hook
+//   setup                       the DLL's set-up split into the platform's steps and the rest
 //   copyfile DIR ROUNDS CALLS   CopyFileW and SHFileOperationW of a 1 MiB file: unhooked, DLL loaded
 //                               with the policy off, and with copy and secret audit on (kwagent)
 //   copyitems DIR ROUNDS CALLS  IFileOperation::CopyItems likewise (Wine's method is a stub)
@@ -32,6 +33,7 @@
 #include "agent/agent_frame.h"
 #include "agent/copy_audit.h"
 #include "host/caller_context.h"
+#include "hookengine/inline_hook.h"
 #include "host/owners.h"
 #include "kwindel.h"
 #include "protect/folder_walk.h"
@@ -145,7 +147,7 @@ double time_child_start(const std::wstring& child, bool shell, bool expect_loade
   PROCESS_INFORMATION info = {};
   const double start = now_seconds();
   if (!start_process(L"\"" + child + L"\" " + event_name + (shell ? L" shell" : L""), &info)) return -1;
-  OwnedOwnedHandle process(info.hProcess), thread(info.hThread);
+  OwnedHandle process(info.hProcess), thread(info.hThread);
   HANDLE both[2] = {event.get(), process.get()};
   const DWORD waited = WaitForMultipleObjects(2, both, FALSE, 60000);
   const double elapsed = now_seconds() - start;
@@ -187,6 +189,54 @@ int bench_load(int runs, bool shell) {
   std::printf("  child %-26s plain %7.1f ms   DLL injected %7.1f ms   ratio %.2f (target <= 1.20)\n",
               shell ? "loading ole32 and shell32" : "importing user32 only", mp * 1e3, mh * 1e3, mh / mp);
   std::printf("    (median of %d alternating starts each; DLL adds %.1f ms)\n", runs, (mh - mp) * 1e3);
+  return 0;
+}
+
+// ---- setup ----
+
+// Stand-ins for the three replacements: the patches are timed and removed, never entered.
+HRESULT STDMETHODCALLTYPE stand_in(IFileOperation*, IUnknown*, IShellItem*) { return kNotImplemented; }
+HRESULT STDMETHODCALLTYPE stand_in_perform(IFileOperation*) { return kNotImplemented; }
+
+// One fresh process's split of the set-up on the shell copy engine's path: the platform's steps
+// as the set-up makes them (COM start-up and its end, the file-operation object, the three
+// patches of its methods with the other threads frozen, Winsock), then the DLL loaded into the
+// same process, whose entry then pays only what is the library's own (and the steps once more,
+// warm). Prints "com_ms A object_ms B patch_ms C winsock_ms D entry_after_ms E".
+int bench_setup() {
+  double t = now_seconds();
+  auto lap = [&t] {
+    const double now = now_seconds(), ms = (now - t) * 1e3;
+    t = now;
+    return ms;
+  };
+  // {3AD05575-8857-4850-9277-11B85BDB8E09} and {947AAB5F-0A5C-4C13-B4D6-4BF7836FC9F8}, as the set-up asks.
+  const CLSID file_operation = {0x3AD05575, 0x8857, 0x4850, {0x92, 0x77, 0x11, 0xB8, 0x5B, 0xDB, 0x8E, 0x09}};
+  const IID file_operation_iid = {0x947AAB5F, 0x0A5C, 0x4C13, {0xB4, 0xD6, 0x4B, 0xF7, 0x83, 0x6F, 0xC9, 0xF8}};
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE))) return 1;
+  double com = lap();
+  ComRef<IFileOperation> operation;
+  if (FAILED(CoCreateInstance(file_operation, nullptr, 0x15, file_operation_iid, operation.put_void()))) return 1;
+  const double object = lap();
+  void** methods = *reinterpret_cast<void***>(operation.get());
+  void* targets[3] = {methods[17], methods[15], methods[21]};  // CopyItems, MoveItems, PerformOperations
+  const hookengine::HookRequest requests[3] = {{&targets[0], reinterpret_cast<void*>(&stand_in)},
+                                               {&targets[1], reinterpret_cast<void*>(&stand_in)},
+                                               {&targets[2], reinterpret_cast<void*>(&stand_in_perform)}};
+  if (hookengine::install_hooks(requests, 3, nullptr) != 3) return 1;
+  const double patch = lap();
+  for (void*& target : targets) hookengine::remove_hook(&target);
+  operation.reset();
+  lap();
+  CoUninitialize();
+  com += lap();
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 1;
+  const double winsock = lap();
+  OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+  if (!dll.ok()) return 1;
+  std::printf("com_ms %.2f object_ms %.2f patch_ms %.2f winsock_ms %.2f entry_after_ms %.2f\n", com, object, patch,
+              winsock, lap());
   return 0;
 }
 
@@ -413,7 +463,7 @@ int bench_walk(const std::wstring& tree, const std::wstring& listing, int runs) 
     PROCESS_INFORMATION info = {};
     const double start = now_seconds();
     if (!start_process(command, &info)) return -1.0;
-    OwnedOwnedHandle process(info.hProcess), thread(info.hThread);
+    OwnedHandle process(info.hProcess), thread(info.hThread);
     WaitForSingleObject(process.get(), INFINITE);
     return now_seconds() - start;
   };
@@ -599,11 +649,12 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
 int wmain(int argc, wchar_t** argv) {
   const std::wstring mode = argc > 1 ? argv[1] : L"";
   if (mode == L"load" && argc >= 3) return bench_load(_wtoi(argv[2]), argc > 3 && std::wcscmp(argv[3], L"shell") == 0);
+  if (mode == L"setup") return bench_setup();
   if (mode == L"copyfile" && argc >= 5) return bench_copyfile(argv[2], _wtoi(argv[3]), _wtoi(argv[4]));
   if (mode == L"copyitems" && argc >= 5) return bench_copyitems(argv[2], _wtoi(argv[3]), _wtoi(argv[4]));
   if (mode == L"walk" && argc >= 5) return bench_walk(argv[2], argv[3], _wtoi(argv[4]));
   if (mode == L"audit" && argc >= 6) return bench_audit(_wtoi(argv[2]), _wtoi(argv[3]), _wtoi(argv[4]), argv[5]);
-  std::fputs("usage: kwbench load RUNS [shell] | copyfile DIR ROUNDS CALLS | copyitems DIR ROUNDS CALLS |\n"
+  std::fputs("usage: kwbench load RUNS [shell] | setup | copyfile DIR ROUNDS CALLS | copyitems DIR ROUNDS CALLS |\n"
              "       walk TREE LISTING RUNS | audit FILES RUNS PORT LOG\n",
              stderr);
   return 2;
