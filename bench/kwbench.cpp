@@ -554,6 +554,11 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
   auto logged = [&](long long before) {
     const ULONGLONG end = GetTickCount64() + 60000;
     while (file_size(log) <= before && GetTickCount64() < end) Sleep(20);
+    // The agent writes its line in pieces: done when the log has stopped growing for 250 ms.
+    for (long long size = file_size(log), last = -1; size != last && GetTickCount64() < end; size = file_size(log)) {
+      last = size;
+      Sleep(250);
+    }
     return file_size(log) > before;
   };
   const sockaddr_in agent_address = [&] {
@@ -595,7 +600,8 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
         if (sendto(sender.get(), frame.data() + offset, n, 0, reinterpret_cast<const sockaddr*>(&agent_address),
                    sizeof agent_address) != n ||
             (offset + n < bytes && recv(sender.get(), answer, sizeof answer, 0) <= 0)) {
-          std::fprintf(stderr, "kwbench audit: the minimal sender lost an answer\n");
+          std::fprintf(stderr, "kwbench audit: the minimal sender lost an answer at byte %zu (error %d)\n", offset,
+                       WSAGetLastError());
           return 1;
         }
       }
