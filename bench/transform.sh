@@ -65,6 +65,8 @@ printf '  kwindel transformation (Wine)            %8.1f MiB/s  %7.1f ms\n' "$ou
 printf '  ratio transformation / limit             %8.2f (target >= 0.90; median of %d alternating rounds)\n' "$(field ratio)" $rounds
 printf '  each step alone: read %.1f ms, digest %.1f ms, cipher (%s) %.1f ms, write %.1f ms\n' \
   "$(field split_read_ms)" "$(field split_digest_ms)" "$(field cipher_engine)" "$(field split_cipher_ms)" "$(field split_write_ms)"
+[ -z "$(field split_interleaved_ms)" ] ||
+  printf '  digest and cipher interleaved as the transformation runs them: %.1f ms\n' "$(field split_interleaved_ms)"
 printf '  openssl dgst -md5                        %8.1f MiB/s  (best of %d)\n' "$(calc "$size_mib / $t_md5")" $runs
 printf '  openssl enc -aes-128-ecb -nopad          %8.1f MiB/s  (best of %d)\n' "$(calc "$size_mib / $t_enc")" $runs
 printf '  openssl combined (md5 + enc)             %8.1f MiB/s\n' "$openssl_mib_s"
