@@ -3,7 +3,9 @@
 # but the last acknowledged) against the same bytes sent as plain datagrams without
 # acknowledgements, alternating in one run. kwagent listens on a bench port (17886 unless
 # KWBENCH_AGENT_PORT says otherwise), so a running agent on 7886 is not disturbed.
-# Target: the acknowledged rate at least half the plain rate.
+# Also against the least a stop-and-wait sender can do: the same frame bytes to the same agent,
+# send 8192 bytes, wait for the 128-byte answer, repeat (target: at least 0.9 of its rate).
+# Target against plain datagrams: at least half their rate.
 # usage: bench/audit_record.sh [BUILD_DIR]   (default build/release)
 set -euo pipefail
 source "$(dirname "$0")/common.bash"

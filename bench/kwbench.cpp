@@ -3,12 +3,15 @@
 // round, and prints the medians and their ratio.
 //   load RUNS [shell]           start of kwbench-child.exe to its first message, without and with
 //                               the DLL injected by a global InstallHookProc hook
+//   setup                       the DLL's set-up split into the platform's steps and the rest
 //   copyfile DIR ROUNDS CALLS   CopyFileW and SHFileOperationW of a 1 MiB file: unhooked, DLL loaded
 //                               with the policy off, and with copy and secret audit on (kwagent)
 //   copyitems DIR ROUNDS CALLS  IFileOperation::CopyItems likewise (Wine's method is a stub)
-//   walk TREE LISTING RUNS      get_filepaths_from_folder(TREE) against cmd /c dir /s /b TREE
+//   walk TREE LISTING RUNS      get_filepaths_from_folder(TREE) against a bare FindFirstFileExW
+//                               walk in this process and against cmd /c dir /s /b TREE
 //   audit FILES RUNS PORT LOG   a FilesCopy record of FILES files sent to kwagent (chunked and
-//                               acknowledged) against the same bytes as plain datagrams
+//                               acknowledged) against a minimal stop-and-wait sender of the same
+//                               bytes to kwagent, and against the same bytes as plain datagrams
 #include <winsock2.h>
 #include <windows.h>
 #include <objbase.h>
@@ -30,6 +33,8 @@
 #include "agent/agent_frame.h"
 #include "agent/copy_audit.h"
 #include "host/caller_context.h"
+#include "hookengine/inline_hook.h"
+#include "host/owners.h"
 #include "kwindel.h"
 #include "protect/folder_walk.h"
 
@@ -39,39 +44,10 @@ constexpr HRESULT kNotImplemented = static_cast<HRESULT>(0x80004001);
 // Copy audit, secret audit, destinations on local drives: both messages go to the agent.
 constexpr DWORD kAuditPolicy = KWINDEL_POLICY_COPY_AUDIT | KWINDEL_POLICY_SECRET_AUDIT | KWINDEL_POLICY_DEST_LOCAL;
 
-struct Handle {
-  HANDLE h = nullptr;
-  explicit Handle(HANDLE handle = nullptr) : h(handle == INVALID_HANDLE_VALUE ? nullptr : handle) {}
-  ~Handle() { if (h != nullptr) CloseHandle(h); }
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-};
-
-struct Module {
-  HMODULE h = nullptr;
-  explicit Module(const std::wstring& path) : h(LoadLibraryW(path.c_str())) {}
-  ~Module() { if (h != nullptr) FreeLibrary(h); }
-  Module(const Module&) = delete;
-  Module& operator=(const Module&) = delete;
-  template <typename T> T fn(const char* name) const { return reinterpret_cast<T>(reinterpret_cast<void*>(GetProcAddress(h, name))); }
-};
-
-template <typename T>
-struct Com {
-  T* p = nullptr;
-  ~Com() { if (p != nullptr) p->Release(); }
-  void** put() { return reinterpret_cast<void**>(&p); }
-};
-
-struct Pidl {
-  PIDLIST_ABSOLUTE p = nullptr;
-  ~Pidl() { if (p != nullptr) CoTaskMemFree(p); }
-};
-
-struct Socket {
-  SOCKET s = socket(AF_INET, SOCK_DGRAM, 0);
-  ~Socket() { if (s != INVALID_SOCKET) closesocket(s); }
-};
+template <typename Fn>
+Fn function_of(const OwnedModule& module, const char* name) {
+  return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module.get(), name)));
+}
 
 double now_seconds() {
   LARGE_INTEGER counter, frequency;
@@ -114,12 +90,12 @@ bool start_process(std::wstring command_line, PROCESS_INFORMATION* info, bool qu
 }
 
 bool write_file(const std::wstring& path, size_t size) {
-  Handle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (file.h == nullptr) return false;
+  OwnedHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file.ok()) return false;
   std::vector<char> bytes(size);
   for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 2654435761u >> 13);
   DWORD written = 0;
-  return WriteFile(file.h, bytes.data(), static_cast<DWORD>(size), &written, nullptr) && written == size;
+  return WriteFile(file.get(), bytes.data(), static_cast<DWORD>(size), &written, nullptr) && written == size;
 }
 
 // kwagent.exe from beside this program, stopped when this process ends or the scope ends.
@@ -130,8 +106,8 @@ class Agent {
   Agent(const std::wstring& options, DWORD wait_ms) {
     const std::wstring tag = std::to_wstring(GetCurrentProcessId());
     const std::wstring ready_name = L"kwbench-agent-ready-" + tag, stop_name = L"kwbench-agent-stop-" + tag;
-    ready_.h = CreateEventW(nullptr, TRUE, FALSE, ready_name.c_str());
-    stop_.h = CreateEventW(nullptr, TRUE, FALSE, stop_name.c_str());
+    ready_.reset(CreateEventW(nullptr, TRUE, FALSE, ready_name.c_str()));
+    stop_.reset(CreateEventW(nullptr, TRUE, FALSE, stop_name.c_str()));
     const ULONGLONG end = GetTickCount64() + wait_ms;
     do {
       PROCESS_INFORMATION info = {};
@@ -139,26 +115,25 @@ class Agent {
                                    L" --event " + stop_name + L" --parent " + tag;
       if (!start_process(command, &info, true)) return;
       CloseHandle(info.hThread);
-      process_.h = info.hProcess;
-      HANDLE both[2] = {ready_.h, process_.h};
+      process_.reset(info.hProcess);
+      HANDLE both[2] = {ready_.get(), process_.get()};
       if (WaitForMultipleObjects(2, both, FALSE, 10000) == WAIT_OBJECT_0) {
         ready = true;
         return;
       }
-      CloseHandle(process_.h);  // it exited: the port is taken
-      process_.h = nullptr;
+      process_.reset();  // it exited: the port is taken
       Sleep(1000);
     } while (GetTickCount64() < end);
   }
   ~Agent() {
-    if (process_.h == nullptr) return;
-    SetEvent(stop_.h);
-    if (WaitForSingleObject(process_.h, 5000) != WAIT_OBJECT_0) TerminateProcess(process_.h, 1);
+    if (!process_.ok()) return;
+    SetEvent(stop_.get());
+    if (WaitForSingleObject(process_.get(), 5000) != WAIT_OBJECT_0) TerminateProcess(process_.get(), 1);
   }
   bool ready = false;
 
  private:
-  Handle ready_, stop_, process_;
+  OwnedHandle ready_, stop_, process_;
 };
 
 // ---- load ----
@@ -168,17 +143,17 @@ class Agent {
 double time_child_start(const std::wstring& child, bool shell, bool expect_loaded, int serial) {
   const std::wstring event_name = L"kwbench-first-message-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
                                   std::to_wstring(serial);
-  Handle event(CreateEventW(nullptr, TRUE, FALSE, event_name.c_str()));
+  OwnedHandle event(CreateEventW(nullptr, TRUE, FALSE, event_name.c_str()));
   PROCESS_INFORMATION info = {};
   const double start = now_seconds();
   if (!start_process(L"\"" + child + L"\" " + event_name + (shell ? L" shell" : L""), &info)) return -1;
-  Handle process(info.hProcess), thread(info.hThread);
-  HANDLE both[2] = {event.h, process.h};
+  OwnedHandle process(info.hProcess), thread(info.hThread);
+  HANDLE both[2] = {event.get(), process.get()};
   const DWORD waited = WaitForMultipleObjects(2, both, FALSE, 60000);
   const double elapsed = now_seconds() - start;
   if (waited != WAIT_OBJECT_0) return -1;
   DWORD code = 2;
-  if (WaitForSingleObject(process.h, 60000) != WAIT_OBJECT_0 || !GetExitCodeProcess(process.h, &code)) return -1;
+  if (WaitForSingleObject(process.get(), 60000) != WAIT_OBJECT_0 || !GetExitCodeProcess(process.get(), &code)) return -1;
   if (code != (expect_loaded ? 0u : 1u)) {
     std::fprintf(stderr, "kwbench load: the child reported exit code %lu (expected %d)\n", code, expect_loaded ? 0 : 1);
     return -1;
@@ -187,8 +162,8 @@ double time_child_start(const std::wstring& child, bool shell, bool expect_loade
 }
 
 int bench_load(int runs, bool shell) {
-  Module dll(dll_path());
-  auto install = dll.fn<KwInstallHookProcFn>("InstallHookProc");
+  OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+  auto install = function_of<KwInstallHookProcFn>(dll, "InstallHookProc");
   if (install == nullptr) {
     std::fprintf(stderr, "kwbench load: cannot load %ls or its InstallHookProc\n", dll_path().c_str());
     return 1;
@@ -214,6 +189,57 @@ int bench_load(int runs, bool shell) {
   std::printf("  child %-26s plain %7.1f ms   DLL injected %7.1f ms   ratio %.2f (target <= 1.20)\n",
               shell ? "loading ole32 and shell32" : "importing user32 only", mp * 1e3, mh * 1e3, mh / mp);
   std::printf("    (median of %d alternating starts each; DLL adds %.1f ms)\n", runs, (mh - mp) * 1e3);
+  return 0;
+}
+
+// ---- setup ----
+
+// Stand-ins for the three replacements: the patches are timed and removed, never entered.
+HRESULT STDMETHODCALLTYPE stand_in(IFileOperation*, IUnknown*, IShellItem*) { return kNotImplemented; }
+HRESULT STDMETHODCALLTYPE stand_in_perform(IFileOperation*) { return kNotImplemented; }
+
+// One fresh process's split of the set-up on the shell copy engine's path: the platform's steps
+// as the set-up makes them (COM start-up and its end, the file-operation object, the three
+// patches of its methods with the other threads frozen, Winsock), then the DLL loaded into the
+// same process, whose entry then pays only what is the library's own (and the steps once more,
+// warm). Prints "com_ms A object_ms B patch_ms C winsock_ms D entry_after_ms E".
+int bench_setup() {
+  double t = now_seconds();
+  auto lap = [&t] {
+    const double now = now_seconds(), ms = (now - t) * 1e3;
+    t = now;
+    return ms;
+  };
+  // {3AD05575-8857-4850-9277-11B85BDB8E09} and {947AAB5F-0A5C-4C13-B4D6-4BF7836FC9F8}, as the set-up asks.
+  const CLSID file_operation = {0x3AD05575, 0x8857, 0x4850, {0x92, 0x77, 0x11, 0xB8, 0x5B, 0xDB, 0x8E, 0x09}};
+  const IID file_operation_iid = {0x947AAB5F, 0x0A5C, 0x4C13, {0xB4, 0xD6, 0x4B, 0xF7, 0x83, 0x6F, 0xC9, 0xF8}};
+  if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE))) return 1;
+  double com = lap();
+  ComRef<IFileOperation> operation;
+  if (FAILED(CoCreateInstance(file_operation, nullptr, 0x15, file_operation_iid, operation.put_void()))) return 1;
+  const double object = lap();
+  void** methods = *reinterpret_cast<void***>(operation.get());
+  void* targets[3] = {methods[17], methods[15], methods[21]};  // CopyItems, MoveItems, PerformOperations
+  const hookengine::HookRequest requests[3] = {{&targets[0], reinterpret_cast<void*>(&stand_in)},
+                                               {&targets[1], reinterpret_cast<void*>(&stand_in)},
+                                               {&targets[2], reinterpret_cast<void*>(&stand_in_perform)}};
+  if (hookengine::install_hooks(requests, 3, nullptr) != 3) return 1;
+  const double patch = lap();
+  for (void*& target : targets) hookengine::remove_hook(&target);
+  operation.reset();
+  lap();
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 1;
+  const double winsock = lap();
+  // COM stays initialised on this thread until the DLL is in, so that its entry finds the
+  // apartment ready, as it finds it in a program that uses COM.
+  OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+  if (!dll.ok()) return 1;
+  const double entry = lap();
+  CoUninitialize();
+  com += lap();
+  std::printf("com_ms %.2f object_ms %.2f patch_ms %.2f winsock_ms %.2f entry_after_ms %.2f\n", com, object, patch,
+              winsock, entry);
   return 0;
 }
 
@@ -246,8 +272,8 @@ int bench_copyfile(const std::wstring& dir, int rounds, int calls) {
   bool ok = true;
   for (int r = -1; r < rounds; ++r) {
     const double cf0 = per_call(calls, copy_file, &ok), sh0 = per_call(calls, shell_copy, &ok);
-    Module dll(dll_path());
-    auto set_policy = dll.fn<KwSetPolicyFn>("SetPolicy");
+    OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+    auto set_policy = function_of<KwSetPolicyFn>(dll, "SetPolicy");
     if (set_policy == nullptr) {
       std::fprintf(stderr, "kwbench copyfile: cannot load %ls\n", dll_path().c_str());
       return 1;
@@ -296,31 +322,31 @@ int bench_copyitems(const std::wstring& dir, int rounds, int calls) {
   CreateDirectoryW(out.c_str(), nullptr);
   if (!write_file(source, 1 << 20)) return 1;
   // The item set Explorer hands over: the folder's data object for the selected file.
-  Pidl folder_id;
-  Com<IShellFolder> desktop, folder;
-  Com<IDataObject> items;
-  Com<IShellItem> destination;
-  Com<IFileOperation> operation;
+  CoTaskMem<ITEMIDLIST> folder_id;
+  ComRef<IShellFolder> desktop, folder;
+  ComRef<IDataObject> items;
+  ComRef<IShellItem> destination;
+  ComRef<IFileOperation> operation;
   PIDLIST_RELATIVE child = nullptr;
   std::wstring name = L"source-1mib.bin";
-  bool made = SUCCEEDED(SHParseDisplayName(dir.c_str(), nullptr, &folder_id.p, 0, nullptr)) &&
-              SUCCEEDED(SHGetDesktopFolder(&desktop.p)) &&
-              SUCCEEDED(desktop.p->BindToObject(folder_id.p, nullptr, IID_IShellFolder, folder.put())) &&
-              SUCCEEDED(folder.p->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, &child, nullptr));
+  bool made = SUCCEEDED(SHParseDisplayName(dir.c_str(), nullptr, folder_id.put(), 0, nullptr)) &&
+              SUCCEEDED(SHGetDesktopFolder(desktop.put())) &&
+              SUCCEEDED(desktop.get()->BindToObject(folder_id.get(), nullptr, IID_IShellFolder, folder.put_void())) &&
+              SUCCEEDED(folder.get()->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, &child, nullptr));
   if (made) {
     PCUITEMID_CHILD children[1] = {reinterpret_cast<PCUITEMID_CHILD>(child)};
-    made = SUCCEEDED(folder.p->GetUIObjectOf(nullptr, 1, children, IID_IDataObject, nullptr, items.put()));
+    made = SUCCEEDED(folder.get()->GetUIObjectOf(nullptr, 1, children, IID_IDataObject, nullptr, items.put_void()));
   }
   if (child != nullptr) CoTaskMemFree(child);
-  made = made && SUCCEEDED(SHCreateItemFromParsingName(out.c_str(), nullptr, IID_IShellItem, destination.put())) &&
-         SUCCEEDED(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, operation.put()));
+  made = made && SUCCEEDED(SHCreateItemFromParsingName(out.c_str(), nullptr, IID_IShellItem, destination.put_void())) &&
+         SUCCEEDED(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, operation.put_void()));
   if (!made) {
     std::fprintf(stderr, "kwbench copyitems: cannot build the shell items\n");
     return 1;
   }
-  const unsigned char* method = reinterpret_cast<const unsigned char*>((*reinterpret_cast<void***>(operation.p))[17]);
+  const unsigned char* method = reinterpret_cast<const unsigned char*>((*reinterpret_cast<void***>(operation.get()))[17]);
   const unsigned char unpatched = method[0];
-  auto copy_items = [&] { return operation.p->CopyItems(items.p, destination.p) == kNotImplemented; };
+  auto copy_items = [&] { return operation.get()->CopyItems(items.get(), destination.get()) == kNotImplemented; };
   auto copy_file = [&] { return CopyFileW(source.c_str(), target.c_str(), FALSE) != 0; };
   Agent agent(L"--empty --log \"" + dir + L"\\agent.log\"", 60000);
   if (!agent.ready) std::fprintf(stderr, "kwbench copyitems: kwagent could not bind UDP 7886; no audit figures\n");
@@ -329,8 +355,8 @@ int bench_copyitems(const std::wstring& dir, int rounds, int calls) {
   const int audit_calls = std::max(1, calls / 20);  // each makes a round trip to the agent
   for (int r = -1; r < rounds; ++r) {
     const double c0 = per_call(calls, copy_items, &ok), f = per_call(5, copy_file, &ok);
-    Module dll(dll_path());
-    auto set_policy = dll.fn<KwSetPolicyFn>("SetPolicy");
+    OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+    auto set_policy = function_of<KwSetPolicyFn>(dll, "SetPolicy");
     if (set_policy == nullptr || method[0] == unpatched) {
       std::fprintf(stderr, "kwbench copyitems: the DLL did not patch CopyItems (is this a 6.x prefix?)\n");
       return 1;
@@ -368,15 +394,15 @@ int bench_copyitems(const std::wstring& dir, int rounds, int calls) {
   }, &parts_ok);
   const double display_name = per_call(calls, [&] {
     wchar_t* text = nullptr;
-    const bool got = SUCCEEDED(destination.p->GetDisplayName(SIGDN_FILESYSPATH, &text));
+    const bool got = SUCCEEDED(destination.get()->GetDisplayName(SIGDN_FILESYSPATH, &text));
     CoTaskMemFree(text);
     return got;
   }, &parts_ok);
   const double drop_list = per_call(calls, [&] {
-    Com<IDataObject> data;
+    ComRef<IDataObject> data;
     FORMATETC format = {CF_HDROP, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
     STGMEDIUM medium = {};
-    if (FAILED(items.p->QueryInterface(IID_IDataObject, data.put())) || FAILED(data.p->GetData(&format, &medium))) {
+    if (FAILED(items.get()->QueryInterface(IID_IDataObject, data.put_void())) || FAILED(data.get()->GetData(&format, &medium))) {
       return false;
     }
     auto drop = static_cast<HDROP>(GlobalLock(medium.hGlobal));
@@ -401,15 +427,34 @@ int bench_copyitems(const std::wstring& dir, int rounds, int calls) {
 
 // Lines in a file (the listing dir /s /b wrote).
 long count_lines(const std::wstring& path) {
-  Handle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-  if (file.h == nullptr) return -1;
+  OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  if (!file.ok()) return -1;
   std::vector<char> buffer(1 << 16);
   long lines = 0;
   DWORD n = 0;
-  while (ReadFile(file.h, buffer.data(), static_cast<DWORD>(buffer.size()), &n, nullptr) && n > 0) {
+  while (ReadFile(file.get(), buffer.data(), static_cast<DWORD>(buffer.size()), &n, nullptr) && n > 0) {
     lines += static_cast<long>(std::count(buffer.begin(), buffer.begin() + n, '\n'));
   }
   return lines;
+}
+
+// The limit of a folder expansion: a bare recursive FindFirstFileExW walk (basic information,
+// large fetch) that produces the same list (UTF-8 paths of the regular files, depth first).
+void bare_walk(const std::wstring& folder, std::vector<std::string>& out) {
+  WIN32_FIND_DATAW data;
+  OwnedFind find(FindFirstFileExW((folder + L"\\*").c_str(), FindExInfoBasic, &data, FindExSearchNameMatch, nullptr,
+                                  FIND_FIRST_EX_LARGE_FETCH));
+  if (!find.ok()) return;
+  do {
+    const wchar_t* name = data.cFileName;
+    if (name[0] == L'.' && (name[1] == 0 || (name[1] == L'.' && name[2] == 0))) continue;
+    const std::wstring path = folder + L"\\" + name;
+    if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+      bare_walk(path, out);
+    } else {
+      out.push_back(wide_to_utf8(path));
+    }
+  } while (FindNextFileW(find.get(), &data));
 }
 
 int bench_walk(const std::wstring& tree, const std::wstring& listing, int runs) {
@@ -421,16 +466,16 @@ int bench_walk(const std::wstring& tree, const std::wstring& listing, int runs) 
     PROCESS_INFORMATION info = {};
     const double start = now_seconds();
     if (!start_process(command, &info)) return -1.0;
-    Handle process(info.hProcess), thread(info.hThread);
-    WaitForSingleObject(process.h, INFINITE);
+    OwnedHandle process(info.hProcess), thread(info.hThread);
+    WaitForSingleObject(process.get(), INFINITE);
     return now_seconds() - start;
   };
   const std::string tree_utf8 = wide_to_utf8(tree.c_str());
-  std::vector<double> walk, dir_file, dir_nul;
-  size_t files = 0;
+  std::vector<double> walk, bare, dir_file, dir_nul;
+  size_t files = 0, bare_files = 0;
   for (int r = -1; r < runs; ++r) {  // round -1 warms the caches and is not counted
-    std::vector<std::string> out;
-    const double start = now_seconds();
+    std::vector<std::string> out, bare_out;
+    double start = now_seconds();
     const int32_t count = get_filepaths_from_folder(tree_utf8, out);
     const double w = now_seconds() - start;
     if (count <= 0) {
@@ -438,13 +483,23 @@ int bench_walk(const std::wstring& tree, const std::wstring& listing, int runs) 
       return 1;
     }
     files = out.size();
+    start = now_seconds();
+    bare_walk(tree, bare_out);
+    const double b = now_seconds() - start;
+    bare_files = bare_out.size();
     const double f = run_dir(to_file), n = run_dir(to_nul);
     if (f < 0 || n < 0) return 1;
-    if (r >= 0) walk.push_back(w), dir_file.push_back(f), dir_nul.push_back(n);
+    if (r >= 0) walk.push_back(w), bare.push_back(b), dir_file.push_back(f), dir_nul.push_back(n);
+  }
+  if (bare_files != files) {
+    std::fprintf(stderr, "kwbench walk: the bare walk listed %zu files, the library %zu\n", bare_files, files);
+    return 1;
   }
   const long lines = count_lines(listing);
-  const double mw = median(walk), mf = median(dir_file), mn = median(dir_nul);
+  const double mw = median(walk), mb = median(bare), mf = median(dir_file), mn = median(dir_nul);
   std::printf("  get_filepaths_from_folder        %7.0f ms (%zu files in a list)\n", mw * 1e3, files);
+  std::printf("  limit: bare FindFirstFileExW     %7.0f ms (basic information, large fetch; same list)\n", mb * 1e3);
+  std::printf("  ratio limit / walk time          %7.2f (target >= 0.80)\n", mb / mw);
   std::printf("  cmd /c dir /s /b > listing file  %7.0f ms (%ld lines: files and folders)   ratio dir / walk %.2f\n",
               mf * 1e3, lines, mf / mw);
   std::printf("  cmd /c dir /s /b > NUL           %7.0f ms                                    ratio dir / walk %.2f\n",
@@ -484,24 +539,43 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
     return 1;
   }
   // The plain receiver: a socket of this process that only counts what arrives.
-  Socket receiver;
+  OwnedSocket receiver(socket(AF_INET, SOCK_DGRAM, 0));
   int buffer_size = 32 << 20;
-  setsockopt(receiver.s, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<const char*>(&buffer_size), sizeof buffer_size);
+  setsockopt(receiver.get(), SOL_SOCKET, SO_RCVBUF, reinterpret_cast<const char*>(&buffer_size), sizeof buffer_size);
   DWORD poll_ms = 200;
-  setsockopt(receiver.s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&poll_ms), sizeof poll_ms);
+  setsockopt(receiver.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&poll_ms), sizeof poll_ms);
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = inet_addr("127.0.0.1");
   int length = sizeof address;
-  if (bind(receiver.s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      getsockname(receiver.s, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  if (bind(receiver.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      getsockname(receiver.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     return 1;
   }
-  std::vector<double> acked, plain;
+  // The agent has the whole record once it logs it; each sender waits for that, so that the
+  // agent's parsing never overlaps the next sender's chunks.
+  auto logged = [&](long long before) {
+    const ULONGLONG end = GetTickCount64() + 60000;
+    while (file_size(log) <= before && GetTickCount64() < end) Sleep(20);
+    // The agent writes its line in pieces: done when the log has stopped growing for 250 ms.
+    for (long long size = file_size(log), last = -1; size != last && GetTickCount64() < end; size = file_size(log)) {
+      last = size;
+      Sleep(250);
+    }
+    return file_size(log) > before;
+  };
+  const sockaddr_in agent_address = [&] {
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<u_short>(port));
+    a.sin_addr.s_addr = inet_addr("127.0.0.1");
+    return a;
+  }();
+  std::vector<double> acked, minimal, plain;
   std::vector<double> delivered;
   for (int r = -1; r < runs; ++r) {
     // Chunked and acknowledged, as the library sends a record (SendCopyAudit with the agent's port).
-    const long long before = file_size(log);
+    long long before = file_size(log);
     double start = now_seconds();
     agent::AgentChannel channel;
     channel.SetReceiveTimeout(agent::kReceiveTimeoutMs);
@@ -511,11 +585,33 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
       std::fprintf(stderr, "kwbench audit: the record was not acknowledged throughout\n");
       return 1;
     }
-    // The agent has the whole record once it logs it; wait so that its parsing does not overlap.
-    const ULONGLONG end = GetTickCount64() + 60000;
-    while (file_size(log) <= before && GetTickCount64() < end) Sleep(20);
-    if (file_size(log) <= before) {
+    if (!logged(before)) {
       std::fprintf(stderr, "kwbench audit: kwagent did not log the record\n");
+      return 1;
+    }
+    // The limit: the least a stop-and-wait sender can do with the same frame bytes, to the same
+    // agent program: send 8192 bytes, wait for the 128-byte answer, repeat.
+    before = file_size(log);
+    start = now_seconds();
+    {
+      OwnedSocket sender(socket(AF_INET, SOCK_DGRAM, 0));
+      DWORD timeout_ms = agent::kReceiveTimeoutMs;
+      setsockopt(sender.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout_ms), sizeof timeout_ms);
+      char answer[agent::kAckSize];
+      for (size_t offset = 0; offset < bytes; offset += agent::kChunkSize) {
+        const int n = static_cast<int>(std::min<size_t>(agent::kChunkSize, bytes - offset));
+        if (sendto(sender.get(), frame.data() + offset, n, 0, reinterpret_cast<const sockaddr*>(&agent_address),
+                   sizeof agent_address) != n ||
+            (offset + n < bytes && recv(sender.get(), answer, sizeof answer, 0) <= 0)) {
+          std::fprintf(stderr, "kwbench audit: the minimal sender lost an answer at byte %zu (error %d)\n", offset,
+                       WSAGetLastError());
+          return 1;
+        }
+      }
+    }
+    const double m = now_seconds() - start;
+    if (!logged(before)) {
+      std::fprintf(stderr, "kwbench audit: kwagent did not log the minimal sender's record\n");
       return 1;
     }
     // The same bytes as plain datagrams of the same size, without acknowledgements.
@@ -524,30 +620,34 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
     std::thread counter([&] {
       std::vector<char> buffer(agent::kChunkSize);
       while (received < static_cast<long long>(bytes)) {
-        const int n = recv(receiver.s, buffer.data(), static_cast<int>(buffer.size()), 0);
+        const int n = recv(receiver.get(), buffer.data(), static_cast<int>(buffer.size()), 0);
         if (n <= 0) break;  // 200 ms of silence: the rest was lost
         received += n;
         last = now_seconds();
       }
     });
-    Socket sender;
+    OwnedSocket sender(socket(AF_INET, SOCK_DGRAM, 0));
     start = now_seconds();
     for (size_t offset = 0; offset < bytes; offset += agent::kChunkSize) {
       const int n = static_cast<int>(std::min<size_t>(agent::kChunkSize, bytes - offset));
-      sendto(sender.s, frame.data() + offset, n, 0, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+      sendto(sender.get(), frame.data() + offset, n, 0, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }
     const double sent_at = now_seconds();
     counter.join();
     const double p = std::max(sent_at, last.load()) - start;
-    if (r >= 0) acked.push_back(a), plain.push_back(p), delivered.push_back(double(received) / double(bytes));
+    if (r >= 0) acked.push_back(a), minimal.push_back(m), plain.push_back(p), delivered.push_back(double(received) / double(bytes));
   }
-  const double ma = median(acked), mp = median(plain), mib = double(bytes) / 1048576.0;
+  const double ma = median(acked), mm = median(minimal), mp = median(plain), mib = double(bytes) / 1048576.0;
   std::printf("  record of %d files: %.2f MiB in %zu datagrams of at most %d bytes\n", files, mib, chunks,
               agent::kChunkSize);
-  std::printf("  chunked, acknowledged (kwagent)  %7.1f ms  %7.1f MiB/s\n", ma * 1e3, mib / ma);
-  std::printf("  plain datagrams, no acks         %7.1f ms  %7.1f MiB/s  (%.0f%% delivered, median)\n", mp * 1e3, mib / mp,
-              100 * median(delivered));
-  std::printf("  ratio acknowledged / plain rate  %.2f (target >= 0.50)   (median of %d alternating runs)\n", mp / ma,
+  std::printf("  kwindel sender (kwagent)             %7.1f ms  %7.1f MiB/s  %6.1f us per chunk\n", ma * 1e3, mib / ma,
+              ma * 1e6 / double(chunks));
+  std::printf("  limit: minimal stop-and-wait sender  %7.1f ms  %7.1f MiB/s  %6.1f us per chunk\n", mm * 1e3, mib / mm,
+              mm * 1e6 / double(chunks));
+  std::printf("  ratio kwindel / limit rate           %.2f (target >= 0.90)\n", mm / ma);
+  std::printf("  peer: plain datagrams, no answers    %7.1f ms  %7.1f MiB/s  (%.0f%% delivered, median)\n", mp * 1e3,
+              mib / mp, 100 * median(delivered));
+  std::printf("  ratio kwindel / plain rate           %.2f (target >= 0.50)   (median of %d alternating runs)\n", mp / ma,
               runs);
   WSACleanup();
   return 0;
@@ -558,11 +658,12 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
 int wmain(int argc, wchar_t** argv) {
   const std::wstring mode = argc > 1 ? argv[1] : L"";
   if (mode == L"load" && argc >= 3) return bench_load(_wtoi(argv[2]), argc > 3 && std::wcscmp(argv[3], L"shell") == 0);
+  if (mode == L"setup") return bench_setup();
   if (mode == L"copyfile" && argc >= 5) return bench_copyfile(argv[2], _wtoi(argv[3]), _wtoi(argv[4]));
   if (mode == L"copyitems" && argc >= 5) return bench_copyitems(argv[2], _wtoi(argv[3]), _wtoi(argv[4]));
   if (mode == L"walk" && argc >= 5) return bench_walk(argv[2], argv[3], _wtoi(argv[4]));
   if (mode == L"audit" && argc >= 6) return bench_audit(_wtoi(argv[2]), _wtoi(argv[3]), _wtoi(argv[4]), argv[5]);
-  std::fputs("usage: kwbench load RUNS [shell] | copyfile DIR ROUNDS CALLS | copyitems DIR ROUNDS CALLS |\n"
+  std::fputs("usage: kwbench load RUNS [shell] | setup | copyfile DIR ROUNDS CALLS | copyitems DIR ROUNDS CALLS |\n"
              "       walk TREE LISTING RUNS | audit FILES RUNS PORT LOG\n",
              stderr);
   return 2;

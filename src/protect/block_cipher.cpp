@@ -235,6 +235,19 @@ void BlockCipher::encipher_buffer(const uint8_t* in, size_t length, uint8_t* out
   }
 }
 
+void BlockCipher::encipher_in_place_observed(uint8_t* data, size_t length, Observer observe, void* context) const {
+  const size_t count = length / 16;
+  if (engine_ == Engine::aes_ni) {
+    block_cipher_detail::aesni_encipher_observed(ni_enc_, enc_.rounds, data, count, observe, context);
+    return;
+  }
+  for (size_t i = 0; i < count; i += 8) {
+    const size_t n = count - i < 8 ? count - i : 8;
+    observe(context, data + 16 * i, 16 * n);
+    blocks(true, data + 16 * i, data + 16 * i, n);
+  }
+}
+
 void BlockCipher::decipher_buffer(const uint8_t* in, uint8_t* out, size_t length) const {
   const size_t whole = length / 16;
   const size_t rest = length % 16;

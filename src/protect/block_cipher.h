@@ -23,6 +23,12 @@ class BlockCipher {
   // Sets *out_length to length rounded up to 16 and enciphers that many bytes into out, the
   // last partial block taken as zero-padded. out must hold *out_length bytes.
   void encipher_buffer(const uint8_t* in, size_t length, uint8_t* out, size_t* out_length) const;
+  // Called with each stretch of plaintext (at most 128 bytes, in order) just before it is enciphered.
+  using Observer = void (*)(void* context, const uint8_t* bytes, size_t size);
+  // Enciphers the whole blocks of `length` bytes in place (length rounded down to 16), showing
+  // every stretch to `observe` first: a digest of the plaintext taken in the same pass, whose
+  // serial work the AES-NI instructions of the stretch before overlap.
+  void encipher_in_place_observed(uint8_t* data, size_t length, Observer observe, void* context) const;
   // Deciphers length bytes (rounded up to 16, the last partial block zero-padded) into out.
   void decipher_buffer(const uint8_t* in, uint8_t* out, size_t length) const;
 

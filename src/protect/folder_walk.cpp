@@ -30,22 +30,20 @@ bool folder_id(const fs::path& folder, FolderId* id) {
   return true;
 }
 
-// True when `folder` is one of the folders on the chain that led to it. A folder whose
-// identity cannot be read is walked as before.
-bool is_ancestor(const fs::path& folder, const std::vector<FolderId>& chain) {
-  FolderId id;
-  if (!folder_id(folder, &id)) return false;
+// True when `id` (read when it could be) is one of the folders on the chain that led to it. A
+// folder whose identity cannot be read is walked as before.
+bool is_ancestor(bool known, const FolderId& id, const std::vector<FolderId>& chain) {
+  if (!known) return false;
   for (const FolderId& ancestor : chain)
     if (ancestor == id) return true;
   return false;
 }
 
-int32_t walk(const fs::path& folder, std::vector<std::string>& out, std::vector<FolderId>& chain) {
+// `id`: the folder's identity, already read by the caller (all zero when unknown).
+int32_t walk(const fs::path& folder, const FolderId& id, std::vector<std::string>& out, std::vector<FolderId>& chain) {
   boost::system::error_code ec;
   fs::directory_iterator it(folder, ec);
   if (ec) return 0;
-  FolderId id;
-  if (!folder_id(folder, &id)) id = FolderId{};  // unknown: matches nothing real
   chain.push_back(id);
   struct PopOnExit {
     std::vector<FolderId>& c;
@@ -60,7 +58,10 @@ int32_t walk(const fs::path& folder, std::vector<std::string>& out, std::vector<
       out.push_back(wide_to_utf8(entry.native()));
     } else if (status.type() == fs::directory_file) {
       if (ec) return 0;
-      if (!is_ancestor(entry, chain)) walk(entry, out, chain);  // result ignored
+      // One identity read per folder serves both the loop check and the folder's own walk.
+      FolderId child;
+      const bool known = folder_id(entry, &child);
+      if (!is_ancestor(known, child, chain)) walk(entry, known ? child : FolderId{}, out, chain);  // result ignored
     }
     // Anything else (dangling links, unreadable entries, devices) is skipped.
     it.increment(ec);
@@ -73,5 +74,8 @@ int32_t walk(const fs::path& folder, std::vector<std::string>& out, std::vector<
 
 int32_t get_filepaths_from_folder(std::string folder, std::vector<std::string>& out) {
   std::vector<FolderId> chain;
-  return walk(fs::path(utf8_to_wide(folder)), out, chain);
+  const fs::path root(utf8_to_wide(folder));
+  FolderId id;
+  if (!folder_id(root, &id)) id = FolderId{};  // unknown: matches nothing real
+  return walk(root, id, out, chain);
 }

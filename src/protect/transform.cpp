@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstring>
 #include <locale>
 #include <memory>
@@ -32,6 +33,7 @@ class FileHandle {
   HANDLE h_;
 };
 
+constexpr DWORD kIoSize = 16 * kTransformChunk;  // bytes per read and per write
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 HANDLE open_for_reading(const std::wstring& path) {
@@ -64,6 +66,8 @@ bool write_all(HANDLE file, const uint8_t* data, DWORD size) {
   }
   return true;
 }
+
+void digest_stretch(void* md5, const uint8_t* bytes, size_t size) { static_cast<MD5*>(md5)->update(bytes, size); }
 
 struct Wipe {
   void* p;
@@ -113,11 +117,7 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
     ~Report() { if (out != nullptr) *out = value; }
   } report{complete, whole};
   if (source == nullptr || destination == nullptr || password_buffer == nullptr) return false;
-  uint8_t digest_field[kDigestFieldSize] = {};
   const std::wstring wide_source = utf8_to_wide(source);
-  const std::string digest = FileDigestHex(wide_source);
-  std::memcpy(digest_field, digest.c_str(), std::min(digest.size(), kDigestFieldSize - 1));
-
   std::wstring wide_destination = utf8_to_wide(destination);
   const bool in_place = wide_source == wide_destination;
   if (in_place) wide_destination += L".tmp";
@@ -132,32 +132,54 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
     BuildKeyMaterial(password_buffer, key);
 
     FileHandle input(open_for_reading(wide_source));
-    // Both chunk buffers are taken once per call (the caller's stack may be small).
-    std::unique_ptr<uint8_t[]> buffers(input.ok() ? new (std::nothrow) uint8_t[2 * kTransformChunk] : nullptr);
-    if (buffers) {
-      uint8_t* in = buffers.get();
-      uint8_t* out = in + kTransformChunk;
+    // One pass: each piece read is digested, then enciphered in place and written. The buffer is
+    // taken once per call (the caller's stack may be small); reads and writes of 1 MiB keep the
+    // calls into the system few.
+    std::unique_ptr<uint8_t[]> buffer(input.ok() ? new (std::nothrow) uint8_t[kIoSize] : nullptr);
+    if (buffer) {
+      uint8_t* data = buffer.get();
       BlockCipher cipher(0, key);
-      uint8_t header[kEncryptedHeaderSize];
+      MD5 md5;
+      // The digest field stays zero until the whole plaintext has been read; then it is written
+      // in place, so the file's bytes are those of the layout above whatever the order of writes.
+      uint8_t header[kEncryptedHeaderSize] = {};
       std::memcpy(header, kEncryptedFileMagic, 8);
-      std::memcpy(header + 8, digest_field, kDigestFieldSize);
-      bool failed = !output.ok() || digest.size() != kDigestFieldSize - 1;
+      bool failed = !output.ok();
+      bool read_failed = false;
       failed |= !write_all(output.get(), header, sizeof header);
       for (;;) {
-        const DWORD length = read_some(input.get(), in, kTransformChunk, &failed);
+        const DWORD length = read_some(input.get(), data, kIoSize, &read_failed);
         if (length == 0) break;
-        const DWORD r = length % 16;
-        const DWORD head = length - r;
-        if (encrypt) {
-          size_t produced = 0;
-          cipher.encipher_buffer(in, head, out, &produced);
-        } else {
-          cipher.decipher_buffer(in, out, head);
+        // The layout's 64 KiB chunks: only a chunk that ends the file can be short, and only its
+        // tail (length mod 16) is masked instead of enciphered.
+        for (DWORD offset = 0; offset < length; offset += kTransformChunk) {
+          uint8_t* chunk = data + offset;
+          const DWORD size = std::min<DWORD>(kTransformChunk, length - offset);
+          const DWORD r = size % 16;
+          const DWORD head = size - r;
+          if (encrypt) {
+            cipher.encipher_in_place_observed(chunk, head, &digest_stretch, &md5);  // digest and cipher interleaved
+            md5.update(chunk + head, r);
+          } else {
+            md5.update(chunk, size);
+            cipher.decipher_buffer(chunk, chunk, head);
+          }
+          for (DWORD j = 0; j < r; ++j) chunk[head + j] ^= key[r - j];
         }
-        for (DWORD j = 0; j < r; ++j) out[head + j] = in[head + j] ^ key[r - j];
-        failed |= !write_all(output.get(), out, length);
+        failed |= !write_all(output.get(), data, length);
+        if (length < kIoSize && !read_failed) break;  // the end of the file
       }
-      SecureZeroMemory(buffers.get(), 2 * kTransformChunk);
+      failed |= read_failed;
+      if (!read_failed) {
+        md5.finalize();
+        const std::string digest = md5.hex_digest();
+        LARGE_INTEGER field;
+        field.QuadPart = 8;
+        failed |= !SetFilePointerEx(output.get(), field, nullptr, FILE_BEGIN) ||
+                  !write_all(output.get(), reinterpret_cast<const uint8_t*>(digest.data()),
+                             static_cast<DWORD>(digest.size()));
+      }
+      SecureZeroMemory(data, kIoSize);
       result = true;
       whole = !failed && FlushFileBuffers(output.get());
     }
