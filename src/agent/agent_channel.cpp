@@ -25,21 +25,19 @@ DatagramAddress AgentAddress(uint16_t port) {
 
 AgentChannel::AgentChannel() : socket_(socket(AF_INET, SOCK_DGRAM, 0)), destination_(AgentAddress()) {}
 
-AgentChannel::~AgentChannel() {
-  if (socket_ != INVALID_SOCKET) closesocket(socket_);
-}
-
 void AgentChannel::SetReceiveTimeout(DWORD milliseconds) {
-  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&milliseconds), sizeof milliseconds);
+  setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&milliseconds),
+             sizeof milliseconds);
 }
 
 int AgentChannel::SendTo(const char* data, int size, const DatagramAddress& to) {
-  return sendto(socket_, data, size, 0, reinterpret_cast<const sockaddr*>(to.bytes), to.length);
+  return sendto(socket_.get(), data, size, 0, reinterpret_cast<const sockaddr*>(to.bytes), to.length);
 }
 
 int AgentChannel::ReceiveFrom(char* buffer, int capacity, DatagramAddress* from) {
   int length = sizeof from->bytes;
-  const int count = recvfrom(socket_, buffer, capacity, 0, reinterpret_cast<sockaddr*>(from->bytes), &length);
+  const int count =
+      recvfrom(socket_.get(), buffer, capacity, 0, reinterpret_cast<sockaddr*>(from->bytes), &length);
   from->length = count > 0 ? length : 0;
   return count;
 }

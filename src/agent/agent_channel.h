@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include "agent/agent_frame.h"
+#include "host/owners.h"
 
 namespace agent {
 
@@ -28,11 +29,10 @@ DatagramAddress AgentAddress(uint16_t port = kAgentPort);
 class AgentChannel : public DatagramIo {
  public:
   AgentChannel();
-  ~AgentChannel() override;
   AgentChannel(const AgentChannel&) = delete;
   AgentChannel& operator=(const AgentChannel&) = delete;
 
-  bool ok() const { return socket_ != INVALID_SOCKET; }
+  bool ok() const { return socket_.ok(); }
   const DatagramAddress& destination() const { return destination_; }
   // SO_RCVTIMEO in milliseconds (a 4-byte value); the result is not needed by any caller.
   void SetReceiveTimeout(DWORD milliseconds);
@@ -41,7 +41,7 @@ class AgentChannel : public DatagramIo {
   int ReceiveFrom(char* buffer, int capacity, DatagramAddress* from) override;
 
  private:
-  SOCKET socket_ = INVALID_SOCKET;
+  OwnedSocket socket_;
   DatagramAddress destination_;
 };
 

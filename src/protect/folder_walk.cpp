@@ -5,6 +5,7 @@
 #include <boost/filesystem.hpp>
 
 #include "host/caller_context.h"
+#include "host/owners.h"
 
 namespace fs = boost::filesystem;
 
@@ -19,13 +20,11 @@ struct FolderId {
 };
 
 bool folder_id(const fs::path& folder, FolderId* id) {
-  HANDLE h = CreateFileW(folder.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return false;
+  const OwnedHandle h(CreateFileW(folder.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                 OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
   BY_HANDLE_FILE_INFORMATION info;
-  const bool ok = GetFileInformationByHandle(h, &info) != 0;
-  CloseHandle(h);
-  if (!ok || (info.nFileIndexHigh == 0 && info.nFileIndexLow == 0)) return false;
+  if (!h.ok() || !GetFileInformationByHandle(h.get(), &info)) return false;
+  if (info.nFileIndexHigh == 0 && info.nFileIndexLow == 0) return false;
   *id = FolderId{info.dwVolumeSerialNumber, info.nFileIndexHigh, info.nFileIndexLow};
   return true;
 }

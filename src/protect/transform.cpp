@@ -9,6 +9,7 @@
 #include <new>
 
 #include "host/caller_context.h"
+#include "host/owners.h"
 #include "protect/block_cipher.h"
 #include "protect/key_mask.h"
 #include "protect/md5.h"
@@ -16,22 +17,6 @@
 const uint8_t kEncryptedFileMagic[8] = {0x01, 0x02, 0x03, 0x04, 0x10, 0x20, 0x30, 0x40};
 
 namespace {
-
-class FileHandle {
- public:
-  explicit FileHandle(HANDLE h) : h_(h) {}
-  ~FileHandle() { close(); }
-  FileHandle(const FileHandle&) = delete;
-  FileHandle& operator=(const FileHandle&) = delete;
-  bool ok() const { return h_ != INVALID_HANDLE_VALUE; }
-  HANDLE get() const { return h_; }
-  void close() {
-    if (ok()) CloseHandle(h_);
-    h_ = INVALID_HANDLE_VALUE;
-  }
- private:
-  HANDLE h_;
-};
 
 constexpr DWORD kIoSize = 16 * kTransformChunk;  // bytes per read and per write
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
@@ -91,7 +76,7 @@ void BuildKeyMaterial(const uint8_t password_buffer[32], uint8_t key_material[32
 }
 
 std::string FileDigestHex(const std::wstring& path) {
-  FileHandle file(open_for_reading(path));
+  OwnedHandle file(open_for_reading(path));
   if (!file.ok()) return std::string();
   constexpr DWORD kBuffer = 1 << 20;
   std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kBuffer]);
@@ -125,13 +110,13 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
   bool result = false;
   {
     // Wide names go straight to CreateFileW, so no locale decides how they are read.
-    FileHandle output(CreateFileW(wide_destination.c_str(), GENERIC_WRITE, kShareAll, nullptr,
+    OwnedHandle output(CreateFileW(wide_destination.c_str(), GENERIC_WRITE, kShareAll, nullptr,
                                   CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     uint8_t key[32];
     Wipe wipe_key{key, sizeof key};
     BuildKeyMaterial(password_buffer, key);
 
-    FileHandle input(open_for_reading(wide_source));
+    OwnedHandle input(open_for_reading(wide_source));
     // One pass: each piece read is digested, then enciphered in place and written. The buffer is
     // taken once per call (the caller's stack may be small); reads and writes of 1 MiB keep the
     // calls into the system few.
