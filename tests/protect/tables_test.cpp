@@ -95,12 +95,13 @@ TEST(PendingTable, RegistrationMatchingAndConsumption) {
   EXPECT_EQ(0u, pending_encrypted_file_count());
 }
 
-class FakeStorage final : public StorageProvider {
- public:
-  UINT type = DRIVE_FIXED;
-  bool opens = true;
-  BOOL answers = TRUE;
-  STORAGE_BUS_TYPE bus = BusTypeSata;
+// Answers as configured and records the calls it gets.
+struct FakeStorage final : StorageProvider {
+  FakeStorage(UINT t, bool o, BOOL a, STORAGE_BUS_TYPE b) : type(t), opens(o), answers(a), bus(b) {}
+  UINT type;
+  bool opens;
+  BOOL answers;
+  STORAGE_BUS_TYPE bus;
   std::string calls;
   UINT DriveType(const wchar_t* drive) override { return calls += "type " + kwtest::narrow(drive) + ";", type; }
   HANDLE OpenVolume(const wchar_t* name) override {
@@ -119,31 +120,24 @@ TEST(ClassifyDestination, DecisionTableThroughProvider) {
   const std::string usb_e = "type E:;open \\\\?\\E:;query 551;close";
   const struct {
     const wchar_t* path;
-    UINT type;
-    bool opens;
-    BOOL answers;
-    STORAGE_BUS_TYPE bus;
+    FakeStorage storage;
     int expected;
     std::string calls;
   } rows[] = {
-      {L"E:\\dir\\f.txt", DRIVE_REMOVABLE, true, TRUE, BusTypeSata, 1, "type E:;"},  // card reader: no volume opened
-      {L"E:\\f.txt", DRIVE_FIXED, true, TRUE, BusTypeUsb, 1, usb_e},                // USB disk reported as fixed
-      {L"E:\\f.txt", DRIVE_FIXED, true, TRUE, BusTypeSata, 0, usb_e},
-      {L"E:\\f.txt", DRIVE_FIXED, false, TRUE, BusTypeUsb, 0, "type E:;open \\\\?\\E:;"},
-      {L"E:\\f.txt", DRIVE_FIXED, true, FALSE, BusTypeUsb, 0, usb_e},  // no answer: USB in the buffer not believed
-      {L"N:\\share\\f", DRIVE_REMOTE, true, TRUE, BusTypeSata, 0, "type N:;open \\\\?\\N:;query 551;close"},
-      {L"f.txt", DRIVE_NO_ROOT_DIR, false, TRUE, BusTypeSata, 0, "type f.;open \\\\?\\f:;"},  // relative
-      {L"\\\\server\\share\\f", DRIVE_REMOVABLE, true, TRUE, BusTypeUsb, 2, ""},  // network without any call
-      {L"\\\\?\\C:\\long\\path.txt", DRIVE_REMOVABLE, true, TRUE, BusTypeUsb, 2, ""},
-      {L"C:\\\\server", DRIVE_FIXED, true, TRUE, BusTypeSata, 0, "type C:;open \\\\?\\C:;query 551;close"},
-      {nullptr, DRIVE_REMOVABLE, true, TRUE, BusTypeUsb, 0, ""},
+      {L"E:\\dir\\f.txt", {DRIVE_REMOVABLE, true, TRUE, BusTypeSata}, 1, "type E:;"},  // card reader: no volume opened
+      {L"E:\\f.txt", {DRIVE_FIXED, true, TRUE, BusTypeUsb}, 1, usb_e},                // USB disk reported as fixed
+      {L"E:\\f.txt", {DRIVE_FIXED, true, TRUE, BusTypeSata}, 0, usb_e},
+      {L"E:\\f.txt", {DRIVE_FIXED, false, TRUE, BusTypeUsb}, 0, "type E:;open \\\\?\\E:;"},
+      {L"E:\\f.txt", {DRIVE_FIXED, true, FALSE, BusTypeUsb}, 0, usb_e},  // no answer: USB in the buffer not believed
+      {L"N:\\share\\f", {DRIVE_REMOTE, true, TRUE, BusTypeSata}, 0, "type N:;open \\\\?\\N:;query 551;close"},
+      {L"f.txt", {DRIVE_NO_ROOT_DIR, false, TRUE, BusTypeSata}, 0, "type f.;open \\\\?\\f:;"},  // relative
+      {L"\\\\server\\share\\f", {DRIVE_REMOVABLE, true, TRUE, BusTypeUsb}, 2, ""},  // network without any call
+      {L"\\\\?\\C:\\long\\path.txt", {DRIVE_REMOVABLE, true, TRUE, BusTypeUsb}, 2, ""},
+      {L"C:\\\\server", {DRIVE_FIXED, true, TRUE, BusTypeSata}, 0, "type C:;open \\\\?\\C:;query 551;close"},
+      {nullptr, {DRIVE_REMOVABLE, true, TRUE, BusTypeUsb}, 0, ""},
   };
   for (const auto& row : rows) {
-    FakeStorage s;
-    s.type = row.type;
-    s.opens = row.opens;
-    s.answers = row.answers;
-    s.bus = row.bus;
+    FakeStorage s = row.storage;
     EXPECT_EQ(row.expected, ClassifyDestination(row.path, s)) << (row.path ? kwtest::narrow(row.path) : "null");
     EXPECT_EQ(row.calls, s.calls) << (row.path ? kwtest::narrow(row.path) : "null");
   }

@@ -4,6 +4,7 @@
 // and one element per source (and destination) in order, and gives back every string exactly,
 // CR and LF read back as LF (XML line-end normalisation; no path, process name or SID holds
 // them). A source that is a folder gives no File: the native folder walk lists nothing.
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>

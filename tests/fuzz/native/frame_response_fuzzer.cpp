@@ -6,6 +6,7 @@
 // acknowledgement is 128 zero bytes to the first datagram's sender; other outcomes leave no frame;
 // a verdict names no empty path and is true exactly when it names a file (or nothing parsed); the
 // exchange gives the same verdict as the parts.
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
