@@ -209,7 +209,8 @@ TEST(MD5, SplitFeedingStreamsAndFilesAgreeWithWindows) {
     EXPECT_EQ(os_md5_hex(data), md5.hex_digest()) << size;
     std::istringstream stream(data);
     EXPECT_EQ(os_md5_hex(data), MD5(stream).hex_digest()) << size;
-    EXPECT_EQ(from_hex(md5.hex_digest()), std::string(md5.raw_digest().begin(), md5.raw_digest().end()));
+    const auto raw = md5.raw_digest();
+    EXPECT_EQ(from_hex(md5.hex_digest()), std::string(raw.begin(), raw.end()));
   }
   // The file digest reads wide names, also while another opener allows only reading and writing.
   kwtest::ScratchDir dir;
