@@ -12,14 +12,14 @@ constexpr int kCopyAuditMove = 5;
 
 // FilesCopy with attributes processname, operation, flags (0), time (tick_count written as a
 // signed 32-bit value), dstfloder, usersid, in that order; then one File (attribute filename)
-// per source in order, a source that is a folder replaced by the files the folder walk lists
-// (none when it lists none). Compact UTF-8, no declaration.
+// per file in order. The caller lists the files (folders among the sources already expanded:
+// the agent layer knows nothing of the file system). Compact UTF-8, no declaration.
 std::string BuildCopyAuditDocument(const std::string& process_name, const std::string& user_sid, int operation,
-                                   const std::string& destination_utf8, const std::vector<std::string>& sources_utf8,
+                                   const std::string& destination_utf8, const std::vector<std::string>& files_utf8,
                                    uint32_t tick_count);
 // The same with the calling process's name and user SID.
 std::string BuildCopyAuditDocument(int operation, const std::string& destination_utf8,
-                                   const std::vector<std::string>& sources_utf8, uint32_t tick_count);
+                                   const std::vector<std::string>& files_utf8, uint32_t tick_count);
 
 // Sends `xml_text` with the record tag over `io`; 1 when every chunk was sent and every
 // acknowledgement arrived, else 0.
@@ -28,7 +28,6 @@ int SendCopyAuditOver(agent::DatagramIo& io, const agent::DatagramAddress& desti
 // time-out; 1 on success, else 0. Relies on the library-wide WSAStartup.
 int SendCopyAudit(const std::string& xml_text);
 
-// Builds the record for this process, user and the current GetTickCount, and sends it; the
-// result of SendCopyAudit.
-int SendCopyAuditRecord(int operation, const std::string& destination_utf8,
-                        const std::vector<std::string>& sources_utf8);
+// Builds the record of `files_utf8` for this process, user and the current GetTickCount, and
+// sends it; the result of SendCopyAudit.
+int SendCopyAuditRecord(int operation, const std::string& destination_utf8, const std::vector<std::string>& files_utf8);

@@ -1,8 +1,7 @@
 #include "agent/operation_result.h"
 
-#include <tinyxml2.h>
-
 #include "agent/agent_channel.h"
+#include "agent/compact_xml.h"
 
 std::string BuildOperationResultDocument(const std::vector<std::string>& first_paths,
                                          const std::vector<std::string>& second_paths, uint32_t action) {
@@ -13,9 +12,7 @@ std::string BuildOperationResultDocument(const std::vector<std::string>& first_p
   for (const auto* list : {&first_paths, &second_paths}) {
     for (const std::string& path : *list) root->InsertNewChildElement("File")->SetAttribute("path", path.c_str());
   }
-  tinyxml2::XMLPrinter printer(nullptr, true);
-  document.Print(&printer);
-  return std::string(printer.CStr(), printer.CStrSize() > 0 ? printer.CStrSize() - 1 : 0);
+  return print_compact(document);
 }
 
 int ReportOperationResult(const std::vector<std::string>& first_paths, const std::vector<std::string>& second_paths,

@@ -4,15 +4,10 @@
 
 #include <tinyxml2.h>
 
+#include "agent/compact_xml.h"
 #include "agent/secret_audit.h"
 
 namespace {
-
-std::string print_compact(const tinyxml2::XMLDocument& document) {
-  tinyxml2::XMLPrinter printer(nullptr, true);
-  document.Print(&printer);
-  return std::string(printer.CStr(), printer.CStrSize() > 0 ? printer.CStrSize() - 1 : 0);
-}
 
 void collect_paths(const tinyxml2::XMLElement* root, const char* name, std::vector<std::string>& out) {
   for (const tinyxml2::XMLElement* e = root->FirstChildElement(name); e != nullptr; e = e->NextSiblingElement(name)) {

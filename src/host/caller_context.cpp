@@ -5,6 +5,8 @@
 #include <boost/locale/encoding_utf.hpp>
 #include <vector>
 
+#include "host/owners.h"
+
 namespace {
 bool is_high_surrogate(wchar_t c) { return c >= 0xD800 && c <= 0xDBFF; }
 bool is_low_surrogate(wchar_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
@@ -82,33 +84,20 @@ std::string get_process_name() {
   return process_name_from_path(utf8.data());
 }
 
-namespace {
-// Owns a handle for the length of one call.
-struct ScopedHandle {
-  HANDLE h = nullptr;
-  ~ScopedHandle() { if (h != nullptr) CloseHandle(h); }
-};
-struct ScopedGlobal {
-  HGLOBAL p = nullptr;
-  ~ScopedGlobal() { if (p != nullptr) GlobalFree(p); }
-};
-}  // namespace
-
 std::string get_user_sid_string() {
-  ScopedHandle token;
-  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token.h)) return std::string();
+  OwnedHandle token;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put())) return std::string();
   DWORD size = 0;
-  if (GetTokenInformation(token.h, TokenUser, nullptr, 0, &size) ||
+  if (GetTokenInformation(token.get(), TokenUser, nullptr, 0, &size) ||
       GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
     return std::string();
   }
-  ScopedGlobal buffer;
-  buffer.p = GlobalAlloc(GPTR, size);
-  if (buffer.p == nullptr) return std::string();
+  OwnedGlobal buffer(GlobalAlloc(GPTR, size));
+  if (!buffer.ok()) return std::string();
   std::string result;
-  if (GetTokenInformation(token.h, TokenUser, buffer.p, size, &size)) {
+  if (GetTokenInformation(token.get(), TokenUser, buffer.get(), size, &size)) {
     wchar_t* text = nullptr;
-    if (ConvertSidToStringSidW(static_cast<TOKEN_USER*>(buffer.p)->User.Sid, &text)) {
+    if (ConvertSidToStringSidW(static_cast<TOKEN_USER*>(buffer.get())->User.Sid, &text)) {
       result = wide_to_utf8(text);
       LocalFree(text);
     }

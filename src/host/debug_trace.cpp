@@ -9,8 +9,8 @@ namespace {
 char g_trace_buffer[kTraceBufferSize];
 }
 
-void DebugTrace(const char* function, int line, const char* format, ...) {
-  int used = std::snprintf(g_trace_buffer, sizeof g_trace_buffer, "[%s,%d] : ", function, line);
+void DebugTrace(const char* function, int message_number, const char* format, ...) {
+  int used = std::snprintf(g_trace_buffer, sizeof g_trace_buffer, "[%s,%d] : ", function, message_number);
   if (used < 0) return;
   if (static_cast<size_t>(used) < sizeof g_trace_buffer - 1) {
     va_list args;

@@ -12,13 +12,12 @@
 #include "hookengine/flat_hooks.h"
 #include "hookengine/inline_hook.h"
 #include "host/debug_trace.h"
+#include "host/system_version.h"
 #include "intercept/file_operation_methods.h"
 #include "intercept/flat_file_functions.h"
 #include "intercept/shell_file_operation.h"
 #include "protect/parked_originals.h"
 #include "protect/pending_files.h"
-
-volatile bool g_perform_operations_allowed = false;
 
 namespace {
 
@@ -83,7 +82,7 @@ void hook_com_methods() {
   DebugTrace("HookApi", 1464, "get file opretation interface,result:%x", static_cast<unsigned>(created));
   if (SUCCEEDED(created)) {
     g_file_operation = operation;
-    g_perform_operations_allowed = true;
+    allow_perform_operations();
     if (g_com_methods_patched == 0) {
       void** methods = *reinterpret_cast<void***>(operation);
       g_real_copy_items = reinterpret_cast<CopyItemsFn>(methods[kSlotCopyItems]);
@@ -117,14 +116,14 @@ void hook_com_methods() {
   CoUninitialize();
 }
 
-void hook_flat_function(void* entry, void* replacement, HookTraceInfo* handle, const char* name, int line) {
+void hook_flat_function(void* entry, void* replacement, HookTraceInfo* handle, const char* name, int message_number) {
   if (g_flat_api.install_hook(entry, replacement, nullptr, handle) < 0) {
     OutputDebugStringW(L"easyhook:AttachFail");
   } else {
     stay_loaded_for_process_life();
   }
   // Written whether or not the installation succeeded: it marks that the step was passed.
-  DebugTrace("HookApi", line, "easyhook:attach %s succeed", name);
+  DebugTrace("HookApi", message_number, "easyhook:attach %s succeed", name);
   ULONG all_threads[1] = {0xFFFFFFFF};  // an exclusive list naming no real thread: every thread
   if (g_flat_api.set_exclusive_acl(all_threads, 1, handle) < 0) OutputDebugStringW(L"easyhook:AttachFail");
 }
@@ -154,23 +153,6 @@ void free_handle(int index) {
 }
 
 }  // namespace
-
-bool is_nt6_or_later() {
-  OSVERSIONINFOW basic = {};
-  basic.dwOSVersionInfoSize = sizeof basic;  // 276 bytes
-  if (!GetVersionExW(&basic) || basic.dwPlatformId != VER_PLATFORM_WIN32_NT) return false;
-  OSVERSIONINFOEXW extended = {};
-  extended.dwOSVersionInfoSize = sizeof extended;  // 284 bytes
-  if (!GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&extended))) return false;
-  return extended.dwMajorVersion >= 6;
-}
-
-bool is_vista_or_later() {
-  OSVERSIONINFOEXW extended = {};
-  extended.dwOSVersionInfoSize = sizeof extended;
-  if (!GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&extended))) return false;
-  return extended.dwMajorVersion >= 6;
-}
 
 void HookApi() {
   recover_parked_originals();  // originals left parked by a process that died

@@ -3,8 +3,7 @@
 // "shared" makes the loader map this section once for all processes of the desktop.
 __attribute__((section(".hook"), shared)) PolicyBlock g_policy_block = {0, 0, 0, 0, nullptr, nullptr};
 
-bool destination_class_watched(int dest_class) {
-  const uint32_t mask = g_policy_block.g_audit_dest_mask;
+bool destination_class_watched(uint32_t mask, int dest_class) {
   if ((mask & 1) && dest_class == 0) return true;
   if ((mask & 2) && dest_class == 1) return true;
   if ((mask & 4) && dest_class == 2) return true;

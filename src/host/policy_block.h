@@ -18,5 +18,5 @@ struct PolicyBlock {
 extern PolicyBlock g_policy_block;
 
 // True when a destination of class `dest_class` (0 local, 1 removable, 2 network) is watched by
-// the current g_audit_dest_mask; the bits are tested in the order 1, 2, 4.
-bool destination_class_watched(int dest_class);
+// `dest_mask` (a g_audit_dest_mask value); the bits are tested in the order 1, 2, 4.
+bool destination_class_watched(uint32_t dest_mask, int dest_class);

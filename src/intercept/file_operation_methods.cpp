@@ -9,9 +9,10 @@
 #include "agent/secret_audit.h"
 #include "host/caller_context.h"
 #include "host/debug_trace.h"
-#include "host/hook_setup.h"
+#include "host/owners.h"
 #include "host/policy_block.h"
-#include "protect/classify.h"
+#include "host/system_version.h"
+#include "intercept/copy_screening.h"
 #include "protect/parked_originals.h"
 
 CopyItemsFn g_real_copy_items = nullptr;
@@ -21,26 +22,9 @@ PerformOperationsFn g_real_perform_operations = nullptr;
 namespace {
 
 constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);  // the bare refusal value
-// Owns one reference of a COM interface.
-template <typename T>
-struct ComRef {
-  T* p = nullptr;
-  ~ComRef() { if (p != nullptr) p->Release(); }
-  ComRef() = default;
-  ComRef(const ComRef&) = delete;
-  ComRef& operator=(const ComRef&) = delete;
-  void** out() { return reinterpret_cast<void**>(&p); }
-};
 
-// Owns a string or ID list allocated by the shell with CoTaskMemAlloc.
-template <typename T>
-struct CoTaskMem {
-  T* p = nullptr;
-  ~CoTaskMem() { if (p != nullptr) CoTaskMemFree(p); }
-  CoTaskMem() = default;
-  CoTaskMem(const CoTaskMem&) = delete;
-  CoTaskMem& operator=(const CoTaskMem&) = delete;
-};
+// Cleared by a forbidding verdict so that the next PerformOperations refuses once.
+volatile bool g_perform_operations_allowed = false;
 
 std::wstring to_wide(const std::string& utf8) { return utf8_to_wide(utf8); }
 
@@ -54,7 +38,7 @@ uint32_t paths_from_data_object(IDataObject* data_object, std::vector<std::strin
                static_cast<int>(GetLastError()));
     return 0;
   }
-  struct MediumRelease {
+  struct MediumRelease {  // the medium is a structure, not a handle: released in place
     STGMEDIUM* m;
     ~MediumRelease() { ReleaseStgMedium(m); }
   } release{&medium};
@@ -107,21 +91,22 @@ bool transform_sources_in_place(const SecretAuditResult& result) {
 
 // The destination folder's file-system path, as the shell gives it (null when it gives none).
 void destination_name(IShellItem* destination, CoTaskMem<wchar_t>& name) {
-  if (destination != nullptr) destination->GetDisplayName(SIGDN_FILESYSPATH, &name.p);
+  if (destination != nullptr) destination->GetDisplayName(SIGDN_FILESYSPATH, name.put());
 }
 
-// The secret-audit gate: the first source local, the destination of a watched class.
-bool secret_check_applies(const std::vector<std::string>& sources, const wchar_t* destination) {
-  if (g_policy_block.g_secret_audit != 1) return false;
-  const int source_class = ClassifyDestination(to_wide(sources.front()).c_str());
-  const int destination_class = ClassifyDestination(destination != nullptr ? destination : L"");
-  if (source_class != 0) return false;
-  return destination_class_watched(destination_class);
-}
-
-void send_audit(int operation, const std::string& destination, const std::vector<std::string>& sources) {
-  if (g_policy_block.g_copy_audit == 0 || sources.empty()) return;
-  SendCopyAuditRecord(operation, destination, sources);
+// The trace lines of the agent's reply to a copy's secret check.
+void trace_reply(bool answered, const SecretAuditResult& result) {
+  if (!answered) {
+    DebugTrace("CopyItems_new", 1232,
+               "[ZELTRAP:KWINDEL] not secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
+    return;
+  }
+  DebugTrace("CopyItems_new", 1182, "[ZELTRAP:KWINDEL] secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
+  char sizes[128] = {};  // written without the trace prefix
+  std::snprintf(sizes, sizeof sizes, "g_secret_audit=%d,g_encrypt_audit=%d, secret file size:%d, encrypt file size:%d",
+                static_cast<int>(g_policy_block.g_secret_audit), static_cast<int>(g_policy_block.g_encrypt_audit),
+                static_cast<int>(result.secret_files.size()), static_cast<int>(result.encrypted_files.size()));
+  OutputDebugStringA(sizes);
 }
 
 }  // namespace
@@ -129,11 +114,11 @@ void send_audit(int operation, const std::string& destination, const std::vector
 uint32_t get_filepaths_from_comobject(IUnknown* items, std::vector<std::string>& out) {
   if (items == nullptr) return 0;
   ComRef<IDataObject> data_object;
-  if (SUCCEEDED(items->QueryInterface(IID_IDataObject, data_object.out()))) {
-    return paths_from_data_object(data_object.p, out);
+  if (SUCCEEDED(items->QueryInterface(IID_IDataObject, data_object.put_void()))) {
+    return paths_from_data_object(data_object.get(), out);
   }
   ComRef<IPersistIDList> persist;
-  const HRESULT hr = items->QueryInterface(IID_IPersistIDList, persist.out());
+  const HRESULT hr = items->QueryInterface(IID_IPersistIDList, persist.put_void());
   DebugTrace("get_filepaths_from_comobject", 1015,
              "[ZELTRAP:KWINDEL] iUnknown->QueryInterface(IID_IDataObject, (void **)&data_object); hr=%d, error=%d",
              static_cast<int>(hr), static_cast<int>(GetLastError()));
@@ -162,25 +147,25 @@ uint32_t get_filepaths_from_comobject(IUnknown* items, std::vector<std::string>&
   }
   // shell32 stays loaded: the item array's code lives there.
   CoTaskMem<ITEMIDLIST> id_list;
-  persist.p->GetIDList(&id_list.p);
+  persist->GetIDList(id_list.put());
   ComRef<IShellItemArray> item_array;
-  PCIDLIST_ABSOLUTE list = id_list.p;
-  const HRESULT created = create_array(1, &list, &item_array.p);
-  if (FAILED(created) || item_array.p == nullptr) {
+  PCIDLIST_ABSOLUTE list = id_list.get();
+  const HRESULT created = create_array(1, &list, item_array.put());
+  if (FAILED(created) || !item_array.ok()) {
     DebugTrace("get_filepaths_from_comobject", 1042,
                "[ZELTRAP:KWINDEL] SHCreateItemFromIDList (pv,IID_IDataObject, (void **)&data_object);;hr=%d, error=%d",
                static_cast<int>(created), static_cast<int>(GetLastError()));
     return 0;
   }
   ComRef<IDataObject> bound;
-  if (FAILED(item_array.p->BindToHandler(nullptr, BHID_DataObject, IID_IDataObject, bound.out()))) {
+  if (FAILED(item_array->BindToHandler(nullptr, BHID_DataObject, IID_IDataObject, bound.put_void()))) {
     // Some shells give no data object for an item array; the single item then still has one.
     ComRef<IShellItem> item;
-    if (SUCCEEDED(item_array.p->GetItemAt(0, &item.p)) && item.p != nullptr) {
-      item.p->BindToHandler(nullptr, BHID_DataObject, IID_IDataObject, bound.out());
+    if (SUCCEEDED(item_array->GetItemAt(0, item.put())) && item.ok()) {
+      item->BindToHandler(nullptr, BHID_DataObject, IID_IDataObject, bound.put_void());
     }
   }
-  return paths_from_data_object(bound.p, out);  // no data object: the GetData failure path
+  return paths_from_data_object(bound.get(), out);  // no data object: the GetData failure path
 }
 
 HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination) {
@@ -188,38 +173,30 @@ HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, I
              static_cast<int>(g_policy_block.g_secret_audit));
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  const std::string destination_path = wide_to_utf8(name.p);
+  const std::string destination_path = wide_to_utf8(name.get());
   std::vector<std::string> sources;
   if (get_filepaths_from_comobject(items, sources) == 0) {
     DebugTrace("CopyItems_new", 1162, "[ZELTRAP:KWINDEL] get file paths error");
     return g_real_copy_items(self, items, destination);
   }
-  if (!sources.empty() && secret_check_applies(sources, name.p)) {
-    const std::vector<std::string> destinations{destination_path};
-    SecretAuditResult result;
+  if (sources.empty()) return g_real_copy_items(self, items, destination);  // no name could be read
+  SecretAuditResult result;
+  const ScreenedClasses classes = classify_for_secret_check(g_policy_block, to_wide(sources.front()).c_str(), name.get());
+  Verdict verdict = secret_verdict(g_policy_block, classes, AgentReply::kNotAsked, result);
+  if (verdict == Verdict::kAskAgent) {
     DebugTrace("CopyItems_new", 1179, "[ZELTRAP:KWINDEL] search %s", sources.front().c_str());
-    if (!RequestSecretAudit(sources, destinations, result)) {
-      DebugTrace("CopyItems_new", 1232,
-                 "[ZELTRAP:KWINDEL] not secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
-    } else {
-      DebugTrace("CopyItems_new", 1182,
-                 "[ZELTRAP:KWINDEL] secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
-      char sizes[128] = {};
-      std::snprintf(sizes, sizeof sizes,
-                    "g_secret_audit=%d,g_encrypt_audit=%d, secret file size:%d, encrypt file size:%d",
-                    static_cast<int>(g_policy_block.g_secret_audit), static_cast<int>(g_policy_block.g_encrypt_audit),
-                    static_cast<int>(result.secret_files.size()), static_cast<int>(result.encrypted_files.size()));
-      OutputDebugStringA(sizes);
-      if (result.secret_files.empty() && result.encrypted_files.empty()) return kRefused;
-      if (result.action == 0) {
-        g_perform_operations_allowed = false;  // queued, but the next PerformOperations refuses
-        return g_real_copy_items(self, items, destination);
-      }
-      // A secret file with a password never reaches the destination in plaintext.
-      if (!result.secret_files.empty() && !result.encrypted_pwd.empty() && !swap_sources(result)) return kRefused;
-    }
+    const bool answered = RequestSecretAudit(sources, {destination_path}, result);
+    trace_reply(answered, result);
+    verdict = secret_verdict(g_policy_block, classes, answered ? AgentReply::kAnswered : AgentReply::kNotSecret, result);
   }
-  send_audit(kCopyAuditCopy, destination_path, sources);
+  if (verdict == Verdict::kRefuse) return kRefused;
+  if (verdict == Verdict::kForbid) {
+    g_perform_operations_allowed = false;  // queued, but the next PerformOperations refuses
+    return g_real_copy_items(self, items, destination);
+  }
+  // A secret file with a password never reaches the destination in plaintext.
+  if (verdict == Verdict::kProtect && !swap_sources(result)) return kRefused;
+  audit_copy(g_policy_block, kCopyAuditCopy, destination_path, sources);
   return g_real_copy_items(self, items, destination);
 }
 
@@ -227,25 +204,26 @@ HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, I
   DebugTrace("MoveItems_new", 1325, "[ZELTRAP:KWINDEL] MoveItems_new");
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  const std::string destination_path = wide_to_utf8(name.p);
+  const std::string destination_path = wide_to_utf8(name.get());
   std::vector<std::string> sources;
-  if (get_filepaths_from_comobject(items, sources) == 0) return g_real_move_items(self, items, destination);
-  if (!sources.empty() && secret_check_applies(sources, name.p)) {
-    const std::vector<std::string> destinations{destination_path};
-    SecretAuditResult result;
-    if (RequestSecretAudit(sources, destinations, result)) {
-      if (result.secret_files.empty() && result.encrypted_files.empty()) return kRefused;
-      if (result.action == 0) {
-        // Deliberate: the forbidden move is queued as a copy, which the next PerformOperations refuses.
-        g_perform_operations_allowed = false;
-        return g_real_copy_items(self, items, destination);
-      }
-      if (!result.secret_files.empty() && !result.encrypted_pwd.empty() && !transform_sources_in_place(result)) {
-        return kRefused;
-      }
-    }
+  if (get_filepaths_from_comobject(items, sources) == 0 || sources.empty()) {
+    return g_real_move_items(self, items, destination);
   }
-  send_audit(kCopyAuditMove, destination_path, sources);
+  SecretAuditResult result;
+  const ScreenedClasses classes = classify_for_secret_check(g_policy_block, to_wide(sources.front()).c_str(), name.get());
+  Verdict verdict = secret_verdict(g_policy_block, classes, AgentReply::kNotAsked, result);
+  if (verdict == Verdict::kAskAgent) {
+    const bool answered = RequestSecretAudit(sources, {destination_path}, result);
+    verdict = secret_verdict(g_policy_block, classes, answered ? AgentReply::kAnswered : AgentReply::kNotSecret, result);
+  }
+  if (verdict == Verdict::kRefuse) return kRefused;
+  if (verdict == Verdict::kForbid) {
+    // Deliberate: the forbidden move is queued as a copy, which the next PerformOperations refuses.
+    g_perform_operations_allowed = false;
+    return g_real_copy_items(self, items, destination);
+  }
+  if (verdict == Verdict::kProtect && !transform_sources_in_place(result)) return kRefused;
+  audit_copy(g_policy_block, kCopyAuditMove, destination_path, sources);
   return g_real_move_items(self, items, destination);
 }
 
@@ -259,3 +237,5 @@ HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self) {
   restore_swapped_sources();  // also when the real method failed or was cancelled
   return result;
 }
+
+void allow_perform_operations() { g_perform_operations_allowed = true; }

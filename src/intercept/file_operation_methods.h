@@ -22,6 +22,10 @@ HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, I
 HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination);
 HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self);
 
+// Lets the next PerformOperations run (set-up, once the method table is known). A forbidding
+// verdict clears this so that the next PerformOperations refuses once.
+void allow_perform_operations();
+
 // Appends the file-system paths of an item set (a data object with a drop list, or an ID-list
 // item) to `out`; returns the count the drop list reports, 0 on every failure (with a trace).
 uint32_t get_filepaths_from_comobject(IUnknown* items, std::vector<std::string>& out);

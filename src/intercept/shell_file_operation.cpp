@@ -5,7 +5,7 @@
 #include "host/caller_context.h"
 #include "host/debug_trace.h"
 #include "host/policy_block.h"
-#include "protect/classify.h"
+#include "intercept/copy_screening.h"
 #include "protect/pending_files.h"
 
 decltype(&SHFileOperationW) g_SHFileOperationW = nullptr;
@@ -14,17 +14,11 @@ namespace {
 
 constexpr int kRefused = -1;
 
-// The entries of a double-NUL-terminated path list, UTF-8, empty entries skipped.
+// The entries of a double-NUL-terminated path list, UTF-8, up to the first empty one.
 std::vector<std::string> list_entries(const wchar_t* list) {
   std::vector<std::string> entries;
   for (const wchar_t* p = list; *p != L'\0'; p += wcslen(p) + 1) entries.push_back(wide_to_utf8(p));
   return entries;
-}
-
-// The secret audit: the first source local and the destination of a watched class.
-bool secret_check_applies(const SHFILEOPSTRUCTW& op) {
-  if (ClassifyDestination(op.pFrom) != 0) return false;
-  return destination_class_watched(ClassifyDestination(op.pTo));
 }
 
 }  // namespace
@@ -35,17 +29,17 @@ int WINAPI Hook_SHFileOperationW(LPSHFILEOPSTRUCTW op) {
   if (op == nullptr || (op->wFunc != FO_COPY && op->wFunc != FO_MOVE)) return g_SHFileOperationW(op);
   if (op->pFrom == nullptr || op->pTo == nullptr) return g_SHFileOperationW(op);
 
-  if (g_policy_block.g_secret_audit == 1 && secret_check_applies(*op)) {
-    SecretAuditResult result;
-    if (RequestSecretAuditForShellLists(op->pFrom, op->pTo, result)) {
-      if (result.secret_files.empty() && result.encrypted_files.empty()) return kRefused;
-      if (result.action == 0) return kRefused;
-      register_pending_encrypted_files(result);  // the per-file copies encrypt these
-    }
+  SecretAuditResult result;
+  const ScreenedClasses classes = classify_for_secret_check(g_policy_block, op->pFrom, op->pTo);
+  Verdict verdict = secret_verdict(g_policy_block, classes, AgentReply::kNotAsked, result);
+  if (verdict == Verdict::kAskAgent) {
+    const bool answered = RequestSecretAuditForShellLists(op->pFrom, op->pTo, result);
+    verdict = secret_verdict(g_policy_block, classes, answered ? AgentReply::kAnswered : AgentReply::kNotSecret, result);
   }
-
-  if (g_policy_block.g_copy_audit == 0) return g_SHFileOperationW(op);
-  const int operation = op->wFunc == FO_COPY ? kCopyAuditCopy : kCopyAuditMove;
-  SendCopyAuditRecord(operation, wide_to_utf8(op->pTo), list_entries(op->pFrom));
+  if (verdict == Verdict::kRefuse || verdict == Verdict::kForbid) return kRefused;
+  // The per-file copies that the operation makes encrypt these sources' copies.
+  if (verdict == Verdict::kProtect) register_pending_encrypted_files(result.secret_files, result.encrypted_pwd);
+  audit_copy(g_policy_block, op->wFunc == FO_COPY ? kCopyAuditCopy : kCopyAuditMove, wide_to_utf8(op->pTo),
+             list_entries(op->pFrom));
   return g_SHFileOperationW(op);
 }

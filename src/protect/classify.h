@@ -27,7 +27,8 @@ class StorageProvider {
 // The provider that asks Windows (GetDriveTypeW, CreateFileW, QueryStorageDescriptor).
 StorageProvider& windows_storage_provider();
 
-// Classifies by the path's first characters: "\\" at the start gives 2 without asking anything
+// Classifies any path, a copy's first source as well as its destination (the class is what the
+// policy's destination mask selects, hence the name), by the path's first characters: "\\" at the start gives 2 without asking anything
 // (the long-path prefix included); a removable drive type gives 1; otherwise the volume's bus
 // type: USB gives 1, anything else or any failure 0. A null path gives 0.
 DestinationClass ClassifyDestination(const wchar_t* path, StorageProvider& provider = windows_storage_provider());

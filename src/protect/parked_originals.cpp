@@ -6,6 +6,7 @@
 #include <map>
 
 #include "host/caller_context.h"
+#include "host/owners.h"
 #include "protect/table_lock.h"
 #include "protect/transform.h"
 
@@ -18,34 +19,6 @@ constexpr DWORD kRestoreRetryMs = 5;
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr size_t kDigestHex = kDigestFieldSize - 1;
 
-class Handle {
- public:
-  explicit Handle(HANDLE h = INVALID_HANDLE_VALUE) : h_(h) {}
-  ~Handle() { reset(); }
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-  bool ok() const { return h_ != INVALID_HANDLE_VALUE && h_ != nullptr; }
-  HANDLE get() const { return h_; }
-  void reset(HANDLE h = INVALID_HANDLE_VALUE) {
-    if (ok()) CloseHandle(h_);
-    h_ = h;
-  }
- private:
-  HANDLE h_;
-};
-
-class Find {
- public:
-  Find(const std::wstring& pattern, WIN32_FIND_DATAW* data) : h_(FindFirstFileW(pattern.c_str(), data)) {}
-  ~Find() { if (ok()) FindClose(h_); }
-  Find(const Find&) = delete;
-  Find& operator=(const Find&) = delete;
-  bool ok() const { return h_ != INVALID_HANDLE_VALUE; }
-  bool next(WIN32_FIND_DATAW* data) { return FindNextFileW(h_, data) != FALSE; }
- private:
-  HANDLE h_;
-};
-
 struct Swapped {
   unsigned index;      // N of N.orig and N.rec in the process folder
   std::string digest;  // MD5 of the original in hex, as in the encrypted form's header
@@ -55,7 +28,7 @@ struct Swapped {
 // ordered byte-wise), this process's folder, its lock and the next free index.
 std::map<std::string, Swapped> SwappedSourceFiles;
 std::wstring g_folder;
-Handle g_owner_lock;
+OwnedHandle g_owner_lock;
 unsigned g_next_index = 0;
 
 std::wstring parking_root() {
@@ -73,7 +46,7 @@ std::wstring item(const std::wstring& folder, unsigned index, const wchar_t* ext
 
 // The first 41 bytes of a file and its size; false when it cannot be read that far.
 bool read_header(const std::wstring& path, uint8_t header[kEncryptedHeaderSize], ULONGLONG* size) {
-  Handle file(CreateFileW(path.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+  OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr));
   LARGE_INTEGER length = {};
   DWORD got = 0;
   if (!file.ok() || !GetFileSizeEx(file.get(), &length)) return false;
@@ -129,7 +102,7 @@ Restore restore_one(const std::wstring& source, const std::wstring& parked, cons
 
 // A record: the source's path and the original's digest; false when it is not one.
 bool read_record(const std::wstring& path, std::wstring* source, std::string* digest) {
-  Handle file(CreateFileW(path.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+  OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr));
   char buffer[4096];
   DWORD got = 0;
   if (!file.ok() || !ReadFile(file.get(), buffer, sizeof buffer, &got, nullptr)) return false;
@@ -142,7 +115,7 @@ bool read_record(const std::wstring& path, std::wstring* source, std::string* di
 }
 
 bool write_record(const std::wstring& path, const std::string& source, const std::string& digest) {
-  Handle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  OwnedHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file.ok()) return false;
   const std::string text = source + "\n" + digest + "\n";
   DWORD put = 0;
@@ -180,7 +153,7 @@ const std::wstring& process_folder() {
 
 bool folder_has_records(const std::wstring& folder) {
   WIN32_FIND_DATAW data;
-  Find find(folder + L"\\*.rec", &data);
+  OwnedFind find(FindFirstFileW((folder + L"\\*.rec").c_str(), &data));
   return find.ok();
 }
 
@@ -221,15 +194,15 @@ void restore_entry(std::map<std::string, Swapped>::iterator entry, int retries) 
 
 // Recovers one folder of a gone owner; false when its owner (or another recovery) holds it.
 bool recover_folder(const std::wstring& folder, std::vector<ParkedOriginal>* left, int* restored) {
-  Handle lock(CreateFileW((folder + L"\\owner.lock").c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+  OwnedHandle lock(CreateFileW((folder + L"\\owner.lock").c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
                           FILE_ATTRIBUTE_NORMAL | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
   if (!lock.ok()) return false;
   WIN32_FIND_DATAW data;
   bool stranded = false;
   const size_t first_left = left != nullptr ? left->size() : 0;
   {
-    Find find(folder + L"\\*.rec", &data);
-    for (bool more = find.ok(); more; more = find.next(&data)) {
+    OwnedFind find(FindFirstFileW((folder + L"\\*.rec").c_str(), &data));
+    for (bool more = find.ok(); more; more = FindNextFileW(find.get(), &data)) {
       const std::wstring record = folder + L"\\" + data.cFileName;
       const std::wstring stem = record.substr(0, record.size() - 4);
       std::wstring source;
@@ -253,8 +226,9 @@ bool recover_folder(const std::wstring& folder, std::vector<ParkedOriginal>* lef
     }
   }
   {
-    Find find(folder + L"\\*.enc", &data);  // encrypted forms of swaps cut short: the library's own
-    for (bool more = find.ok(); more; more = find.next(&data)) DeleteFileW((folder + L"\\" + data.cFileName).c_str());
+    // The encrypted forms of swaps cut short: the library's own.
+    OwnedFind find(FindFirstFileW((folder + L"\\*.enc").c_str(), &data));
+    for (bool more = find.ok(); more; more = FindNextFileW(find.get(), &data)) DeleteFileW((folder + L"\\" + data.cFileName).c_str());
   }
   lock.reset();  // deletes owner.lock
   if (!stranded) {
@@ -272,14 +246,14 @@ bool recover(bool include_stranded, std::vector<ParkedOriginal>* left, int* rest
   const std::wstring root = parking_root();
   if (root.empty() || !exists(root)) return true;  // the one probe when nothing is parked
   // One recovery at a time for the user: whoever holds the lock file does it, nobody waits.
-  Handle lock(CreateFileW((root + L"\\recovery.lock").c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+  OwnedHandle lock(CreateFileW((root + L"\\recovery.lock").c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
                           FILE_ATTRIBUTE_NORMAL | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
   if (!lock.ok()) return false;
   WIN32_FIND_DATAW data;
   std::vector<std::wstring> folders;
   {
-    Find find(root + L"\\*", &data);
-    for (bool more = find.ok(); more; more = find.next(&data)) {
+    OwnedFind find(FindFirstFileW((root + L"\\*").c_str(), &data));
+    for (bool more = find.ok(); more; more = FindNextFileW(find.get(), &data)) {
       const std::wstring name = data.cFileName;
       if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || name == L"." || name == L"..") continue;
       const bool is_stranded = name.size() > 9 && name.compare(name.size() - 9, 9, kStrandedSuffix) == 0;
@@ -358,8 +332,8 @@ void restore_all_parked() {
   const bool empty = !folder_has_records(g_folder);
   if (empty) {
     WIN32_FIND_DATAW data;
-    Find find(g_folder + L"\\*.enc", &data);
-    for (bool more = find.ok(); more; more = find.next(&data)) DeleteFileW((g_folder + L"\\" + data.cFileName).c_str());
+    OwnedFind find(FindFirstFileW((g_folder + L"\\*.enc").c_str(), &data));
+    for (bool more = find.ok(); more; more = FindNextFileW(find.get(), &data)) DeleteFileW((g_folder + L"\\" + data.cFileName).c_str());
   }
   g_owner_lock.reset();  // from here on the folder is a gone owner's, for recovery
   if (empty) {

@@ -16,10 +16,10 @@ struct PendingEncryptedFile {
 std::list<PendingEncryptedFile> PendingEncryptedFiles;  // guarded by protect::TableLock
 }  // namespace
 
-void register_pending_encrypted_files(const SecretAuditResult& result) {
-  if (result.action == 0 || result.secret_files.empty() || result.encrypted_pwd.empty()) return;
+void register_pending_encrypted_files(const std::vector<std::string>& secret_files, const std::string& password) {
+  if (secret_files.empty() || password.empty()) return;
   protect::TableLock lock;
-  for (const std::string& path : result.secret_files) PendingEncryptedFiles.push_back({path, result.encrypted_pwd});
+  for (const std::string& path : secret_files) PendingEncryptedFiles.push_back({path, password});
 }
 
 void TakeAndTransform(const wchar_t* source, const wchar_t* destination, bool moved) {

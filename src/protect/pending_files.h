@@ -2,11 +2,12 @@
 #pragma once
 #include <windows.h>
 
-#include "agent/secret_audit.h"
+#include <string>
+#include <vector>
 
-// Appends one (path, encrypted_pwd) entry per secret file, under the tables' lock, when action is
-// non-zero and both the list and the password are non-empty.
-void register_pending_encrypted_files(const SecretAuditResult& result);
+// Appends one (path, password) entry per secret file (UTF-8, duplicates kept), under the tables'
+// lock, when both the list and the password are non-empty.
+void register_pending_encrypted_files(const std::vector<std::string>& secret_files, const std::string& password);
 
 // After a successful copy or move of `source` to `destination`: when an entry for `source`
 // exists (first match, ASCII case-insensitive), replaces the destination by its encrypted form

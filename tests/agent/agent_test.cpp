@@ -17,6 +17,7 @@
 #include "host/caller_context.h"
 #include "host/policy_block.h"
 #include "kwtest.h"
+#include "protect/audited_files.h"
 
 namespace {
 
@@ -245,9 +246,9 @@ TEST(Documents, ByteForByte) {
        "dstfloder=\"E:\\\xC3\xA9\" usersid=\"S-1-5-21-1\"><File filename=\"C:\\\xE6\x97\xA5.txt\"/></FilesCopy>"},
       {BuildCopyAuditDocument("p", "s", kCopyAuditMove, "d", {}, 2147483648u),
        "<FilesCopy processname=\"p\" operation=\"5\" flags=\"0\" time=\"-2147483648\" dstfloder=\"d\" usersid=\"s\"/>"},
-      {BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", {plain, e, t, kwtest::narrow(hollow)}, 7u),
+      {BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", list_audited_files({plain, e, t, kwtest::narrow(hollow)}), 7u),
        record + "><File filename=\"" + plain + "\"/><File filename=\"" + t + "\\s\\b.txt\"/></FilesCopy>"},
-      {BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", {e}, 7u), record + "/>"},
+      {BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", list_audited_files({e}), 7u), record + "/>"},
       {BuildOperationResultDocument({"C:\\b & c"}, {"\xC3\xA9"}, 4294967295u),
        "<Data action=\"-1\"><File path=\"C:\\b &amp; c\"/><File path=\"\xC3\xA9\"/></Data>"},
   };

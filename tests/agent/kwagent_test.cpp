@@ -12,6 +12,7 @@
 #include "host/caller_context.h"
 #include "host/policy_block.h"
 #include "kwtest.h"
+#include "protect/audited_files.h"
 #include "protect/folder_walk.h"
 
 namespace {
@@ -80,7 +81,7 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
   EXPECT_EQ(0, denied.action);
   EXPECT_FALSE(RequestSecretAudit({"C:\\data\\open.txt"}, {"E:\\"}, allowed));
   const std::string folder8 = kwtest::narrow(folder);
-  EXPECT_EQ(1, SendCopyAudit(BuildCopyAuditDocument(kCopyAuditCopy, "E:\\backup", {folder8}, 2147483648u)));
+  EXPECT_EQ(1, SendCopyAudit(BuildCopyAuditDocument(kCopyAuditCopy, "E:\\backup", list_audited_files({folder8}), 2147483648u)));
   std::vector<std::string> lines, files;
   EXPECT_EQ(0u, agent.stop(&lines));
   ASSERT_EQ(4u, lines.size());

@@ -18,7 +18,6 @@ for t in ${targets[*]}; do
   # Largest input: a few datagrams, one longer than a chunk; one prologue; a few paths.
   case $t in frame_response_fuzzer) max=10000 ;; trampoline_fuzzer) max=96 ;; *) max=1024 ;; esac
   mkdir -p "$build/corpus/$t" "$build/findings" && rm -f "$build/findings/$t-"*
-  # The documents target asks the file system whether sources are folders: run it somewhere empty.
   (cd "$build/findings" && ASAN_OPTIONS=detect_leaks=1 "$build/$t" "$build/corpus/$t" "$here/corpus/$t" \
      -max_total_time="$seconds" -max_len=$max -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 \
      -artifact_prefix="$build/findings/$t-" >"$build/$t.log" 2>&1) || true

@@ -31,16 +31,9 @@ std::string expected(const kwtest::ScratchDir& dir, const std::string& plain, co
 TEST(PendingTable, RegistrationMatchingAndConsumption) {
   clear_pending_encrypted_files();
   kwtest::ScratchDir dir;
-  const auto reg = [](std::vector<std::string> files, std::string password, int32_t action = 1) {
-    SecretAuditResult r;
-    r.secret_files = std::move(files);
-    r.encrypted_pwd = std::move(password);
-    r.action = action;
-    register_pending_encrypted_files(r);
-  };
+  const auto reg = register_pending_encrypted_files;
   reg({}, "pw");
   reg({"C:\\x.txt"}, "");
-  reg({"C:\\x.txt"}, "pw", 0);
   EXPECT_EQ(0u, pending_encrypted_file_count());
   // With no entry the paths are not even read: an unreadable pointer must not matter.
   const wchar_t* unreadable = reinterpret_cast<const wchar_t*>(static_cast<uintptr_t>(8));

@@ -2,12 +2,10 @@
 // copy audit operation, bytes 1-4 the tick count, then NUL-separated strings: process name, user
 // SID, destination, sources. Checked: each document parses, has its root, its attributes in order
 // and one element per source (and destination) in order, and gives back every string exactly,
-// CR and LF read back as LF (XML line-end normalisation; no path, process name or SID holds
-// them). A source that is a folder gives no File: the native folder walk lists nothing.
+// CR and LF read back as LF (XML line-end normalisation; no path, process name or SID holds them).
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -74,9 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check(e, "FilesCopy", {{"processname", p[0]}, {"operation", std::to_string(operation)}, {"flags", "0"},
                          {"time", std::to_string(static_cast<int32_t>(ticks))}, {"dstfloder", p[2]}, {"usersid", p[1]}});
   e = e->FirstChildElement();
-  std::error_code ec;
-  for (const std::string& source : sources)
-    if (!std::filesystem::is_directory(source, ec)) e = check(e, "File", {{"filename", source}});
+  for (const std::string& source : sources) e = check(e, "File", {{"filename", source}});
   FUZZ_CHECK(e == nullptr, "extra element %s in the record", e->Name());
   return 0;
 }
