@@ -1,0 +1,218 @@
+// The pending encrypted-file table, destination classification (a substituted provider and real
+// drives) and the folder walk, each as a table of scenarios.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "kwtest.h"
+#include "protect/classify.h"
+#include "protect/folder_walk.h"
+#include "protect/pending_files.h"
+#include "protect/transform.h"
+
+namespace {
+
+std::string contents(const std::wstring& path) {
+  std::string s = "(unreadable)";
+  kwtest::read_file(path, &s);
+  return s;
+}
+
+// What a destination should hold: `plain`, or its encrypted form under `password` (the
+// transformer's bytes are checked against Windows' AES in crypto_test).
+std::string expected(const kwtest::ScratchDir& dir, const std::string& plain, const char* password) {
+  if (password == nullptr) return plain;
+  const std::wstring src = dir.file(L"ref.plain"), dst = dir.file(L"ref.enc");
+  kwtest::write_file(src, plain);
+  TransformCopiedFile(kwtest::narrow(src).c_str(), kwtest::narrow(dst).c_str(), password);
+  return contents(dst);
+}
+
+TEST(PendingTable, RegistrationMatchingAndConsumption) {
+  clear_pending_encrypted_files();
+  kwtest::ScratchDir dir;
+  const auto reg = register_pending_encrypted_files;
+  reg({}, "pw");
+  reg({"C:\\x.txt"}, "");
+  EXPECT_EQ(0u, pending_encrypted_file_count());
+  // With no entry the paths are not even read: an unreadable pointer must not matter.
+  const wchar_t* unreadable = reinterpret_cast<const wchar_t*>(static_cast<uintptr_t>(8));
+  TakeAndTransform(unreadable, unreadable);
+
+  reg({"C:\\Docs\\Secret-\xC3\x84.txt", "C:\\s.doc"}, "first");  // A umlaut
+  reg({"C:\\s.doc"}, "second");
+  const std::wstring dst = dir.file(L"d.txt");
+  reg({kwtest::narrow(dst)}, "pw");
+  EXPECT_EQ(4u, pending_encrypted_file_count());
+  const struct {
+    const wchar_t* source;
+    const char* password;  // null: stays plain
+    size_t left;
+  } rows[] = {
+      {L"c:\\DOCS\\secret-\u00e4.txt", nullptr, 4},  // non-ASCII case is another byte sequence
+      {L"c:\\DOCS\\sECRET-\u00c4.TXT", "first", 3},  // ASCII case is ignored
+      {L"C:\\s.doc", "first", 2},                    // each copy consumes one entry, in order
+      {L"C:\\s.doc", "second", 1},
+      {L"C:\\s.doc", nullptr, 1},
+      {L"C:\\other.txt", nullptr, 1},  // the key is the source, never the destination
+  };
+  for (const auto& row : rows) {
+    ASSERT_TRUE(kwtest::write_file(dst, "figures"));
+    TakeAndTransform(row.source, dst.c_str());
+    EXPECT_TRUE(contents(dst) == expected(dir, "figures", row.password)) << kwtest::narrow(row.source);
+    EXPECT_EQ(row.left, pending_encrypted_file_count()) << kwtest::narrow(row.source);
+  }
+  clear_pending_encrypted_files();
+
+  // A left-over ".tmp" that cannot be overwritten is no obstacle and stays as it was.
+  reg({"C:\\stale.txt"}, "pw");
+  ASSERT_TRUE(kwtest::write_file(dst + L".tmp", "left over"));
+  SetFileAttributesW((dst + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);
+  TakeAndTransform(L"C:\\stale.txt", dst.c_str());
+  EXPECT_TRUE(contents(dst) == expected(dir, "figures", "pw"));
+  EXPECT_EQ("left over", contents(dst + L".tmp"));
+  SetFileAttributesW((dst + L".tmp").c_str(), FILE_ATTRIBUTE_NORMAL);
+
+  // Destinations held open against readers: a copy is deleted (its source still holds the
+  // content); a moved file goes back to where it came from.
+  const std::wstring from = dir.file(L"from.txt"), copy = dir.file(L"copy.txt"), moved = dir.file(L"moved.txt");
+  reg({"C:\\copied.txt", kwtest::narrow(from)}, "pw");
+  for (const std::wstring* held : {&copy, &moved}) {
+    ASSERT_TRUE(kwtest::write_file(*held, "only copy"));
+    HANDLE h = CreateFileW(held->c_str(), GENERIC_WRITE, FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr);
+    TakeAndTransform(held == &copy ? L"C:\\copied.txt" : from.c_str(), held->c_str(), held == &moved);
+    CloseHandle(h);
+    EXPECT_FALSE(kwtest::file_exists(*held));
+  }
+  EXPECT_EQ("only copy", contents(from));
+  EXPECT_EQ(0u, pending_encrypted_file_count());
+}
+
+// Answers as configured and records the calls it gets.
+struct FakeStorage final : StorageProvider {
+  FakeStorage(UINT t, bool o, BOOL a, STORAGE_BUS_TYPE b) : type(t), opens(o), answers(a), bus(b) {}
+  UINT type;
+  bool opens;
+  BOOL answers;
+  STORAGE_BUS_TYPE bus;
+  std::string calls;
+  UINT DriveType(const wchar_t* drive) override { return calls += "type " + kwtest::narrow(drive) + ";", type; }
+  HANDLE OpenVolume(const wchar_t* name) override {
+    calls += "open " + kwtest::narrow(name) + ";";
+    return opens ? reinterpret_cast<HANDLE>(0x1234) : INVALID_HANDLE_VALUE;
+  }
+  BOOL QueryDescriptor(HANDLE volume, STORAGE_DEVICE_DESCRIPTOR* d) override {
+    calls += volume == reinterpret_cast<HANDLE>(0x1234) ? "query " + std::to_string(d->Size) + ";" : "query ?;";
+    d->BusType = bus;
+    return answers;
+  }
+  void CloseVolume(HANDLE volume) override { calls += volume == reinterpret_cast<HANDLE>(0x1234) ? "close" : "close ?"; }
+};
+
+TEST(ClassifyDestination, DecisionTableThroughProvider) {
+  const std::string usb_e = "type E:;open \\\\?\\E:;query 551;close";
+  const struct {
+    const wchar_t* path;
+    FakeStorage storage;
+    int expected;
+    std::string calls;
+  } rows[] = {
+      {L"E:\\dir\\f.txt", {DRIVE_REMOVABLE, true, TRUE, BusTypeSata}, 1, "type E:;"},  // card reader: no volume opened
+      {L"E:\\f.txt", {DRIVE_FIXED, true, TRUE, BusTypeUsb}, 1, usb_e},                // USB disk reported as fixed
+      {L"E:\\f.txt", {DRIVE_FIXED, true, TRUE, BusTypeSata}, 0, usb_e},
+      {L"E:\\f.txt", {DRIVE_FIXED, false, TRUE, BusTypeUsb}, 0, "type E:;open \\\\?\\E:;"},
+      {L"E:\\f.txt", {DRIVE_FIXED, true, FALSE, BusTypeUsb}, 0, usb_e},  // no answer: USB in the buffer not believed
+      {L"N:\\share\\f", {DRIVE_REMOTE, true, TRUE, BusTypeSata}, 0, "type N:;open \\\\?\\N:;query 551;close"},
+      {L"f.txt", {DRIVE_NO_ROOT_DIR, false, TRUE, BusTypeSata}, 0, "type f.;open \\\\?\\f:;"},  // relative
+      {L"\\\\server\\share\\f", {DRIVE_REMOVABLE, true, TRUE, BusTypeUsb}, 2, ""},  // network without any call
+      {L"\\\\?\\C:\\long\\path.txt", {DRIVE_REMOVABLE, true, TRUE, BusTypeUsb}, 2, ""},
+      {L"C:\\\\server", {DRIVE_FIXED, true, TRUE, BusTypeSata}, 0, "type C:;open \\\\?\\C:;query 551;close"},
+      {nullptr, {DRIVE_REMOVABLE, true, TRUE, BusTypeUsb}, 0, ""},
+  };
+  for (const auto& row : rows) {
+    FakeStorage s = row.storage;
+    EXPECT_EQ(row.expected, ClassifyDestination(row.path, s)) << (row.path ? kwtest::narrow(row.path) : "null");
+    EXPECT_EQ(row.calls, s.calls) << (row.path ? kwtest::narrow(row.path) : "null");
+  }
+}
+
+// A removable drive defined through Wine's mount manager for the length of the test (its own
+// process: the prefix is shared), and the Windows provider on real paths.
+TEST(RealDrives, ClassesOfRealPathsAndTheDriveIsGoneAfterwards) {
+  {
+    kwtest::RemovableDrive drive;
+    ASSERT_TRUE(drive.ok()) << "no removable drive could be defined, error " << GetLastError();
+    ASSERT_TRUE(kwtest::write_file(drive.root() + L"\\marker.txt", "on the drive"));
+    EXPECT_EQ("on the drive", contents(drive.root() + L"\\marker.txt"));
+    EXPECT_EQ(1, ClassifyDestination((drive.root() + L"\\copies\\report.docx").c_str()));
+    EXPECT_EQ(0, ClassifyDestination(L"C:\\users\\report.docx"));
+    EXPECT_EQ(2, ClassifyDestination(L"\\\\fileserver\\share\\report.docx"));
+    EXPECT_EQ(0, ClassifyDestination(L"Z:\\tmp\\report.docx"));  // Z: cannot be opened as a volume: local
+    // Drive C: answers the descriptor query (Wine reports SCSI, never USB).
+    HANDLE volume = CreateFileW(L"\\\\?\\C:", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                0, nullptr);
+    alignas(8) unsigned char buffer[551] = {};
+    auto* d = reinterpret_cast<STORAGE_DEVICE_DESCRIPTOR*>(buffer);
+    d->Size = sizeof buffer;
+    EXPECT_NE(0, QueryStorageDescriptor(volume, d));
+    EXPECT_NE(BusTypeUsb, d->BusType);
+    CloseHandle(volume);
+  }
+  for (wchar_t c = L'R'; c <= L'Y'; ++c)
+    EXPECT_NE(static_cast<UINT>(DRIVE_REMOVABLE), GetDriveTypeW((std::wstring(1, c) + L":\\").c_str())) << char(c);
+}
+
+// Independent depth-first listing in the file system's own order.
+void list_files(const std::wstring& folder, std::vector<std::string>* out) {
+  WIN32_FIND_DATAW data;
+  HANDLE h = FindFirstFileW((folder + L"\\*").c_str(), &data);
+  if (h == INVALID_HANDLE_VALUE) return;
+  do {
+    const std::wstring name = data.cFileName, full = folder + L"\\" + name;
+    if (name == L"." || name == L"..") continue;
+    if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) list_files(full, out);
+    else out->push_back(kwtest::narrow(full));
+  } while (FindNextFileW(h, &data));
+  FindClose(h);
+}
+
+TEST(FolderWalk, OrderCountsErrorsAndLinks) {
+  kwtest::ScratchDir dir;
+  const std::string root = kwtest::narrow(dir.path());
+  std::vector<std::string> out;
+  EXPECT_EQ(0, get_filepaths_from_folder(root, out));  // empty
+  for (const wchar_t* name : {L"e1", L"e2", L"e2\\deeper"}) CreateDirectoryW(dir.file(name).c_str(), nullptr);
+  EXPECT_EQ(0, get_filepaths_from_folder(root, out));  // folders of empty folders
+  for (const wchar_t* name : {L"z1.txt", L"m", L"a2.txt", L"\u65e5\u672c", L"k3.txt", L"b"}) {
+    if (wcschr(name, L'.')) {
+      ASSERT_TRUE(kwtest::write_file(dir.file(name), "x"));
+      continue;
+    }
+    CreateDirectoryW(dir.file(name).c_str(), nullptr);
+    CreateDirectoryW((dir.file(name) + L"\\sub").c_str(), nullptr);
+    ASSERT_TRUE(kwtest::write_file(dir.file(name) + L"\\in.txt", "y"));
+    ASSERT_TRUE(kwtest::write_file(dir.file(name) + L"\\sub\\\u00e9.txt", "z"));
+  }
+  std::vector<std::string> expected = {"earlier"};
+  list_files(dir.path(), &expected);
+  ASSERT_EQ(10u, expected.size());
+  out = {"earlier"};  // the count includes what was there
+  EXPECT_EQ(10, get_filepaths_from_folder(root, out));
+  EXPECT_EQ(expected, out);
+  out = {};
+  EXPECT_EQ(9, get_filepaths_from_folder(root + "\\", out));  // a trailing separator is not doubled
+  EXPECT_EQ(expected[1], out[0]);
+  EXPECT_EQ(0, get_filepaths_from_folder(root + "\\k3.txt", out));  // a file
+  EXPECT_EQ(0, get_filepaths_from_folder(root + "\\missing", out));
+  EXPECT_EQ(9u, out.size());
+
+  // Made by the build: top.txt, sub\inner.txt, sub\back -> .. (a cycle), alias -> sub.
+  const std::string tree = kwtest::narrow(kwtest::exe_dir() + L"protect-walk-cycle");
+  ASSERT_TRUE(kwtest::file_exists(kwtest::widen(tree + "\\sub\\back\\top.txt"))) << "the build did not make the link";
+  out.clear();
+  EXPECT_EQ(3, get_filepaths_from_folder(tree, out));
+  std::sort(out.begin(), out.end());
+  EXPECT_EQ((std::vector<std::string>{tree + "\\alias\\inner.txt", tree + "\\sub\\inner.txt", tree + "\\top.txt"}), out);
+}
+
+}  // namespace
