@@ -528,7 +528,7 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
     std::snprintf(path, sizeof path, "C:\\users\\bench\\Documents\\project\\d%03d\\report-%06d.docx", i / 100, i);
     sources.push_back(path);
   }
-  const std::string document = BuildCopyAuditDocument(kCopyAuditCopy, "E:\\backup", sources, GetTickCount());
+  const std::string document = build_copy_audit_document(kCopyAuditCopy, "E:\\backup", sources, GetTickCount());
   agent::AgentFrame frame;
   if (!frame.Build(agent::kCopyAuditTag, document)) return 1;
   const size_t bytes = frame.size(), chunks = (bytes + agent::kChunkSize - 1) / agent::kChunkSize;
@@ -579,7 +579,7 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
     double start = now_seconds();
     agent::AgentChannel channel;
     channel.SetReceiveTimeout(agent::kReceiveTimeoutMs);
-    const int sent = SendCopyAuditOver(channel, agent::AgentAddress(static_cast<uint16_t>(port)), document);
+    const int sent = send_copy_audit_over(channel, agent::agent_address(static_cast<uint16_t>(port)), document);
     const double a = now_seconds() - start;
     if (sent != 1) {
       std::fprintf(stderr, "kwbench audit: the record was not acknowledged throughout\n");

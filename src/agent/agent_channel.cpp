@@ -11,7 +11,7 @@ WinsockSession::WinsockSession() {
 
 WinsockSession::~WinsockSession() { WSACleanup(); }
 
-DatagramAddress AgentAddress(uint16_t port) {
+DatagramAddress agent_address(uint16_t port) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
@@ -23,7 +23,7 @@ DatagramAddress AgentAddress(uint16_t port) {
   return result;
 }
 
-AgentChannel::AgentChannel() : socket_(socket(AF_INET, SOCK_DGRAM, 0)), destination_(AgentAddress()) {}
+AgentChannel::AgentChannel() : socket_(socket(AF_INET, SOCK_DGRAM, 0)), destination_(agent_address()) {}
 
 void AgentChannel::SetReceiveTimeout(DWORD milliseconds) {
   setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&milliseconds),

@@ -23,7 +23,7 @@ class WinsockSession {
 };
 
 // The agent's address: AF_INET, htons(port), inet_addr("127.0.0.1"), length 16.
-DatagramAddress AgentAddress(uint16_t port = kAgentPort);
+DatagramAddress agent_address(uint16_t port = kAgentPort);
 
 // One message's socket (socket(AF_INET, SOCK_DGRAM, 0)), closed at the end of the scope.
 class AgentChannel : public DatagramIo {

@@ -17,13 +17,14 @@ int send_record(agent::AgentChannel& channel, const agent::DatagramAddress& dest
 
 }  // namespace
 
-std::string BuildCopyAuditDocument(int operation, const std::string& destination_utf8,
-                                   const std::vector<std::string>& sources_utf8, uint32_t tick_count) {
-  return BuildCopyAuditDocument(get_process_name(), get_user_sid_string(), operation, destination_utf8, sources_utf8,
-                                tick_count);
+std::string build_copy_audit_document(int operation, const std::string& destination_utf8,
+                                      const std::vector<std::string>& files_utf8, uint32_t tick_count) {
+  return build_copy_audit_document(get_process_name(), get_user_sid_string(), operation, destination_utf8, files_utf8,
+                                   tick_count);
 }
 
-int SendCopyAuditOver(agent::DatagramIo& io, const agent::DatagramAddress& destination, const std::string& xml_text) {
+int send_copy_audit_over(agent::DatagramIo& io, const agent::DatagramAddress& destination,
+                         const std::string& xml_text) {
   return agent::SendFrame(io, destination, agent::kCopyAuditTag, xml_text) == agent::SendStatus::kSent ? 1 : 0;
 }
 
@@ -36,7 +37,7 @@ int SendCopyAudit(const std::string& xml_text) {
   return send_record(channel, channel.destination(), xml_text);
 }
 
-int SendCopyAuditRecord(int operation, const std::string& destination_utf8,
-                        const std::vector<std::string>& sources_utf8) {
-  return SendCopyAudit(BuildCopyAuditDocument(operation, destination_utf8, sources_utf8, GetTickCount()));
+int send_copy_audit_record(int operation, const std::string& destination_utf8,
+                           const std::vector<std::string>& files_utf8) {
+  return SendCopyAudit(build_copy_audit_document(operation, destination_utf8, files_utf8, GetTickCount()));
 }

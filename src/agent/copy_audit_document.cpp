@@ -3,9 +3,9 @@
 #include "agent/compact_xml.h"
 #include "agent/copy_audit.h"
 
-std::string BuildCopyAuditDocument(const std::string& process_name, const std::string& user_sid, int operation,
-                                   const std::string& destination_utf8, const std::vector<std::string>& files_utf8,
-                                   uint32_t tick_count) {
+std::string build_copy_audit_document(const std::string& process_name, const std::string& user_sid, int operation,
+                                      const std::string& destination_utf8, const std::vector<std::string>& files_utf8,
+                                      uint32_t tick_count) {
   tinyxml2::XMLDocument document;
   tinyxml2::XMLElement* root = document.NewElement("FilesCopy");
   document.InsertEndChild(root);

@@ -3,8 +3,8 @@
 #include "agent/agent_channel.h"
 #include "agent/compact_xml.h"
 
-std::string BuildOperationResultDocument(const std::vector<std::string>& first_paths,
-                                         const std::vector<std::string>& second_paths, uint32_t action) {
+std::string build_operation_result_document(const std::vector<std::string>& first_paths,
+                                            const std::vector<std::string>& second_paths, uint32_t action) {
   tinyxml2::XMLDocument document;
   tinyxml2::XMLElement* root = document.NewElement("Data");
   document.InsertEndChild(root);
@@ -23,7 +23,7 @@ int ReportOperationResult(const std::vector<std::string>& first_paths, const std
   agent::AgentChannel channel;
   if (!channel.ok()) return 0;
   agent::AgentFrame frame;
-  if (!frame.Build(agent::kOperationResultTag, BuildOperationResultDocument(first_paths, second_paths, action))) {
+  if (!frame.Build(agent::kOperationResultTag, build_operation_result_document(first_paths, second_paths, action))) {
     return 0;
   }
   channel.SetReceiveTimeout(agent::kReceiveTimeoutMs);

@@ -23,8 +23,8 @@ bool RequestSecretAudit(const std::vector<std::string>& sources, const std::vect
   if (!winsock.ok()) return false;
   agent::AgentChannel channel;  // no receive time-out: the answer is awaited without limit
   if (!channel.ok()) return false;
-  const std::string request = BuildSecretAuditRequest(get_process_name(), sources, destinations);
-  return ExchangeSecretAudit(channel, channel.destination(), request, result);
+  const std::string request = build_secret_audit_request(get_process_name(), sources, destinations);
+  return exchange_secret_audit(channel, channel.destination(), request, result);
 }
 
 bool RequestSecretAuditForShellLists(const wchar_t* from, const wchar_t* to, SecretAuditResult& result) {

@@ -20,8 +20,8 @@ struct SecretAuditResult {
 
 // The CopyFiles request: processname, then one File per source, then one DstFolder per
 // destination, each with attribute path; compact UTF-8, no declaration.
-std::string BuildSecretAuditRequest(const std::string& process_name, const std::vector<std::string>& sources,
-                                    const std::vector<std::string>& destinations);
+std::string build_secret_audit_request(const std::string& process_name, const std::vector<std::string>& sources,
+                                       const std::vector<std::string>& destinations);
 
 // Reads a reassembled response frame (header at offset 0, document from offset 36) into
 // `result`: encryptedpwd (missing: ""), action (missing: unchanged), non-empty SecretFile and
@@ -35,12 +35,12 @@ bool ParseSecretAuditResponse(const agent::AgentFrame* frame, SecretAuditResult&
 // send, no answer, a wrong tag or a failed reassembly give true with nothing parsed (the
 // operation is refused); an empty answer gives false; otherwise the parsed verdict. A missing
 // acknowledgement while sending only ends the sending.
-bool ExchangeSecretAudit(agent::DatagramIo& io, const agent::DatagramAddress& destination,
-                         const std::string& request_xml, SecretAuditResult& result);
+bool exchange_secret_audit(agent::DatagramIo& io, const agent::DatagramAddress& destination,
+                           const std::string& request_xml, SecretAuditResult& result);
 
 // Asks the agent about `sources` (UTF-8) copied or moved to `destinations` (UTF-8). False
 // without sending when g_secret_audit is clear, a list is empty, or Winsock or the socket cannot
-// be had; otherwise as ExchangeSecretAudit. Blocks until the agent answers (no time-out).
+// be had; otherwise as exchange_secret_audit. Blocks until the agent answers (no time-out).
 bool RequestSecretAudit(const std::vector<std::string>& sources, const std::vector<std::string>& destinations,
                         SecretAuditResult& result);
 

@@ -18,8 +18,8 @@ void collect_paths(const tinyxml2::XMLElement* root, const char* name, std::vect
 
 }  // namespace
 
-std::string BuildSecretAuditRequest(const std::string& process_name, const std::vector<std::string>& sources,
-                                    const std::vector<std::string>& destinations) {
+std::string build_secret_audit_request(const std::string& process_name, const std::vector<std::string>& sources,
+                                       const std::vector<std::string>& destinations) {
   tinyxml2::XMLDocument document;
   tinyxml2::XMLElement* root = document.NewElement("CopyFiles");
   document.InsertEndChild(root);
@@ -62,8 +62,8 @@ bool ParseSecretAuditResponse(const agent::AgentFrame* frame, SecretAuditResult&
   return ParseSecretAuditResponse(frame->data(), frame->size(), result);
 }
 
-bool ExchangeSecretAudit(agent::DatagramIo& io, const agent::DatagramAddress& destination,
-                         const std::string& request_xml, SecretAuditResult& result) {
+bool exchange_secret_audit(agent::DatagramIo& io, const agent::DatagramAddress& destination,
+                           const std::string& request_xml, SecretAuditResult& result) {
   // A missing acknowledgement only ends the sending; the answer is awaited all the same.
   if (agent::SendFrame(io, destination, agent::kSecretAuditRequestTag, request_xml) == agent::SendStatus::kSendFailed) {
     return true;

@@ -31,5 +31,5 @@ ScreenedClasses classify_for_secret_check(const PolicyBlock& policy, const wchar
 void audit_copy(const PolicyBlock& policy, int operation, const std::string& destination,
                 const std::vector<std::string>& sources) {
   if (policy.g_copy_audit == 0) return;
-  SendCopyAuditRecord(operation, destination, list_audited_files(sources));
+  send_copy_audit_record(operation, destination, list_audited_files(sources));
 }

@@ -62,13 +62,13 @@ struct Wipe {
 
 }  // namespace
 
-void BuildPasswordBuffer(const char* password, uint8_t buffer[32]) {
+void build_password_buffer(const char* password, uint8_t buffer[32]) {
   std::memset(buffer, 0, 32);
   const size_t n = strnlen(password, 31);
   std::memcpy(buffer, password, n);
 }
 
-void BuildKeyMaterial(const uint8_t password_buffer[32], uint8_t key_material[32]) {
+void build_key_material(const uint8_t password_buffer[32], uint8_t key_material[32]) {
   uint8_t mask[32];
   Wipe wipe{mask, sizeof mask};
   KeyMask(mask);
@@ -114,7 +114,7 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
                                   CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     uint8_t key[32];
     Wipe wipe_key{key, sizeof key};
-    BuildKeyMaterial(password_buffer, key);
+    build_key_material(password_buffer, key);
 
     OwnedHandle input(open_for_reading(wide_source));
     // One pass: each piece read is digested, then enciphered in place and written. The buffer is
@@ -182,6 +182,6 @@ bool TransformCopiedFile(const char* source, const char* destination, const char
   if (source == nullptr || destination == nullptr || password == nullptr) return false;
   uint8_t buffer[32];
   Wipe wipe{buffer, sizeof buffer};
-  BuildPasswordBuffer(password, buffer);
+  build_password_buffer(password, buffer);
   return TransformFile(source, destination, buffer, true, complete);
 }

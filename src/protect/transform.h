@@ -15,9 +15,9 @@ constexpr size_t kEncryptedHeaderSize = 8 + kDigestFieldSize;
 extern const uint8_t kEncryptedFileMagic[8];
 
 // The 32-byte password buffer: the first min(strlen, 31) bytes of the password, zero-filled.
-void BuildPasswordBuffer(const char* password, uint8_t buffer[32]);
+void build_password_buffer(const char* password, uint8_t buffer[32]);
 // Key material = KeyMask OR password buffer, byte by byte.
-void BuildKeyMaterial(const uint8_t password_buffer[32], uint8_t key_material[32]);
+void build_key_material(const uint8_t password_buffer[32], uint8_t key_material[32]);
 
 // MD5 of the whole file as 32 lowercase hex digits; "" when the file cannot be opened.
 std::string FileDigestHex(const std::wstring& path);

@@ -182,7 +182,7 @@ std::string describe(bool verdict, const SecretAuditResult& r) {
   return s + " pwd=" + r.encrypted_pwd + " action=" + std::to_string(r.action);
 }
 
-// ExchangeSecretAudit: the request out, the verdict from the answer. True refuses the operation
+// exchange_secret_audit: the request out, the verdict from the answer. True refuses the operation
 // (a transport failure too); false lets it go on.
 TEST(SecretVerdict, AnswersAndTransportOutcomes) {
   const std::string none = response("<SecretCheckResult encryptedpwd=\"\" action=\"0\"/>"), refused = "true pwd= action=0";
@@ -221,7 +221,7 @@ TEST(SecretVerdict, AnswersAndTransportOutcomes) {
     MemoryIo io(row.script, row.fail_send_from);
     SecretAuditResult r;
     const std::string request(row.request, 'c');
-    EXPECT_EQ(row.verdict, describe(ExchangeSecretAudit(io, address(7886), request, r), r)) << row.name;
+    EXPECT_EQ(row.verdict, describe(exchange_secret_audit(io, address(7886), request, r), r)) << row.name;
     EXPECT_EQ(row.receives, io.receives) << row.name;
     ASSERT_FALSE(io.sent.empty()) << row.name;
     EXPECT_EQ(frame(kRequest, request).substr(0, 8192), io.sent[0]) << row.name;
@@ -241,15 +241,17 @@ TEST(Documents, ByteForByte) {
   const std::string plain = kwtest::narrow(dir.file(L"plain \u00e9.txt")), t = kwtest::narrow(tree), e = kwtest::narrow(empty);
   const std::string record = "<FilesCopy processname=\"p\" operation=\"6\" flags=\"0\" time=\"7\" dstfloder=\"E:\\\" usersid=\"s\"";
   const std::pair<std::string, std::string> rows[] = {
-      {BuildCopyAuditDocument("a&b<c>\"d'.exe", "S-1-5-21-1", kCopyAuditCopy, "E:\\\xC3\xA9", {"C:\\\xE6\x97\xA5.txt"}, 12345u),
+      {build_copy_audit_document("a&b<c>\"d'.exe", "S-1-5-21-1", kCopyAuditCopy, "E:\\\xC3\xA9",
+                                 {"C:\\\xE6\x97\xA5.txt"}, 12345u),
        "<FilesCopy processname=\"a&amp;b&lt;c&gt;&quot;d&apos;.exe\" operation=\"6\" flags=\"0\" time=\"12345\" "
        "dstfloder=\"E:\\\xC3\xA9\" usersid=\"S-1-5-21-1\"><File filename=\"C:\\\xE6\x97\xA5.txt\"/></FilesCopy>"},
-      {BuildCopyAuditDocument("p", "s", kCopyAuditMove, "d", {}, 2147483648u),
+      {build_copy_audit_document("p", "s", kCopyAuditMove, "d", {}, 2147483648u),
        "<FilesCopy processname=\"p\" operation=\"5\" flags=\"0\" time=\"-2147483648\" dstfloder=\"d\" usersid=\"s\"/>"},
-      {BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", list_audited_files({plain, e, t, kwtest::narrow(hollow)}), 7u),
+      {build_copy_audit_document("p", "s", kCopyAuditCopy, "E:\\",
+                                 list_audited_files({plain, e, t, kwtest::narrow(hollow)}), 7u),
        record + "><File filename=\"" + plain + "\"/><File filename=\"" + t + "\\s\\b.txt\"/></FilesCopy>"},
-      {BuildCopyAuditDocument("p", "s", kCopyAuditCopy, "E:\\", list_audited_files({e}), 7u), record + "/>"},
-      {BuildOperationResultDocument({"C:\\b & c"}, {"\xC3\xA9"}, 4294967295u),
+      {build_copy_audit_document("p", "s", kCopyAuditCopy, "E:\\", list_audited_files({e}), 7u), record + "/>"},
+      {build_operation_result_document({"C:\\b & c"}, {"\xC3\xA9"}, 4294967295u),
        "<Data action=\"-1\"><File path=\"C:\\b &amp; c\"/><File path=\"\xC3\xA9\"/></Data>"},
   };
   for (const auto& [built, expected] : rows) EXPECT_EQ(expected, built);
@@ -283,7 +285,7 @@ TEST(OverThePort, RequestsRecordAndReport) {
   EXPECT_FALSE(RequestSecretAuditForShellLists(L"C:\\a\0", nullptr, r));
   EXPECT_FALSE(RequestSecretAuditForShellLists(L"\0", L"D:\\\0", r));
   EXPECT_EQ(0, ReportOperationResult({}, {}, 1));
-  EXPECT_EQ(1, SendCopyAuditRecord(kCopyAuditMove, "E:\\", {"C:\\a.txt"}));
+  EXPECT_EQ(1, send_copy_audit_record(kCopyAuditMove, "E:\\", {"C:\\a.txt"}));
   ASSERT_TRUE(agent.wait_for_frames(1, 5000));
   const std::string record = agent.frames()[0];
   EXPECT_EQ(header(static_cast<int32_t>(record.size() - 36), "<FILECOPYAUDIT_DATA>"), record.substr(0, 36));

@@ -81,7 +81,8 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
   EXPECT_EQ(0, denied.action);
   EXPECT_FALSE(RequestSecretAudit({"C:\\data\\open.txt"}, {"E:\\"}, allowed));
   const std::string folder8 = kwtest::narrow(folder);
-  EXPECT_EQ(1, SendCopyAudit(BuildCopyAuditDocument(kCopyAuditCopy, "E:\\backup", list_audited_files({folder8}), 2147483648u)));
+  EXPECT_EQ(1, SendCopyAudit(build_copy_audit_document(kCopyAuditCopy, "E:\\backup", list_audited_files({folder8}),
+                                                       2147483648u)));
   std::vector<std::string> lines, files;
   EXPECT_EQ(0u, agent.stop(&lines));
   ASSERT_EQ(4u, lines.size());
@@ -104,7 +105,7 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
 TEST(Kwagent, ChunksEmptyModeAndATakenPort) {
   std::vector<std::string> sources, lines;
   for (int i = 0; i < 500; ++i) sources.push_back("C:\\big\\folder\\document-" + std::to_string(i) + ".docx");
-  ASSERT_GT(BuildSecretAuditRequest(get_process_name(), sources, {"E:\\"}).size(), 2u * 8192u);
+  ASSERT_GT(build_secret_audit_request(get_process_name(), sources, {"E:\\"}).size(), 2u * 8192u);
   {
     RunningAgent agent("secret C:\\big\\* secret-password 1\n");
     ASSERT_TRUE(agent.ready);

@@ -124,7 +124,7 @@ TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
     ASSERT_TRUE(kwtest::write_file(src, plain));
     bool complete = false;
     uint8_t buffer[32];
-    BuildPasswordBuffer(row.password.c_str(), buffer);
+    build_password_buffer(row.password.c_str(), buffer);
     const std::string s = kwtest::narrow(src), d = kwtest::narrow(dst);
     EXPECT_TRUE(row.encrypt ? TransformCopiedFile(s.c_str(), d.c_str(), row.password.c_str(), &complete)
                             : TransformFile(s.c_str(), d.c_str(), buffer, false, &complete));

@@ -109,8 +109,8 @@ int open_input(const std::wstring& path, OwnedHandle* input, std::string* stored
 // in a partial block) into `output` (when valid) and its MD5; false on a read or write error.
 bool decipher_body(HANDLE input, HANDLE output, const std::string& password, MD5* md5) {
   uint8_t password_buffer[32], key[32];
-  BuildPasswordBuffer(password.c_str(), password_buffer);
-  BuildKeyMaterial(password_buffer, key);
+  build_password_buffer(password.c_str(), password_buffer);
+  build_key_material(password_buffer, key);
   BlockCipher cipher(0, key);
   std::unique_ptr<uint8_t[]> buffers(new uint8_t[2 * kTransformChunk]);
   uint8_t* in = buffers.get();

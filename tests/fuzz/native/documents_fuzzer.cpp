@@ -61,14 +61,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<std::string> sources(p.begin() + 3, p.end());
 
   tinyxml2::XMLDocument request, record;
-  Element e = root(request, BuildSecretAuditRequest(p[0], sources, {p[2], p[1]}));
+  Element e = root(request, build_secret_audit_request(p[0], sources, {p[2], p[1]}));
   check(e, "CopyFiles", {{"processname", p[0]}});
   e = e->FirstChildElement();
   for (const std::string& source : sources) e = check(e, "File", {{"path", source}});
   for (const std::string& destination : {p[2], p[1]}) e = check(e, "DstFolder", {{"path", destination}});
   FUZZ_CHECK(e == nullptr, "extra element %s in the request", e->Name());
 
-  e = root(record, BuildCopyAuditDocument(p[0], p[1], operation, p[2], sources, ticks));
+  e = root(record, build_copy_audit_document(p[0], p[1], operation, p[2], sources, ticks));
   check(e, "FilesCopy", {{"processname", p[0]}, {"operation", std::to_string(operation)}, {"flags", "0"},
                          {"time", std::to_string(static_cast<int32_t>(ticks))}, {"dstfloder", p[2]}, {"usersid", p[1]}});
   e = e->FirstChildElement();

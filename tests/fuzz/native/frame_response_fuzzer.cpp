@@ -1,5 +1,5 @@
 // Response datagrams through ReceiveFrame and ParseSecretAuditResponse, and through the whole
-// ExchangeSecretAudit. Input: byte 0 the acknowledgement whose send fails (0xFF: none), then
+// exchange_secret_audit. Input: byte 0 the acknowledgement whose send fails (0xFF: none), then
 // datagrams, each a 2-byte little-endian length and that many bytes (past the end: what is left;
 // 0xFFFF: a failed receive); a receive after the last fails, as the socket's time-out would.
 // Checked: a frame is exactly its announced size and holds the datagrams' bytes in order; every
@@ -94,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(frame.size() == 0 && frame.data() == nullptr, "outcome %d left a frame", static_cast<int>(outcome));
   }
   ScriptedIo exchange_io(script, failing_ack, true);
-  FUZZ_CHECK(ExchangeSecretAudit(exchange_io, agent::DatagramAddress{}, "<CopyFiles/>", via_exchange) == expected,
+  FUZZ_CHECK(exchange_secret_audit(exchange_io, agent::DatagramAddress{}, "<CopyFiles/>", via_exchange) == expected,
              "the exchange and the parts disagree");
   FUZZ_CHECK(via_exchange.secret_files == direct.secret_files && via_exchange.encrypted_files == direct.encrypted_files &&
                  via_exchange.encrypted_pwd == direct.encrypted_pwd && via_exchange.action == direct.action,
