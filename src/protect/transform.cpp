@@ -93,6 +93,58 @@ std::string FileDigestHex(const std::wstring& path) {
   return md5.hex_digest();
 }
 
+namespace {
+
+// One read piece in place: the layout's 64 KiB chunks, each digested and enciphered (or
+// deciphered and digested); only a chunk that ends the file can be short, and only its tail
+// (length mod 16) is masked instead of enciphered.
+void transform_piece(uint8_t* data, DWORD length, const uint8_t key[32], bool encrypt, BlockCipher& cipher, MD5& md5) {
+  for (DWORD offset = 0; offset < length; offset += kTransformChunk) {
+    uint8_t* chunk = data + offset;
+    const DWORD size = std::min<DWORD>(kTransformChunk, length - offset);
+    const DWORD r = size % 16;
+    const DWORD head = size - r;
+    if (encrypt) {
+      cipher.encipher_in_place_observed(chunk, head, &digest_stretch, &md5);  // digest and cipher interleaved
+      md5.update(chunk + head, r);
+    } else {
+      md5.update(chunk, size);
+      cipher.decipher_buffer(chunk, chunk, head);
+    }
+    for (DWORD j = 0; j < r; ++j) chunk[head + j] ^= key[r - j];
+  }
+}
+
+// One pass over `input`: each piece read is digested, enciphered in place and written after the
+// header; the digest field stays zero until the whole plaintext has been read, then it is written
+// in place, so the file's bytes are those of the layout whatever the order of the writes. True
+// when every byte was read and written. `data` holds kIoSize bytes.
+bool transform_stream(HANDLE input, HANDLE output, const uint8_t key[32], bool encrypt, uint8_t* data) {
+  BlockCipher cipher(0, key);
+  MD5 md5;
+  uint8_t header[kEncryptedHeaderSize] = {};
+  std::memcpy(header, kEncryptedFileMagic, 8);
+  bool failed = !write_all(output, header, sizeof header);
+  bool read_failed = false;
+  for (;;) {
+    const DWORD length = read_some(input, data, kIoSize, &read_failed);
+    if (length == 0) break;
+    transform_piece(data, length, key, encrypt, cipher, md5);
+    failed |= !write_all(output, data, length);
+    if (length < kIoSize && !read_failed) break;  // the end of the file
+  }
+  if (read_failed) return false;
+  md5.finalize();
+  const std::string digest = md5.hex_digest();
+  LARGE_INTEGER field;
+  field.QuadPart = 8;
+  failed |= !SetFilePointerEx(output, field, nullptr, FILE_BEGIN) ||
+            !write_all(output, reinterpret_cast<const uint8_t*>(digest.data()), static_cast<DWORD>(digest.size()));
+  return !failed;
+}
+
+}  // namespace
+
 bool TransformFile(const char* source, const char* destination, const uint8_t password_buffer[32], bool encrypt,
                    bool* complete) {
   bool whole = false;  // every byte read and written, and (in place) the source replaced
@@ -117,56 +169,14 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
     build_key_material(password_buffer, key);
 
     OwnedHandle input(open_for_reading(wide_source));
-    // One pass: each piece read is digested, then enciphered in place and written. The buffer is
-    // taken once per call (the caller's stack may be small); reads and writes of 1 MiB keep the
-    // calls into the system few.
+    // The buffer is taken once per call (the caller's stack may be small); reads and writes of
+    // 1 MiB keep the calls into the system few.
     std::unique_ptr<uint8_t[]> buffer(input.ok() ? new (std::nothrow) uint8_t[kIoSize] : nullptr);
     if (buffer) {
-      uint8_t* data = buffer.get();
-      BlockCipher cipher(0, key);
-      MD5 md5;
-      // The digest field stays zero until the whole plaintext has been read; then it is written
-      // in place, so the file's bytes are those of the layout above whatever the order of writes.
-      uint8_t header[kEncryptedHeaderSize] = {};
-      std::memcpy(header, kEncryptedFileMagic, 8);
-      bool failed = !output.ok();
-      bool read_failed = false;
-      failed |= !write_all(output.get(), header, sizeof header);
-      for (;;) {
-        const DWORD length = read_some(input.get(), data, kIoSize, &read_failed);
-        if (length == 0) break;
-        // The layout's 64 KiB chunks: only a chunk that ends the file can be short, and only its
-        // tail (length mod 16) is masked instead of enciphered.
-        for (DWORD offset = 0; offset < length; offset += kTransformChunk) {
-          uint8_t* chunk = data + offset;
-          const DWORD size = std::min<DWORD>(kTransformChunk, length - offset);
-          const DWORD r = size % 16;
-          const DWORD head = size - r;
-          if (encrypt) {
-            cipher.encipher_in_place_observed(chunk, head, &digest_stretch, &md5);  // digest and cipher interleaved
-            md5.update(chunk + head, r);
-          } else {
-            md5.update(chunk, size);
-            cipher.decipher_buffer(chunk, chunk, head);
-          }
-          for (DWORD j = 0; j < r; ++j) chunk[head + j] ^= key[r - j];
-        }
-        failed |= !write_all(output.get(), data, length);
-        if (length < kIoSize && !read_failed) break;  // the end of the file
-      }
-      failed |= read_failed;
-      if (!read_failed) {
-        md5.finalize();
-        const std::string digest = md5.hex_digest();
-        LARGE_INTEGER field;
-        field.QuadPart = 8;
-        failed |= !SetFilePointerEx(output.get(), field, nullptr, FILE_BEGIN) ||
-                  !write_all(output.get(), reinterpret_cast<const uint8_t*>(digest.data()),
-                             static_cast<DWORD>(digest.size()));
-      }
-      SecureZeroMemory(data, kIoSize);
+      const bool written = output.ok() && transform_stream(input.get(), output.get(), key, encrypt, buffer.get());
+      SecureZeroMemory(buffer.get(), kIoSize);
       result = true;
-      whole = !failed && FlushFileBuffers(output.get());
+      whole = written && FlushFileBuffers(output.get());
     }
   }
   std::locale::global(std::locale::classic());
