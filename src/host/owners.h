@@ -2,7 +2,6 @@
 // small move-only type per kind of resource, each releasing what it holds exactly once.
 // (The hook engine stands alone and keeps its own two: the engine lock and the thread freeze.)
 #pragma once
-#include <winsock2.h>
 #include <windows.h>
 #include <objbase.h>
 
@@ -68,12 +67,6 @@ struct Global {
   static bool valid(Value v) { return v != nullptr; }
   static void close(Value v) { GlobalFree(v); }
 };
-struct Socket {
-  using Value = SOCKET;
-  static Value none() { return INVALID_SOCKET; }
-  static bool valid(Value v) { return v != INVALID_SOCKET; }
-  static void close(Value v) { closesocket(v); }
-};
 template <typename T>
 struct Com {
   using Value = T*;
@@ -94,8 +87,20 @@ using OwnedHandle = Owner<owner_traits::Handle>;    // CloseHandle
 using OwnedFind = Owner<owner_traits::Find>;        // FindClose
 using OwnedModule = Owner<owner_traits::Module>;    // FreeLibrary
 using OwnedGlobal = Owner<owner_traits::Global>;    // GlobalFree
-using OwnedSocket = Owner<owner_traits::Socket>;    // closesocket
 template <typename T>
 using ComRef = Owner<owner_traits::Com<T>>;         // one reference: Release
 template <typename T>
 using CoTaskMem = Owner<owner_traits::TaskMem<T>>;  // shell-allocated memory: CoTaskMemFree
+
+// Sockets, for the files that use Winsock (which include winsock2.h before windows.h).
+#ifdef _WINSOCK2API_
+namespace owner_traits {
+struct Socket {
+  using Value = SOCKET;
+  static Value none() { return INVALID_SOCKET; }
+  static bool valid(Value v) { return v != INVALID_SOCKET; }
+  static void close(Value v) { closesocket(v); }
+};
+}  // namespace owner_traits
+using OwnedSocket = Owner<owner_traits::Socket>;  // closesocket
+#endif
