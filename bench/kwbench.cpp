@@ -37,6 +37,7 @@
 #include "host/owners.h"
 #include "kwindel.h"
 #include "protect/folder_walk.h"
+#include "timing.h"
 
 namespace {
 
@@ -47,20 +48,6 @@ constexpr DWORD kAuditPolicy = KWINDEL_POLICY_COPY_AUDIT | KWINDEL_POLICY_SECRET
 template <typename Fn>
 Fn function_of(const OwnedModule& module, const char* name) {
   return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module.get(), name)));
-}
-
-double now_seconds() {
-  LARGE_INTEGER counter, frequency;
-  QueryPerformanceCounter(&counter);
-  QueryPerformanceFrequency(&frequency);
-  return double(counter.QuadPart) / double(frequency.QuadPart);
-}
-
-double median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const size_t n = values.size();
-  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
 // Seconds per call of `call`, averaged over `calls` calls.

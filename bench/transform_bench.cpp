@@ -18,22 +18,10 @@
 #include "protect/block_cipher.h"
 #include "protect/md5.h"
 #include "protect/transform.h"
+#include "timing.h"
 
 namespace {
 constexpr DWORD kBuffer = 1 << 20;
-
-double now_seconds() {
-  LARGE_INTEGER counter, frequency;
-  QueryPerformanceCounter(&counter);
-  QueryPerformanceFrequency(&frequency);
-  return double(counter.QuadPart) / double(frequency.QuadPart);
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const size_t n = values.size();
-  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
 
 // Reads the whole file in 1 MiB reads, handing each piece to `use`; the bytes read, or -1.
 template <typename Use>
