@@ -92,7 +92,8 @@ ZydisRegister widest(ZydisRegister r) { return ZydisRegisterGetLargestEnclosing(
 bool far_rip_ok(const RefInsn& o, uint64_t ea, const uint8_t* seg, size_t n) {
   RefInsn a, m, x, p;
   if (!ref_decode(seg, n, &a)) return false;
-  if (o.insn.mnemonic == ZYDIS_MNEMONIC_LEA) {
+  if (o.insn.mnemonic == ZYDIS_MNEMONIC_LEA && a.insn.mnemonic == ZYDIS_MNEMONIC_MOV) {  // or the general form below
+    if (o.ops[0].size == 16) return false;  // mov r16, imm would leave the upper bits: never this form
     const uint64_t mask = o.ops[0].size == 64 ? ~0ull : 0xFFFFFFFFull;
     return a.insn.mnemonic == ZYDIS_MNEMONIC_MOV && a.insn.length == n && a.ops[0].reg.value == o.ops[0].reg.value &&
            a.ops[1].type == ZYDIS_OPERAND_TYPE_IMMEDIATE && (a.ops[1].imm.value.u & mask) == (ea & mask);
