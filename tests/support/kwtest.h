@@ -1,7 +1,9 @@
 // The harness shared by the test programs: paths, files, scratch folders and removable drives,
 // helper processes, this process's trace lines, the DLL's shared block, shell copy items.
 #pragma once
-#include "host/owners.h"  // winsock2.h before windows.h
+#include <winsock2.h>  // before windows.h
+
+#include "host/owners.h"
 
 #include <shellapi.h>
 #include <shlobj.h>
