@@ -1,10 +1,15 @@
 #include "zydis_view.h"
 
+#include <Zydis/Zydis.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
-using hookengine::BranchKind;
-using hookengine::FlowKind;
+#include "hookengine/x64_decoder.h"
+
+using namespace hookengine;
 
 namespace {
 
@@ -15,25 +20,34 @@ std::string fmt(const char* f, A... a) {
   return buf;
 }
 
+struct RefInsn {
+  ZydisDecodedInstruction insn{};
+  ZydisDecodedOperand ops[ZYDIS_MAX_OPERAND_COUNT]{};
+  int rip_operand = -1;  // index of the [rip+disp32] / [eip+disp32] memory operand
+  int rel_operand = -1;  // index of the relative immediate
+};
+
+bool ref_decode(const uint8_t* code, size_t available, RefInsn* out) {
+  static ZydisDecoder decoder = [] {
+    ZydisDecoder d;
+    ZydisDecoderInit(&d, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
+    return d;
+  }();
+  *out = RefInsn{};
+  if (!ZYAN_SUCCESS(ZydisDecoderDecodeFull(&decoder, code, available, &out->insn, out->ops))) return false;
+  for (int i = 0; i < out->insn.operand_count; ++i) {
+    const ZydisDecodedOperand& op = out->ops[i];
+    if (op.type == ZYDIS_OPERAND_TYPE_MEMORY && (op.mem.base == ZYDIS_REGISTER_RIP || op.mem.base == ZYDIS_REGISTER_EIP))
+      out->rip_operand = i;
+    if (op.type == ZYDIS_OPERAND_TYPE_IMMEDIATE && op.imm.is_relative) out->rel_operand = i;
+  }
+  return true;
+}
+
 uint64_t ref_address(const RefInsn& r, int operand, uint64_t runtime_address) {
   ZyanU64 a = 0;
   ZydisCalcAbsoluteAddress(&r.insn, &r.ops[operand], runtime_address, &a);
   return a;
-}
-
-BranchKind expected_branch(const RefInsn& r) {
-  if (r.rel_operand < 0) return BranchKind::kNone;
-  switch (r.insn.mnemonic) {
-    case ZYDIS_MNEMONIC_CALL: return BranchKind::kCallRel32;
-    case ZYDIS_MNEMONIC_JMP: return r.ops[r.rel_operand].size == 8 ? BranchKind::kJmpRel8 : BranchKind::kJmpRel32;
-    case ZYDIS_MNEMONIC_LOOP: case ZYDIS_MNEMONIC_LOOPE: case ZYDIS_MNEMONIC_LOOPNE: return BranchKind::kLoop;
-    case ZYDIS_MNEMONIC_JRCXZ: case ZYDIS_MNEMONIC_JECXZ: return BranchKind::kJrcxz;
-    case ZYDIS_MNEMONIC_XBEGIN: return BranchKind::kXbegin;
-    default: break;
-  }
-  if (r.insn.meta.category == ZYDIS_CATEGORY_COND_BR)
-    return r.insn.raw.imm[0].size == 8 ? BranchKind::kJccRel8 : BranchKind::kJccRel32;
-  return static_cast<BranchKind>(0xFF);  // a relative form the decoder has no kind for
 }
 
 FlowKind expected_flow(ZydisMnemonic m) {
@@ -154,54 +168,8 @@ bool branch_ok(const RefInsn& o, uint64_t dest, const uint8_t* tramp, size_t len
          is(s, ZYDIS_MNEMONIC_JMP, next) && is(f, ZYDIS_MNEMONIC_JMP, dest) && far_at + f.span == seg_end;
 }
 
-}  // namespace
-
-bool ref_decode(const uint8_t* code, size_t available, RefInsn* out) {
-  static ZydisDecoder decoder = [] {
-    ZydisDecoder d;
-    ZydisDecoderInit(&d, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
-    return d;
-  }();
-  *out = RefInsn{};
-  if (!ZYAN_SUCCESS(ZydisDecoderDecodeFull(&decoder, code, available, &out->insn, out->ops))) return false;
-  out->valid = true;
-  for (int i = 0; i < out->insn.operand_count; ++i) {
-    const ZydisDecodedOperand& op = out->ops[i];
-    if (op.type == ZYDIS_OPERAND_TYPE_MEMORY && (op.mem.base == ZYDIS_REGISTER_RIP || op.mem.base == ZYDIS_REGISTER_EIP))
-      out->rip_operand = i;
-    if (op.type == ZYDIS_OPERAND_TYPE_IMMEDIATE && op.imm.is_relative) out->rel_operand = i;
-  }
-  return true;
-}
-
-std::string hex(const uint8_t* p, size_t n) {
-  std::string s;
-  for (size_t i = 0; i < n; ++i) s += fmt(i ? " %02x" : "%02x", p[i]);
-  return s;
-}
-
-std::string compare_with_zydis(const uint8_t* code, size_t available) {
-  hookengine::Instruction mine;
-  const bool ok = hookengine::decode(code, available, &mine);
-  RefInsn ref;
-  ref_decode(code, available, &ref);
-  if (ok != mine.valid) return "return value and valid flag differ";
-  if (ok != ref.valid) return !ok && deliberate_refusal(ref) ? "" : fmt("validity: mine %d zydis %d", ok, ref.valid);
-  if (!ok) return {};
-  const BranchKind kind = expected_branch(ref);
-  const auto& imm = ref.insn.raw.imm[0];
-  if (mine.length != ref.insn.length) return fmt("length: mine %u zydis %u", mine.length, ref.insn.length);
-  if (mine.rip_relative != (ref.rip_operand >= 0) || (mine.rip_relative && mine.disp_offset != ref.insn.raw.disp.offset))
-    return fmt("rip-relative: mine %d @%u", mine.rip_relative, mine.disp_offset);
-  if (mine.branch != kind || (kind != BranchKind::kNone && (mine.rel_offset != imm.offset || mine.rel_size * 8 != imm.size)))
-    return fmt("branch: mine %d @%u/%u zydis %d @%u/%u", static_cast<int>(mine.branch), mine.rel_offset, mine.rel_size,
-               static_cast<int>(kind), imm.offset, imm.size / 8);
-  if (mine.flow != expected_flow(ref.insn.mnemonic)) return fmt("flow: mine %d", static_cast<int>(mine.flow));
-  return {};
-}
-
 std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t target_address, const uint8_t* tramp,
-                              const hookengine::Relocation& r, uint64_t out_address) {
+                              const Relocation& r, uint64_t out_address) {
   const size_t len = r.trampoline_length;
   const uint64_t end = target_address + r.copied_length;
   if (r.boundary_count == 0 || r.original_offsets[0] != 0 || r.trampoline_offsets[0] != 0) return "first boundary not (0, 0)";
@@ -238,4 +206,60 @@ std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t t
     orig += o.insn.length;
   }
   return orig == r.copied_length ? "" : "copied length is not the sum of the instructions";
+}
+
+}  // namespace
+
+std::string hex(const uint8_t* p, size_t n) {
+  std::string s;
+  for (size_t i = 0; i < n; ++i) s += fmt(i ? " %02x" : "%02x", p[i]);
+  return s;
+}
+
+std::string compare_with_zydis(const uint8_t* code, size_t available) {
+  Instruction mine;
+  const bool ok = decode(code, available, &mine);
+  RefInsn ref;
+  const bool ref_ok = ref_decode(code, available, &ref);
+  if (ok != mine.valid) return "return value and valid flag differ";
+  if (ok != ref_ok) return !ok && deliberate_refusal(ref) ? "" : fmt("validity: mine %d zydis %d", ok, ref_ok);
+  if (!ok) return {};
+  const auto& imm = ref.insn.raw.imm[0];  // the relative one, when there is one (its kind: by the trampolines)
+  if (mine.length != ref.insn.length) return fmt("length: mine %u zydis %u", mine.length, ref.insn.length);
+  if (mine.rip_relative != (ref.rip_operand >= 0) || (mine.rip_relative && mine.disp_offset != ref.insn.raw.disp.offset))
+    return fmt("rip-relative: mine %d @%u", mine.rip_relative, mine.disp_offset);
+  const bool branch = mine.branch != BranchKind::kNone;
+  if (branch != (ref.rel_operand >= 0) || (branch && (mine.rel_offset != imm.offset || mine.rel_size * 8 != imm.size)))
+    return fmt("relative branch: mine %d @%u/%u", branch, mine.rel_offset, mine.rel_size);
+  if (mine.flow != expected_flow(ref.insn.mnemonic)) return fmt("flow: mine %d", static_cast<int>(mine.flow));
+  return {};
+}
+
+std::string build_checked(const uint8_t* code, size_t n, uint64_t target, size_t patch_size, uint64_t out_address,
+                          Built* b) {
+  std::memset(b->out, 0xA5, sizeof b->out);
+  b->r = Relocation{};
+  b->r.copied_length = 0xBAD;
+  b->status = build_trampoline(code, n, target, patch_size, b->out, kMaxTrampolineLength, out_address, &b->r);
+  const size_t len = b->status == RelocateStatus::kOk ? b->r.trampoline_length : 0;
+  if (std::count(b->out + len, std::end(b->out), 0xA5) != std::end(b->out) - (b->out + len))
+    return fmt("written beyond the trampoline (%s)", to_string(b->status));
+  if (len == 0) return b->r.copied_length == 0xBAD ? "" : "a refusal wrote the result";
+  if (b->r.copied_length < patch_size || b->r.copied_length > n) return fmt("copied %zu of %zu", b->r.copied_length, n);
+  const std::string wrong = verify_trampoline(code, n, target, b->out, b->r, out_address);
+  if (!wrong.empty()) return wrong;
+  for (size_t at = 0, k = 0; at < b->r.copied_length; ++at) {
+    uint64_t moved = 0;
+    const bool start = k < b->r.boundary_count && b->r.original_offsets[k] == at;
+    if (map_to_trampoline(b->r, target, out_address, target + at, &moved) != start ||
+        (start && moved != out_address + b->r.trampoline_offsets[k++]))
+      return fmt("+%zu mapped wrongly", at);
+  }
+  uint8_t small[kMaxTrampolineLength];
+  std::memset(small, 0x5A, sizeof small);
+  Relocation unused;
+  if (build_trampoline(code, n, target, patch_size, small, len - 1, out_address, &unused) != RelocateStatus::kBufferTooSmall ||
+      std::count(small, std::end(small), 0x5A) != sizeof small)
+    return "a buffer one byte short was not refused cleanly";
+  return "";
 }
