@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
+#include <vector>
 
 #include "hookengine/x64_decoder.h"
 #include "zydis_view.h"
@@ -29,18 +29,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       std::memcpy(&out_address, data + 9, 8);
       target &= 0x00007FFFFFFFFFFFull, out_address &= 0x00007FFFFFFFFFFFull, header = 17;
   }
-  const size_t n = size - header;
-  std::unique_ptr<uint8_t[]> code(new uint8_t[n ? n : 1]);
-  std::memcpy(code.get(), data + header, n);
+  const std::vector<uint8_t> code(data + header, data + size);  // exactly its size: ASan sees a read beyond
+  const size_t n = code.size();
   hookengine::Instruction insn;
   for (size_t at = 0; at < n; at += insn.length) {
-    const std::string diff = compare_with_zydis(code.get() + at, n - at);
+    const std::string diff = compare_with_zydis(code.data() + at, n - at);
     if (!diff.empty()) std::fprintf(stderr, "decoder and Zydis differ at +%zu: %s\n", at, diff.c_str());
     assert(diff.empty());
-    if (!hookengine::decode(code.get() + at, n - at, &insn)) break;
+    if (!hookengine::decode(code.data() + at, n - at, &insn)) break;
   }
   Built b;
-  const std::string wrong = build_checked(code.get(), n, target, patch_size, out_address, &b);
+  const std::string wrong = build_checked(code.data(), n, target, patch_size, out_address, &b);
   if (!wrong.empty()) std::fprintf(stderr, "trampoline (%s): %s\n", hookengine::to_string(b.status), wrong.c_str());
   assert(wrong.empty());
   return 0;

@@ -35,45 +35,35 @@ struct RelocatorCase {
   size_t patch;
   uint64_t out;
   RelocateStatus status;
-  std::string expect;  // the trampoline starts with these bytes
-  size_t copied = 0;   // 0 to skip
 };
 
-// Each row's trampoline (or refusal) also passes build_checked.
+// Statuses; each trampoline (or refusal) also passes build_checked, which reads
+// the form chosen (rel32 or absolute, a register saved around a RIP operand, ...) for what it does.
 TEST(Relocator, FormsAndRefusals) {
   using S = RelocateStatus;
-  const std::string fop = "48 83 ec 28 f6 05 d0 d1 02 00 01 75 0c b8 01 40 00 80 48 83 c4 28 c3";
-  const std::string into = "53 48 83 ec 20 b8 01 00 00 00 90 90 ";
+  const std::string fop = "48 83 ec 28 f6 05 d0 d1 02 00 01 75 0c b8 01 40 00 80 48 83 c4 28 c3";  // jne in the 14
+  const std::string jcc = "75 20 e8 00 01 00 00 e9 00 02 00 00", into = "53 48 83 ec 20 b8 01 00 00 00 90 90 ";
   const RelocatorCase cases[] = {
-      {"55 48 89 e5 48 83 ec 20 89 c8 5d c3", 5, kNear, S::kOk, "55 48 89 e5 48 83 ec 20 e9", 8},
-      {"55 48 89 e5 48 83 ec 20 89 c8 5d c3", 5, kFar, S::kOk, "55 48 89 e5 48 83 ec 20 ff 25 00 00 00 00"},
-      {fop, 14, kNear, S::kOk, "48 83 ec 28 f6 05", 18},  // jne rel8 becomes 0F 85 rel32
-      {fop, 14, kFar, S::kOk, "48 83 ec 28 56 48 be"},    // test byte [rip] through rsi, saved around it
-      {"4c 8d 05 00 10 00 00 90", 5, kFar, S::kOk, "49 b8 07 10 01 80 01 00 00 00"},  // lea -> mov r8, imm64
-      {"8d 0d 00 10 00 00 90", 5, kFar, S::kOk, "b9 06 10 01 80"},                     // lea -> mov ecx, imm32
-      {"48 8b 35 00 10 00 00", 5, kFar, S::kOk, "57 48 bf"},  // mov rsi, [rip]: through rdi
-      {"49 8b 05 00 10 00 00", 5, kFar, S::kOk, "56 48 be"},  // REX.B meant nothing with RIP: dropped
-      {"83 25 00 10 00 00 01", 5, kFar, S::kOk, "56 48 be"},  // a /4 extension is no rsp operand
-      {"75 20 e8 00 01 00 00 e9 00 02 00 00", 7, kFar, S::kOk, "74 0e ff 25 00 00 00 00"},  // inverted jcc
-      {"75 20 e8 00 01 00 00 e9 00 02 00 00", 7, kNear, S::kOk, "0f 85"},
-      {"75 20 e8 00 01 00 00 e9 00 02 00 00", 12, kNear, S::kCallReturnsIntoPatch, ""},
-      {"90 90 ff d0 90 90", 5, kNear, S::kCallReturnsIntoPatch, ""}, {"90 90 90 ff d0 90", 5, kNear, S::kOk, ""},
-      {"e2 30 48 89 c8 90", 5, kNear, S::kOk, "e2 02 eb 05"}, {"e3 30 48 89 c8 90", 5, kFar, S::kOk, "e3 02 eb 0e"},
-      {"67 e3 30 48 89 c8 90", 5, kFar, S::kOk, "67 e3 02"},  {"e0 30 48 89 c8 90", 5, kNear, S::kOk, "e0 02"},
-      {"c7 f8 00 01 00 00", 5, kNear, S::kOk, "c7 f8"},       {"c7 f8 00 01 00 00", 5, kFar, S::kUnsupportedBranch, ""},
-      {"c3 66 66 2e 0f 1f 84 00 00 00 00 00", 5, kNear, S::kOk, "c3 66 66 2e 0f 1f 84"},  // padding after the end
-      {"eb 10 66 90 0f 1f 40 00", 5, kNear, S::kOk, ""}, {"c3 90 90 0f 1f 00", 5, kNear, S::kOk, ""},
-      {"c3 48 89 c8 90", 5, kNear, S::kFunctionTooShort, ""}, {"c3 41 90 90 90", 5, kNear, S::kFunctionTooShort, ""},
-      {"c3 c5 0f 1f c0", 5, kNear, S::kFunctionTooShort, ""}, {"ff e0 55 48 89", 5, kNear, S::kFunctionTooShort, ""},
-      {into + "75 f3", 5, kNear, S::kBranchIntoPatch, ""}, {into + "0f 85 f1 ff ff ff", 5, kNear, S::kBranchIntoPatch, ""},
-      {into + "75 f2", 5, kNear, S::kOk, ""}, {into + "75 f7", 5, kNear, S::kOk, ""},  // to the start, to the end
-      {"74 01 90 48 89 c8 c3", 5, kNear, S::kBranchIntoPatch, ""},
-      {"06 90 90 90 90", 5, kNear, S::kUndecodable, ""}, {"66 e8 00 00 00 00", 5, kNear, S::kUnsupportedBranch, ""},
-      {"67 8b 05 00 00 00 00", 5, kNear, S::kUnsupportedBranch, ""},  // EIP-relative
-      {"ff 25 00 10 00 00", 5, kFar, S::kRipOutOfRange, ""}, {"ff 25 00 10 00 00", 5, kNear, S::kOk, "ff 25"},
-      {"ff 15 00 10 00 00 90", 5, kFar, S::kRipOutOfRange, ""}, {"ff 35 00 10 00 00", 5, kFar, S::kRipOutOfRange, ""},
-      {"48 8b 25 00 10 00 00", 5, kFar, S::kRipOutOfRange, ""}, {"c5 f9 6f 05 00 10 00 00", 5, kFar, S::kRipOutOfRange, ""},
-      {"8f 05 00 10 00 00", 5, kFar, S::kRipOutOfRange, ""},
+      {"55 48 89 e5 48 83 ec 20 89 c8 5d c3", 5, kNear, S::kOk}, {"55 48 89 e5 48 83 ec 20 89 c8 5d c3", 5, kFar, S::kOk},
+      {fop, 14, kNear, S::kOk}, {fop, 14, kFar, S::kOk}, {jcc, 7, kFar, S::kOk}, {jcc, 7, kNear, S::kOk},
+      {"4c 8d 05 00 10 00 00 90", 5, kFar, S::kOk}, {"8d 0d 00 10 00 00 90", 5, kFar, S::kOk},  // lea -> mov imm64, imm32
+      {"48 8b 35 00 10 00 00", 5, kFar, S::kOk}, {"49 8b 05 00 10 00 00", 5, kFar, S::kOk},  // rsi used; REX.B
+      {"83 25 00 10 00 00 01", 5, kFar, S::kOk}, {jcc, 12, kNear, S::kCallReturnsIntoPatch},  // a /4 is no rsp
+      {"90 90 ff d0 90 90", 5, kNear, S::kCallReturnsIntoPatch}, {"90 90 90 ff d0 90", 5, kNear, S::kOk},
+      {"e2 30 48 89 c8 90", 5, kNear, S::kOk}, {"e3 30 48 89 c8 90", 5, kFar, S::kOk},
+      {"67 e3 30 48 89 c8 90", 5, kFar, S::kOk}, {"e0 30 48 89 c8 90", 5, kNear, S::kOk},
+      {"c7 f8 00 01 00 00", 5, kNear, S::kOk}, {"c7 f8 00 01 00 00", 5, kFar, S::kUnsupportedBranch},
+      {"c3 66 66 2e 0f 1f 84 00 00 00 00 00", 5, kNear, S::kOk}, {"eb 10 66 90 0f 1f 40 00", 5, kNear, S::kOk},
+      {"c3 90 90 0f 1f 00", 5, kNear, S::kOk}, {"c3 48 89 c8 90", 5, kNear, S::kFunctionTooShort},
+      {"c3 41 90 90 90", 5, kNear, S::kFunctionTooShort}, {"c3 c5 0f 1f c0", 5, kNear, S::kFunctionTooShort},
+      {"ff e0 55 48 89", 5, kNear, S::kFunctionTooShort}, {into + "75 f3", 5, kNear, S::kBranchIntoPatch},
+      {into + "0f 85 f1 ff ff ff", 5, kNear, S::kBranchIntoPatch}, {"74 01 90 48 89 c8 c3", 5, kNear, S::kBranchIntoPatch},
+      {into + "75 f2", 5, kNear, S::kOk}, {into + "75 f7", 5, kNear, S::kOk},  // to the start, to the end
+      {"06 90 90 90 90", 5, kNear, S::kUndecodable}, {"66 e8 00 00 00 00", 5, kNear, S::kUnsupportedBranch},
+      {"67 8b 05 00 00 00 00", 5, kNear, S::kUnsupportedBranch}, {"ff 25 00 10 00 00", 5, kNear, S::kOk},  // EIP-relative
+      {"ff 25 00 10 00 00", 5, kFar, S::kRipOutOfRange}, {"ff 15 00 10 00 00 90", 5, kFar, S::kRipOutOfRange},
+      {"ff 35 00 10 00 00", 5, kFar, S::kRipOutOfRange}, {"48 8b 25 00 10 00 00", 5, kFar, S::kRipOutOfRange},
+      {"c5 f9 6f 05 00 10 00 00", 5, kFar, S::kRipOutOfRange}, {"8f 05 00 10 00 00", 5, kFar, S::kRipOutOfRange},
   };
   for (const RelocatorCase& c : cases) {
     SCOPED_TRACE(c.code + (c.out == kFar ? " far" : " near"));
@@ -81,10 +71,7 @@ TEST(Relocator, FormsAndRefusals) {
     code.resize(code.size() + 64, 0xCC);
     Built b;
     EXPECT_EQ(build_checked(code.data(), code.size(), kTarget, c.patch, c.out, &b), "");
-    ASSERT_EQ(b.status, c.status);
-    if (b.status != S::kOk) continue;
-    EXPECT_EQ(hex(b.out, (c.expect.size() + 1) / 3), c.expect);
-    EXPECT_EQ(b.r.copied_length, c.copied != 0 ? c.copied : b.r.copied_length);
+    EXPECT_EQ(b.status, c.status);
   }
 }
 
@@ -164,7 +151,7 @@ TEST(Corpus, WineDllsAndRandomEncodingsAgreeWithZydis) {
     if (map == 5) b[k + 1] = static_cast<uint8_t>((b[k + 1] & 0xE0) | (1 + rng() % 3));  // VEX3 map 1-3
     b[k + opcode_at[map]] = static_cast<uint8_t>(it / 7);
     const std::string diff = compare_with_zydis(b, sizeof b);
-    if (!diff.empty()) fault("random [" + hex(b, 15) + "]", diff);
+    if (!diff.empty()) fault("random " + ::testing::PrintToString(std::vector<uint8_t>(b, b + 15)), diff);
   }
   std::printf("%zu exports, %zu offsets, %zu of %zu trampolines built: %zu faults\n", exports, offsets, built, tries, faults);
   EXPECT_GT(offsets, 1000000u);

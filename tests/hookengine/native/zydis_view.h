@@ -6,8 +6,6 @@
 
 #include "hookengine/relocator.h"
 
-std::string hex(const uint8_t* p, size_t n);  // "48 8b 05"
-
 // Empty when the decoder agrees with Zydis at `code` (validity, length, RIP-relative operand and
 // its disp32 position, relative branch position/width, flow), or when the decoder's refusal
 // is one x64_decoder.h lists as deliberate; else a one-line description of the difference.
