@@ -182,15 +182,15 @@ TEST(OverThePort, GatesRequestRecordAndReport) {
   EXPECT_FALSE(RequestSecretAuditForShellLists(nullptr, L"D:\\\0", r));
   EXPECT_EQ(0, ReportOperationResult({}, {}, 1));
   EXPECT_EQ(1, send_copy_audit_record(kCopyAuditMove, "E:\\", {"C:\\a.txt"}));
-  EXPECT_TRUE(RequestSecretAudit({"C:\\s\\a&b.doc", "C:\\s\\\"q\".txt"}, {"E:\\out<1>"}, r));
-  EXPECT_EQ("true S:C:\\s\\a&b.doc pwd=k&y action=1", describe(true, r));
+  EXPECT_EQ("true S:C:\\s\\a&b.doc pwd=k&y action=1",
+            describe(RequestSecretAuditForShellLists(L"C:\\s\\a&b.doc\0C:\\s\\\"\u00e9\u65e5\".txt\0", L"E:\\out<1>\0F:\\\0", r), r));
   EXPECT_EQ(1, ReportOperationResult({"C:\\" + std::string(9000, 'r')}, {"\xC3\xA9 & c"}, 4294967295u));
   ASSERT_TRUE(agent.wait_for_frames(3, 5000));
   const std::vector<std::string> frames = agent.frames();
   EXPECT_EQ(header(static_cast<int32_t>(frames[0].size() - 36), "<FILECOPYAUDIT_DATA>"), frames[0].substr(0, 36));
   EXPECT_EQ(36u, frames[0].find("<FilesCopy processname=\"agent_tests.exe\" operation=\"5\" flags=\"0\" time=\""));
-  EXPECT_EQ(TestAgent::frame(kRequest, "<CopyFiles processname=\"agent_tests.exe\"><File path=\"C:\\s\\a&amp;b.doc\"/>"
-                             "<File path=\"C:\\s\\&quot;q&quot;.txt\"/><DstFolder path=\"E:\\out&lt;1&gt;\"/></CopyFiles>"),
+  EXPECT_EQ(TestAgent::frame(kRequest, "<CopyFiles processname=\"agent_tests.exe\"><File path=\"C:\\s\\a&amp;b.doc\"/><File path=\"C:\\s\\"
+                             "&quot;\xC3\xA9\xE6\x97\xA5&quot;.txt\"/><DstFolder path=\"E:\\out&lt;1&gt;\"/><DstFolder path=\"F:\\\"/></CopyFiles>"),
             frames[1]);
   EXPECT_EQ(TestAgent::frame("<FILECOPY_OPERATION_RESULT>", "<Data action=\"-1\"><File path=\"C:\\" + std::string(9000, 'r') +
                              "\"/><File path=\"\xC3\xA9 &amp; c\"/></Data>"), frames[2]);
