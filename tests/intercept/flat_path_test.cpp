@@ -2,7 +2,7 @@
 // this process (Wine's own SHFileOperationW copying through the hooked CopyFileW) with a test
 // agent on the agent port; and the secret files a screened copy registered, encrypted after the
 // fact by the later flat copies and moves that reach them.
-#include "harness.h"
+#include "kwtest.h"
 
 namespace {
 
@@ -107,53 +107,34 @@ TEST_F(FlatPath, ShellOperations) {
 // Each row registers s.bin `registrations` times through a screened shell copy of another file
 // whose answer names it, then makes flat calls on s.bin, each to a new name in dst: c CopyFileW,
 // x CopyFileExW of the source's upper-case form, m MoveFileWithProgressW, f MoveFileWithProgressW
-// of a missing file; each with its outcome: E encrypted, P plain, + succeeds (the target held
-// open cannot be replaced by its encrypted form), - the call fails. `held`: the
-// first call's target exists ("old") and is held open, with or without sharing.
+// of a missing file; each with its outcome: E encrypted, P plain, - the call fails.
 TEST_F(FlatPath, RegisteredSecretsAreEncryptedByLaterCopies) {
-  enum Held { kNotHeld, kHeldShared, kHeldExclusive };
-  struct Row { const char* name; int registrations; Held held; const char* calls; };
-  const Row rows[] = {
-      {"one registration encrypts one copy", 1, kNotHeld, "cE cP"},
-      {"two registrations encrypt two copies, in any ASCII case", 2, kNotHeld, "cE xE cP"},
-      {"a moved registered file is encrypted in its new place", 1, kNotHeld, "f- mE"},
-      {"a target held open with sharing still consumes the registration", 1, kHeldShared, "c+ cP"},
-      {"a copy failing on a target held without sharing keeps it", 1, kHeldExclusive, "c- cE cP"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  const std::pair<int, const char*> rows[] = {{1, "cE cP"}, {2, "cE xE cP"}, {1, "f- mE"}};
+  for (const auto& [registrations, calls] : rows) {
+    SCOPED_TRACE(calls);
     const std::wstring s = make(L"s.bin", original(L"s.bin")), dst = dir.file(L"dst");
     {
-      TestAgent agent(AgentScript{true, {secret_answer(std::vector<std::string>(row.registrations, narrow(s)), "pw", 1)}});
+      TestAgent agent(AgentScript{true, {secret_answer(std::vector<std::string>(registrations, narrow(s)), "pw", 1)}});
       ASSERT_TRUE(agent.ok());
       set_policy(kSecretAudit | kLocal);
       ASSERT_EQ(shell_operation(FO_COPY, {dir.file(L"b.txt")}, dst), 0);
       set_policy(0);
       EXPECT_EQ(content(dst + L"\\b.txt"), original(L"b.txt"));
     }
-    OwnedHandle holder;
-    if (row.held != kNotHeld) {
-      ASSERT_TRUE(write_file(dst + L"\\0.bin", "old"));
-      holder.reset(CreateFileW((dst + L"\\0.bin").c_str(), GENERIC_READ, row.held == kHeldShared ? FILE_SHARE_READ | FILE_SHARE_WRITE : 0,
-                               nullptr, OPEN_EXISTING, 0, nullptr));
-      ASSERT_TRUE(holder.ok());
-    }
     std::wstring upper = s;
     for (auto& c : upper) c = static_cast<wchar_t>(towupper(c));
     TraceCapture trace;
     size_t moves = 0;
-    for (size_t i = 0; 3 * i < strlen(row.calls); ++i) {
-      const char call = row.calls[3 * i], outcome = row.calls[3 * i + 1];
+    for (size_t i = 0; 3 * i < strlen(calls); ++i) {
+      const char call = calls[3 * i], outcome = calls[3 * i + 1];
       const std::wstring target = dst + L"\\" + std::to_wstring(i) + L".bin", missing = dir.file(L"missing");
       moves += call == 'm' || call == 'f' ? 1 : 0;
       const BOOL ok = call == 'c' ? CopyFileW(s.c_str(), target.c_str(), FALSE)
                     : call == 'x' ? CopyFileExW(upper.c_str(), target.c_str(), nullptr, nullptr, nullptr, 0)
                                   : MoveFileWithProgressW((call == 'f' ? missing : s).c_str(), target.c_str(), nullptr, nullptr, 0);
-      holder.reset();
       EXPECT_EQ(ok != FALSE, outcome != '-') << "call " << i;
-      if (outcome == 'E' || outcome == 'P') expect(target, L"s.bin", outcome == 'E' ? kEncrypted : kPlain);
-      if (outcome == '-' && row.held != kNotHeld) EXPECT_EQ(content(target), "old");
-      EXPECT_TRUE(outcome == '+' || !file_exists(target + L".tmp"));
+      if (outcome != '-') expect(target, L"s.bin", outcome == 'E' ? kEncrypted : kPlain);
+      EXPECT_FALSE(file_exists(target + L".tmp"));
     }
     EXPECT_EQ(trace.lines(), std::vector<std::string>(moves, "[Hook_MoveFileWithProgressW,963] : MoveFileWithProgressW"));
     remove_tree(dst);
