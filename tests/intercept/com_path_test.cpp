@@ -25,7 +25,7 @@ enum Reply { kNotSecret, kForbidden, kSecretInPlace, kWrongTag };
 // removable drive's root). calls: c CopyItems, m MoveItems, p PerformOperations. trace: the first
 // lines exactly ({a} the first source, "*" any line or the rest of one, a final "" no more lines),
 // cut at 255 characters as the DLL cuts them. Every request names all sources and the destination;
-// each record lists the sources' files; the sources keep their content unless `encrypted`.
+// each record lists the sources' files; the sources keep their content unless moved in place.
 struct Scenario {
   const char* name;
   DWORD policy;
@@ -37,7 +37,6 @@ struct Scenario {
   size_t requests;
   std::vector<const char*> audits;  // each record's operation
   std::vector<std::string> trace;
-  bool encrypted = false;           // the sources end encrypted under "pw"
 };
 const Scenario kScenarios[] = {
     {"policy off passes every call on", 0, kNotSecret, {L"a.txt"}, L"dst", "cmp", {P, P, P}, 0, {},
@@ -52,7 +51,7 @@ const Scenario kScenarios[] = {
     {"a forbidden move is queued as a copy; the next perform refuses", kScreen, kForbidden, {L"a.txt"}, L"dst", "mp", {P, R}, 1,
      {}, {}},
     {"a secret move transforms its source in place for good", kScreen, kSecretInPlace, {L"moved.doc"}, L"dst", "mp", {P, P}, 1,
-     {"5"}, {}, true},
+     {"5"}, {}},
     {"a first source on a removable drive is audited, not checked", kScreen | kRemovable, kNotSecret, {L"usb"}, L"dst", "c", {P},
      0, {"6"}, {}},
     {"a removable destination is checked when the mask selects it", kSecretAudit | kRemovable, kNotSecret, {L"a.txt"}, L"usb",
@@ -135,7 +134,7 @@ TEST_F(ComPath, Scenarios) {
     EXPECT_EQ(audits, expected_audits);
     EXPECT_EQ(agent.frames().size(), s.requests + s.audits.size());
     for (const std::wstring& file : listed) {
-      if (s.encrypted) EXPECT_TRUE(decrypts_to(file, "pw", "content of " + narrow(file))) << narrow(file);
+      if (s.reply == kSecretInPlace) EXPECT_TRUE(decrypts_to(file, "pw", "content of " + narrow(file))) << narrow(file);
       else EXPECT_EQ(content(file), "content of " + narrow(file));
     }
     EXPECT_TRUE(parked_records().empty());

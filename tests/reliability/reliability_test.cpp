@@ -34,10 +34,10 @@ class Reliability : public Interception, public ::testing::WithParamInterface<Lo
  protected:
   // Each of `threads` threads copies its own secret source `count` times: on 6.x queued (the
   // source swapped for its encrypted form) and performed (the original back); before 6 a shell
-  // copy whose target is the encrypted form. The first third in lock-step, so that while every
+  // copy whose target is the encrypted form. The first `lockstep_copies` in lock-step, so that while every
   // source is swapped each holds its encrypted form and its parked file is the original (running
   // free, another thread's perform may restore every source first). "" or what went wrong, per thread.
-  std::vector<std::string> copy_in_threads(int threads, int count) {
+  std::vector<std::string> copy_in_threads(int threads, int count, int lockstep_copies) {
     std::vector<std::string> failures(threads);
     std::atomic<int> arrived{0};
     auto barrier = [&](int round) { for (++arrived; arrived < threads * round;) Sleep(1); };
@@ -49,7 +49,7 @@ class Reliability : public Interception, public ::testing::WithParamInterface<Lo
         std::string reference, &failure = failures[t];
         const std::wstring target = dst + L"\\t" + std::to_wstring(t) + L".doc", encrypted = kFlat ? target : sources[t];
         for (int i = 0; i < count && failure.empty() && (kFlat || new_file_operation(&op)); ++i) {
-          const bool lockstep = i < count / 3;
+          const bool lockstep = i < lockstep_copies;
           if (kFlat ? shell_operation(FO_COPY, {sources[t]}, dst) != 0 : queue(op.get(), false, {sources[t]}, dst) != kPassedOn) failure = "copy not passed on";
           const std::string bytes = content(encrypted);
           if (reference.empty() && decrypts_to(encrypted, "pw", originals[t])) reference = bytes;
@@ -93,7 +93,7 @@ TEST_P(Reliability, Load) {
   const ULONGLONG start = GetTickCount64();
   make_sources(load.kind == kThreads ? 8 : 1);
   if (load.kind == kThreads) {
-    EXPECT_EQ(copy_in_threads(8, n), std::vector<std::string>(8));
+    EXPECT_EQ(copy_in_threads(8, n, n / 3), std::vector<std::string>(8));
     ASSERT_TRUE(agent.flush());
     EXPECT_EQ(agent.requests(), static_cast<size_t>(8 * n));
     EXPECT_EQ(agent.audits(), static_cast<size_t>(8 * n));
@@ -102,9 +102,9 @@ TEST_P(Reliability, Load) {
     ASSERT_TRUE(CopyFileW(sources[0].c_str(), (dst + L"\\again").c_str(), FALSE));
     EXPECT_EQ(content(dst + L"\\again"), originals[0]);
   } else if (load.kind == kLeak) {
-    ASSERT_EQ(copy_in_threads(1, 200), std::vector<std::string>(1)) << "warm-up";
+    ASSERT_EQ(copy_in_threads(1, 200, 0), std::vector<std::string>(1)) << "warm-up";
     const auto before = process_counts();
-    ASSERT_EQ(copy_in_threads(1, n), std::vector<std::string>(1));
+    ASSERT_EQ(copy_in_threads(1, n, 0), std::vector<std::string>(1));
     const auto after = process_counts();
     std::printf("[ measured ] handles %ld -> %ld, private bytes %lld -> %lld\n", before.first, after.first, before.second, after.second);
     EXPECT_LE(after.first - before.first, 4);
