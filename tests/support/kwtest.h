@@ -386,10 +386,9 @@ class TestAgent {
     sendto(s.get(), kFlush, sizeof kFlush, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
     return wait(10000, [&] { return flushes_ >= target; });
   }
-  uint16_t requester_port() const { return locked([&] { return requester_port_; }); }  // 0 before any frame
-  // Sends one datagram to the sender of the last complete frame, or to `port` of 127.0.0.1.
-  bool send_to_requester(const std::string& bytes, uint16_t port = 0) {
-    const sockaddr_in to = loopback(port != 0 ? port : requester_port());
+  // Sends one datagram to the sender of the last complete frame (false before any frame).
+  bool send_to_requester(const std::string& bytes) {
+    const sockaddr_in to = loopback(locked([&] { return requester_port_; }));
     return to.sin_port != 0 && sendto(socket_.get(), bytes.data(), static_cast<int>(bytes.size()), 0,
                                       reinterpret_cast<const sockaddr*>(&to), sizeof to) == static_cast<int>(bytes.size());
   }
