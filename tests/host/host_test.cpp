@@ -1,54 +1,114 @@
-// The built DLL as shipped (exports, imports, the shared section), its exported control functions
-// and policy block through the real DLL, and the string rules of the caller context.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <set>
-
-#include "host/caller_context.h"
-#include "kwindel.h"
+// The DLL's exported control functions and shared policy block, and the interception set-up and
+// tear-down, through the real DLL. Each test runs in a process of its own (once anything is
+// patched the DLL stays for the process's life; a process that ends runs the tear-down), in
+// host_tests (6.x: the three IFileOperation methods patched) and host_xp_tests (winxp64: the four
+// flat functions hooked by the engine; an EasyHook64.dll is used only from beside the DLL).
 #include "kwtest.h"
 
 namespace {
 
 using namespace kwtest;
 
-TEST(Binary, ExportsFourNamesImportsOnlySystemDllsAndSharesAZeroedHookSection) {
-  // Mapped as an image without running its entry: what is read is the file as shipped.
-  OwnedModule image(LoadLibraryExW(dll_path().c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES));
-  ASSERT_TRUE(image.ok());
-  auto base = reinterpret_cast<const char*>(image.get());
-  auto nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
-  const auto& directories = nt->OptionalHeader.DataDirectory;
-  auto exports = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(base + directories[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress);
-  std::set<std::string> names;
-  for (DWORD i = 0; i < exports->NumberOfNames; ++i) names.insert(base + reinterpret_cast<const DWORD*>(base + exports->AddressOfNames)[i]);
-  EXPECT_EQ(exports->NumberOfFunctions, 4u);
-  EXPECT_EQ(names, (std::set<std::string>{"InstallHook", "InstallHookProc", "RemoveHook", "SetPolicy"}));
-  EXPECT_STREQ(base + exports->Name, "kwindel-x64.dll");
-  wchar_t system_dir[MAX_PATH];
-  GetSystemDirectoryW(system_dir, MAX_PATH);
-  int count = 0;
-  for (auto d = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + directories[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
-       d->Name != 0; ++d, ++count) {
-    std::string name = base + d->Name;
-    std::transform(name.begin(), name.end(), name.begin(), ::tolower);
-    EXPECT_EQ(name.find("lib"), std::string::npos) << name << " looks like a runtime library";
-    EXPECT_TRUE(file_exists(std::wstring(system_dir) + L"\\" + widen(name))) << name;
+
+const std::vector<std::string> kAttachLines = {
+    "[HookApi,1567] : easyhook:attach CopyFileW succeed", "[HookApi,1575] : easyhook:attach CopyFileExW succeed",
+    "[HookApi,1583] : easyhook:attach SHFileOperationW succeed", "[HookApi,1591] : easyhook:attach MoveFileWithProgressW succeed"};
+const std::vector<std::string> kComStart = {"[HookApi,1462] : [ZELTRAP:KWINDEL] com initial finished",
+                                            "[HookApi,1464] : get file opretation interface,result:0"};
+
+HMODULE module_of(uint64_t address) {
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT, reinterpret_cast<LPCWSTR>(address), &module);
+  return module;
+}
+
+// IFileOperation's CopyItems, MoveItems, PerformOperations (Wine offers the class in either
+// prefix), then the four flat functions' exported entries in the order they are hooked.
+struct Entries {
+  Entries() {
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    new_file_operation(&op);
+    void** methods = *reinterpret_cast<void***>(op.get());
+    HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll"), shell32 = LoadLibraryW(L"shell32.dll");
+    code = {methods[17], methods[15], methods[21], fn<void*>(kernel32, "CopyFileW"), fn<void*>(kernel32, "CopyFileExW"),
+            fn<void*>(shell32, "SHFileOperationW"), fn<void*>(kernel32, "MoveFileWithProgressW")};
   }
-  EXPECT_GT(count, 0);
-  const IMAGE_SECTION_HEADER* s = find_section(image.get(), ".hook");
-  ASSERT_NE(s, nullptr);
-  EXPECT_EQ(s->Characteristics & (IMAGE_SCN_MEM_SHARED | IMAGE_SCN_MEM_WRITE), IMAGE_SCN_MEM_SHARED | IMAGE_SCN_MEM_WRITE);
-  EXPECT_TRUE(std::all_of(base + s->VirtualAddress, base + s->VirtualAddress + 32, [](char b) { return b == 0; }));
+  std::vector<std::string> bytes() const {
+    std::vector<std::string> out;
+    for (const void* c : code) out.emplace_back(static_cast<const char*>(c), 16);
+    return out;
+  }
+  ComRef<IFileOperation> op;
+  std::vector<void*> code;
+};
+
+TEST(HookSetup, LoadPatchesWhatThisSystemHasAndTheDllOutlivesItsLastFreeLibrary) {
+  Entries entries;
+  const std::vector<std::string> before = entries.bytes();
+  std::vector<std::string> expected = kFlat ? kAttachLines : kComStart;
+  if (!kFlat) expected.push_back("[HookApi,1523] : [ZELTRAP:KWINDEL] hook com succeed");
+  TraceCapture trace;
+  {
+    OwnedModule dll(LoadLibraryW(dll_path().c_str()));
+    ASSERT_TRUE(dll.ok());
+    EXPECT_EQ(trace.lines_from("[HookApi,"), expected);
+    for (size_t i = kFlat ? 3 : 0; i < (kFlat ? 7 : 3); ++i) {
+      // A jump into the engine's pages, whose relay goes on to the replacement inside the DLL.
+      const uint64_t relay = jump_destination(static_cast<const uint8_t*>(entries.code[i]));
+      ASSERT_NE(relay, 0u) << "entry " << i << " not patched";
+      EXPECT_EQ(module_of(relay), nullptr) << i;
+      EXPECT_TRUE(kFlat || module_of(jump_destination(reinterpret_cast<const uint8_t*>(relay))) == dll.get()) << i;
+    }
+  }
+  // A thread may be inside a replacement at any time: the FreeLibrary changed nothing.
+  EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
+  for (size_t i = 0; i < before.size(); ++i) EXPECT_EQ(entries.bytes()[i] != before[i], kFlat != (i < 3)) << i;
+  EXPECT_TRUE(trace.lines_from("[UnHookApi,").empty());
+  EXPECT_EQ(entries.op->CopyItems(nullptr, nullptr), E_NOTIMPL);
+}
+
+TEST(HookSetup, AFailureToPatchMoveItemsStopsTheSetUpAndLeavesCopyItemsPatched) {
+  Entries entries;
+  // "ret" followed by code, not padding: the engine must refuse MoveItems.
+  const std::string move_items(static_cast<const char*>(entries.code[1]), 7);
+  DWORD protect = 0;
+  ASSERT_TRUE(VirtualProtect(entries.code[1], 7, PAGE_EXECUTE_READWRITE, &protect));
+  std::memcpy(entries.code[1], "\xC3\x48\x89\xC8\x48\x89\xC8", 7);
+  const std::vector<std::string> before = entries.bytes();
+  TraceCapture trace;
+  ASSERT_TRUE(OwnedModule(LoadLibraryW(dll_path().c_str())).ok());
+  std::vector<std::string> expected = kComStart;
+  expected.push_back("[HookApi,1506] : [ZELTRAP:KWINDEL] hook moveitems error");
+  EXPECT_EQ(trace.lines_from("[HookApi,"), expected);
+  // The patched flag stayed 0, yet CopyItems jumps into the DLL: so the DLL stays and the patched
+  // method keeps working after the FreeLibrary.
+  EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
+  EXPECT_NE(jump_destination(static_cast<const uint8_t*>(entries.code[0])), 0u);
+  EXPECT_EQ(entries.bytes()[2], before[2]) << "PerformOperations was patched after the failure";
+  std::memcpy(entries.code[1], move_items.data(), 7);
+  EXPECT_EQ(entries.op->CopyItems(nullptr, nullptr), E_NOTIMPL);
+}
+
+TEST(HookSetup, AnEasyHook64OutsideTheDllsFolderIsNeverLoaded) {
+  // A planted EasyHook64.dll (any DLL) in the current folder and on PATH; none beside kwindel-x64.dll.
+  ScratchDir dir;
+  const std::wstring planted = dir.path();
+  wchar_t system_dll[MAX_PATH];
+  GetSystemDirectoryW(system_dll, MAX_PATH);
+  ASSERT_TRUE(CopyFileW((std::wstring(system_dll) + L"\\version.dll").c_str(), dir.file(L"EasyHook64.dll").c_str(), FALSE));
+  ASSERT_TRUE(SetCurrentDirectoryW(planted.c_str()));
+  wchar_t path[8192];
+  GetEnvironmentVariableW(L"PATH", path, 8192);
+  SetEnvironmentVariableW(L"PATH", (planted + L";" + path).c_str());
+  Entries entries;
+  ASSERT_TRUE(OwnedModule(LoadLibraryW(dll_path().c_str())).ok());
+  EXPECT_EQ(GetModuleHandleW(L"EasyHook64.dll"), nullptr);
+  for (int i = 3; i < 7; ++i) EXPECT_NE(jump_destination(static_cast<const uint8_t*>(entries.code[i])), 0u) << i;
 }
 
 class Exports : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_NE(block, nullptr);
-    ASSERT_TRUE(set_policy && install_hook && remove_hook && install_hook_proc);
-  }
+  void SetUp() override { ASSERT_TRUE(block && set_policy && install_hook && remove_hook && install_hook_proc); }
   void TearDown() override { set_policy(0, 0); }
   OwnedModule dll{LoadLibraryW(dll_path().c_str())};
   KwSetPolicyFn set_policy = fn<KwSetPolicyFn>(dll.get(), "SetPolicy");
@@ -58,56 +118,57 @@ class Exports : public ::testing::Test {
   volatile SharedBlockView* block = shared_block(dll.get());
 };
 
+// Each bit to its word, here and (the section is shared) in another process, which prints its
+// policy words between the set-up's and the tear-down's trace lines.
 TEST_F(Exports, SetPolicyMapsEachBitToItsWordInEveryProcess) {
-  struct Row { DWORD word; const char* words; };  // as the other process prints them
-  const Row rows[] = {
-      {0x01, "copy=1 secret=0 mask=0 encrypt=0"}, {0x02, "copy=0 secret=1 mask=0 encrypt=0"},
-      {0x04, "copy=0 secret=0 mask=1 encrypt=0"}, {0x08, "copy=0 secret=0 mask=2 encrypt=0"},
-      {0x10, "copy=0 secret=0 mask=4 encrypt=0"}, {0x20, "copy=0 secret=0 mask=0 encrypt=1"},
-      {0xFFFFFFC0, "copy=0 secret=0 mask=0 encrypt=0"}, {0xFFFFFFFF, "copy=1 secret=1 mask=7 encrypt=1"},
-  };
-  for (const Row& row : rows) {
+  const std::pair<DWORD, const char*> rows[] = {
+      {0x15, "copy=1 secret=0 mask=5 encrypt=0"}, {0xFFFFFFEA, "copy=0 secret=1 mask=2 encrypt=1"}};  // words above 0x3F ignored
+  for (const auto& [word, words] : rows) {
     TraceCapture trace;
-    EXPECT_TRUE(set_policy(row.word, 0xDEADBEEF));
+    EXPECT_TRUE(set_policy(word, 0xDEADBEEF));
     EXPECT_EQ(trace.lines(), std::vector<std::string>{"SetPolicy"});
-    char words[64];
-    std::snprintf(words, sizeof words, "copy=%u secret=%u mask=%u encrypt=%u", block->copy_audit, block->secret_audit,
+    char got[64];
+    std::snprintf(got, sizeof got, "copy=%u secret=%u mask=%u encrypt=%u", block->copy_audit, block->secret_audit,
                   block->audit_dest_mask, block->encrypt_audit);
-    EXPECT_EQ(words, std::string(row.words)) << std::hex << row.word;
+    EXPECT_EQ(got, std::string(words)) << std::hex << word;
   }
   set_policy(0x2B, 0);
-  EXPECT_EQ(run_child(child_path(), L"policy", 30000).output, "copy=1 secret=1 mask=2 encrypt=1\n");
+  EXPECT_EQ(run_child(child_path(), L"load", 30000).output,
+            "[HookApi,1462] : [ZELTRAP:KWINDEL] com initial finished\n[HookApi,1464] : get file opretation interface,result:0\n"
+            "[HookApi,1523] : [ZELTRAP:KWINDEL] hook com succeed\ncopy=1 secret=1 mask=2 encrypt=1\n"
+            "[UnHookApi,1658] : easyhook:dettach kwindel succeed\n");
   EXPECT_EQ(block->module, static_cast<void*>(dll.get()));
 }
 
-TEST_F(Exports, EachGlobalHookInjectsUntilRemoved) {
+// Either global hook brings the DLL into another process, which screens its copies under the
+// shared policy and, ending before PerformOperations, puts its swapped source back as it detaches;
+// once removed, no process gets the DLL.
+TEST_F(Exports, EachGlobalHookInjectsAndScreensUntilRemoved) {
   EXPECT_EQ(install_hook_proc(FALSE), 1);  // removal without a hook still reports success
   EXPECT_FALSE(remove_hook());             // unhooking a null handle fails
   EXPECT_FALSE(install_hook(nullptr));     // a global hook needs a module
-  EXPECT_EQ(block->hook, nullptr);
+  ScratchDir dir;
+  const std::wstring a = dir.file(L"a.txt");
+  ASSERT_TRUE(write_file(a, "alpha"));
+  TestAgent agent(AgentScript{true, {secret_answer({narrow(a)}, "pw", 1)}});
+  ASSERT_TRUE(agent.ok());
+  set_policy(kScreen, 0);
   for (const bool call_window : {false, true}) {
     SCOPED_TRACE(call_window ? "InstallHook" : "InstallHookProc");
     ASSERT_TRUE(call_window ? install_hook(dll.get()) : install_hook_proc(TRUE) == 1) << GetLastError();
     EXPECT_NE(block->hook, nullptr);
-    const ChildResult injected = run_child(child_path(), L"pump 10000", 30000);
-    EXPECT_EQ(injected.output, "loaded\n");
+    EXPECT_EQ(run_child(child_path(), L"copy hook end \"" + dir.path() + L"\" \"" + a + L"\"", 30000).output, "loaded 80004001\n");
     EXPECT_TRUE(call_window ? remove_hook() : install_hook_proc(FALSE) == 1);
     EXPECT_EQ(block->hook, nullptr);
-    const ChildResult after = run_child(child_path(), L"pump 1500", 30000);
-    EXPECT_EQ(after.output, "not loaded\n");
+    EXPECT_EQ(run_child(child_path(), L"pump 1500", 30000).output, "not loaded\n");
   }
-}
-
-TEST(CallerContext, ConversionsAndProcessNames) {
-  const std::wstring wide = L"C:\\\x0416\x20AC\\\x65E5\x672C.txt";
-  const std::string utf8 = "C:\\\xD0\x96\xE2\x82\xAC\\\xE6\x97\xA5\xE6\x9C\xAC.txt";
-  EXPECT_EQ(wide_to_utf8(wide), utf8);
-  EXPECT_EQ(utf8_to_wide(utf8), wide);
-  EXPECT_EQ(wide_to_utf8(std::wstring(L"a\xD800" L"b\xDC00")), "ab");  // lone surrogates dropped, not replaced
-  EXPECT_EQ(utf8_to_wide(std::string("a\xFF" "b\xC0\xE2\x82")), L"ab");  // invalid or cut UTF-8 dropped
-  EXPECT_EQ(wide_to_utf8(static_cast<const wchar_t*>(nullptr)), "");
-  for (const char* no_name : {"explorer.exe", "\\explorer.exe", "C:\\dir\\"}) EXPECT_EQ(process_name_from_path(no_name), "") << no_name;
-  EXPECT_EQ(process_name_from_path("C:\\\xD0\x96.exe"), "\xD0\x96.exe");
+  ASSERT_TRUE(agent.flush());
+  EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(2, request_document({a}, dir.path(), "kwtest-child.exe")));
+  const auto audits = agent.documents(kAuditTag);
+  ASSERT_EQ(audits.size(), 2u);
+  EXPECT_EQ(audits[0].find("<FilesCopy processname=\"kwtest-child.exe\" operation=\"6\""), 0u);
+  EXPECT_EQ(content(a), "alpha");
+  EXPECT_TRUE(parked_records().empty());
 }
 
 }  // namespace

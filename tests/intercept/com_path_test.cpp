@@ -2,7 +2,8 @@
 // process by the real DLL, screened by a test agent on the agent port, on real files, as tables of
 // scenarios. Wine's own methods return E_NOTIMPL, which tells a call passed on from one refused
 // with 0xFFFFFFFF.
-#include "harness.h"
+#include "intercept/copy_screening.h"
+#include "kwtest.h"
 
 namespace {
 
@@ -15,7 +16,7 @@ const std::string kSearch = "[CopyItems_new,1179] : [ZELTRAP:KWINDEL] search {a}
 const std::string kNoPaths = "[get_filepaths_from_comobject,1018] : [ZELTRAP:KWINDEL] SHGetIDListFromObject(iUnknown,&pv);hr=-2147467262, error=*";
 constexpr HRESULT P = kPassedOn, R = kRefused;
 
-enum Reply { kNotSecret, kForbidden, kSecretInPlace, kWrongTag, kZeroLength, kUnparsable };
+enum Reply { kNotSecret, kForbidden, kSecretInPlace, kWrongTag };
 
 // Sources: file names in a fresh scratch folder ("\x0416\x20AC.txt" outside any ANSI code page);
 // "tree" (a folder whose only file is tree\deeper\y.txt), "empty" (an empty folder), "usb" (a file
@@ -24,11 +25,10 @@ enum Reply { kNotSecret, kForbidden, kSecretInPlace, kWrongTag, kZeroLength, kUn
 // removable drive's root). calls: c CopyItems, m MoveItems, p PerformOperations. trace: the first
 // lines exactly ({a} the first source, "*" any line or the rest of one, a final "" no more lines),
 // cut at 255 characters as the DLL cuts them. Every request names all sources and the destination;
-// each record lists the sources' files; the sources keep their content unless `encrypted`.
+// each record lists the sources' files; the sources keep their content unless moved in place.
 struct Scenario {
   const char* name;
   DWORD policy;
-  int secret_word;  // written over the block's secret-audit word after SetPolicy; -1: left
   Reply reply;
   std::vector<std::wstring> sources;
   const wchar_t* destination;
@@ -37,43 +37,34 @@ struct Scenario {
   size_t requests;
   std::vector<const char*> audits;  // each record's operation
   std::vector<std::string> trace;
-  bool encrypted = false;           // the sources end encrypted under "pw"
 };
 const Scenario kScenarios[] = {
-    {"policy off passes every call on", 0, -1, kNotSecret, {L"a.txt"}, L"dst", "cmp", {P, P, P}, 0, {},
+    {"policy off passes every call on", 0, kNotSecret, {L"a.txt"}, L"dst", "cmp", {P, P, P}, 0, {},
      {kCall + "0", kMove, "[PerformOperations_new,1290] : [ZELTRAP:KWINDEL] PerformOperations_new", ""}},
-    {"an answer naming no file: copied and audited", kScreen, -1, kNotSecret, {L"\x0416\x20AC.txt", L"b.txt"}, L"dst", "c", {P}, 1,
+    {"an answer naming no file: copied and audited", kScreen, kNotSecret, {L"\x0416\x20AC.txt", L"b.txt"}, L"dst", "c", {P}, 1,
      {"6"}, {kCall + "1", kSearch, "[CopyItems_new,1232] : [ZELTRAP:KWINDEL] not secret" + kBang57, ""}},
-    {"a wrong tag refuses both calls unaudited", kScreen, -1, kWrongTag, {L"a.txt"}, L"dst", "cmp", {R, R, P}, 2, {},
+    {"a wrong tag refuses both calls unaudited", kScreen, kWrongTag, {L"a.txt"}, L"dst", "cmp", {R, R, P}, 2, {},
      {kCall + "1", kSearch, "[CopyItems_new,1182] : [ZELTRAP:KWINDEL] secret" + kBang57,
       "g_secret_audit=1,g_encrypt_audit=0, secret file size:0, encrypt file size:0", kMove}},
-    {"a zero-length answer refuses", kScreen, -1, kZeroLength, {L"a.txt"}, L"dst", "cm", {R, R}, 2, {}, {}},
-    {"an answer that does not parse refuses", kScreen, -1, kUnparsable, {L"a.txt"}, L"dst", "c", {R}, 1, {}, {}},
-    {"a forbidden copy is queued; the next perform alone refuses", kScreen, -1, kForbidden, {L"a.txt"}, L"dst", "ccpp", {P, P, R, P},
+    {"a forbidden copy is queued; the next perform alone refuses", kScreen, kForbidden, {L"a.txt"}, L"dst", "ccpp", {P, P, R, P},
      2, {}, {}},
-    {"a forbidden move is queued as a copy; the next perform refuses", kScreen, -1, kForbidden, {L"a.txt"}, L"dst", "mp", {P, R}, 1,
+    {"a forbidden move is queued as a copy; the next perform refuses", kScreen, kForbidden, {L"a.txt"}, L"dst", "mp", {P, R}, 1,
      {}, {}},
-    {"a secret move transforms its source in place for good", kScreen, -1, kSecretInPlace, {L"moved.doc"}, L"dst", "mp", {P, P}, 1,
-     {"5"}, {}, true},
-    {"secret-audit word 2 is not 1", kScreen, 2, kNotSecret, {L"a.txt"}, L"dst", "c", {P}, 0, {"6"}, {kCall + "2", ""}},
-    {"a local destination, mask removable only", kCopyAudit | kSecretAudit | kRemovable, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {P},
+    {"a secret move transforms its source in place for good", kScreen, kSecretInPlace, {L"moved.doc"}, L"dst", "mp", {P, P}, 1,
+     {"5"}, {}},
+    {"a first source on a removable drive is audited, not checked", kScreen | kRemovable, kNotSecret, {L"usb"}, L"dst", "c", {P},
      0, {"6"}, {}},
-    {"mask 0", kCopyAudit | kSecretAudit, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {P}, 0, {"6"}, {}},
-    {"copy audit off still checks", kSecretAudit | kLocal, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {P}, 1, {}, {}},
-    {"secret audit off", kCopyAudit | kLocal, -1, kNotSecret, {L"a.txt"}, L"dst", "c", {P}, 0, {"6"}, {}},
-    {"a first source on a removable drive is audited, not checked", kScreen | kRemovable, -1, kNotSecret, {L"usb"}, L"dst", "c", {P},
-     0, {"6"}, {}},
-    {"a removable destination is checked when the mask selects it", kSecretAudit | kRemovable, -1, kNotSecret, {L"a.txt"}, L"usb",
+    {"a removable destination is checked when the mask selects it", kSecretAudit | kRemovable, kNotSecret, {L"a.txt"}, L"usb",
      "c", {P}, 1, {}, {}},
-    {"the record lists the files of folders, not the folders", kCopyAudit, -1, kNotSecret, {L"a.txt", L"tree", L"empty"}, L"dst",
+    {"the record lists the files of folders, not the folders", kCopyAudit, kNotSecret, {L"a.txt", L"tree", L"empty"}, L"dst",
      "c", {P}, 0, {"6"}, {}},
-    {"an empty folder moved still gets its record", kCopyAudit, -1, kNotSecret, {L"empty"}, L"dst", "m", {P}, 0, {"5"}, {}},
-    {"an ID-list item is collected through its item array", kCopyAudit, -1, kNotSecret, {L"item"}, L"dst", "c", {P}, 0, {"6"},
+    {"an empty folder moved still gets its record", kCopyAudit, kNotSecret, {L"empty"}, L"dst", "m", {P}, 0, {"5"}, {}},
+    {"an ID-list item is collected through its item array", kCopyAudit, kNotSecret, {L"item"}, L"dst", "c", {P}, 0, {"6"},
      {kCall + "0", "[get_filepaths_from_comobject,1015] : [ZELTRAP:KWINDEL] iUnknown->QueryInterface(IID_IDataObject, "
                    "(void **)&data_object); hr=0, error=*"}},
-    {"items without paths are traced and passed on", kScreen, -1, kNotSecret, {L"self"}, L"dst", "cm", {P, P}, 0, {},
+    {"items without paths are traced and passed on", kScreen, kNotSecret, {L"self"}, L"dst", "cm", {P, P}, 0, {},
      {kCall + "1", "*", kNoPaths, "[CopyItems_new,1162] : [ZELTRAP:KWINDEL] get file paths error", kMove, "*", kNoPaths, ""}},
-    {"a long first source is cut in the search trace", kSecretAudit | kLocal, -1, kNotSecret, {L"long"}, L"dst", "c", {P}, 1, {},
+    {"a long first source is cut in the search trace; copy audit off still checks", kSecretAudit | kLocal, kNotSecret, {L"long"}, L"dst", "c", {P}, 1, {},
      {kCall + "1", kSearch}},
 };
 
@@ -109,13 +100,11 @@ TEST_F(ComPath, Scenarios) {
     std::vector<std::string> secrets;
     for (const std::wstring& p : paths) secrets.push_back(narrow(p));
     if (s.reply == kNotSecret) secrets.clear();
-    std::string reply = s.reply == kZeroLength ? "" : secret_answer(secrets, "pw", s.reply == kForbidden ? 0 : 7);
+    std::string reply = secret_answer(secrets, "pw", s.reply == kForbidden ? 0 : 7);
     if (s.reply == kWrongTag) reply[30] = '_';
-    if (s.reply == kUnparsable) reply = TestAgent::frame(kResponseTag, "<SecretCheckResult encryptedpwd=\"pw\" action=\"1\">");
     TestAgent agent(AgentScript{true, {reply}});
     ASSERT_TRUE(agent.ok());
     set_policy(s.policy);
-    if (s.secret_word >= 0) block()->secret_audit = static_cast<uint32_t>(s.secret_word);
     TraceCapture trace;
     for (size_t i = 0; s.calls[i] != '\0'; ++i) {
       ComRef<IShellItem> item, target;
@@ -145,7 +134,7 @@ TEST_F(ComPath, Scenarios) {
     EXPECT_EQ(audits, expected_audits);
     EXPECT_EQ(agent.frames().size(), s.requests + s.audits.size());
     for (const std::wstring& file : listed) {
-      if (s.encrypted) EXPECT_TRUE(decrypts_to(file, "pw", "content of " + narrow(file))) << narrow(file);
+      if (s.reply == kSecretInPlace) EXPECT_TRUE(decrypts_to(file, "pw", "content of " + narrow(file))) << narrow(file);
       else EXPECT_EQ(content(file), "content of " + narrow(file));
     }
     EXPECT_TRUE(parked_records().empty());
@@ -228,25 +217,58 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
   }
 }
 
-// Another process, brought in by the global hook, screens its copies the same way and, ending
-// without PerformOperations, puts its swapped source back as it detaches.
-TEST_F(ComPath, AProcessInjectedThroughTheGlobalHookIsScreenedTheSameWay) {
-  const std::wstring a = make(L"a.txt", "alpha"), dst = folder(L"dst");
-  TestAgent agent(AgentScript{true, {secret_answer({narrow(a)}, "pw", 1)}});
-  ASSERT_TRUE(agent.ok());
-  set_policy(kScreen);  // seen by the other process through the shared block
-  auto install_hook_proc = fn<KwInstallHookProcFn>(dll(), "InstallHookProc");
-  ASSERT_EQ(install_hook_proc(TRUE), 1);
-  const ChildResult r = run_child(child_path(), L"copy \"" + a + L"\" \"" + dst + L"\"", 60000);
-  install_hook_proc(FALSE);
-  EXPECT_EQ(r.output, "loaded 80004001\n");  // screened, then passed on to Wine's method
-  ASSERT_TRUE(agent.flush());
-  EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>{request_document({a}, dst, "kwtest-child.exe")});
-  const auto audits = agent.documents(kAuditTag);
-  ASSERT_EQ(audits.size(), 1u);
-  EXPECT_EQ(audits[0].find("<FilesCopy processname=\"kwtest-child.exe\" operation=\"6\""), 0u);
-  EXPECT_EQ(content(a), "alpha");
-  EXPECT_TRUE(parked_records().empty());
+// The one decision of the copy and move interceptors, as a table: policy, classes of the first
+// source and the destination, the agent's reply and answer -> what the interceptor does.
+enum Answer { kNoFile, kEncryptedOnly, kSecretAction0, kSecretNoPassword, kSecretWithPassword };
+
+SecretAuditResult answer_of(Answer a) {
+  SecretAuditResult r;
+  if (a == kEncryptedOnly) r.encrypted_files = {"C:\\e.txt"};
+  if (a >= kSecretAction0) r.secret_files = {"C:\\s.txt"};
+  r.action = a == kSecretAction0 ? 0 : 1;
+  if (a == kSecretAction0 || a == kSecretWithPassword) r.encrypted_pwd = "pw";
+  return r;
+}
+
+struct Row {
+  uint32_t secret_audit, mask;
+  DestinationClass source, destination;
+  AgentReply reply;
+  Answer answer;
+  Verdict expected;
+};
+
+constexpr AgentReply kAsk = AgentReply::kNotAsked, kNot = AgentReply::kNotSecret, kYes = AgentReply::kAnswered;
+
+const Row kRows[] = {
+    // The gate: only a secret-audit value of exactly 1, a local first source, a watched destination
+    // (a removable first source, a reply that names no secret or one with a password: end to end above).
+    {0, 7, 0, 0, kAsk, kNoFile, Verdict::kLetThrough},
+    {2, 7, 0, 0, kAsk, kNoFile, Verdict::kLetThrough},
+    {1, 7, 2, 0, kAsk, kNoFile, Verdict::kLetThrough},  // network first source
+    {1, 1, 0, 0, kAsk, kNoFile, Verdict::kAskAgent},
+    {1, 2, 0, 1, kAsk, kNoFile, Verdict::kAskAgent},
+    {1, 4, 0, 2, kAsk, kNoFile, Verdict::kAskAgent},
+    {1, 6, 0, 0, kAsk, kNoFile, Verdict::kLetThrough},  // each mask bit selects its own class
+    {1, 5, 0, 1, kAsk, kNoFile, Verdict::kLetThrough},
+    {1, 3, 0, 2, kAsk, kNoFile, Verdict::kLetThrough},
+    // The reply.
+    {1, 1, 0, 0, kYes, kNoFile, Verdict::kRefuse},                 // an answer naming no file refuses
+    {1, 1, 0, 0, kYes, kEncryptedOnly, Verdict::kLetThrough},
+    {1, 1, 0, 0, kYes, kSecretAction0, Verdict::kForbid},          // action 0 wins over the password
+    {1, 1, 0, 0, kYes, kSecretNoPassword, Verdict::kLetThrough},   // nothing to encrypt with
+};
+
+TEST(SecretVerdict, EveryRowOfTheDecisionTable) {
+  for (const Row& row : kRows) {
+    PolicyBlock policy = {};
+    policy.g_secret_audit = row.secret_audit;
+    policy.g_audit_dest_mask = row.mask;
+    const Verdict got = secret_verdict(policy, {row.source, row.destination}, row.reply, answer_of(row.answer));
+    EXPECT_EQ(static_cast<int>(row.expected), static_cast<int>(got))
+        << "secret_audit=" << row.secret_audit << " mask=" << row.mask << " classes=" << row.source << ","
+        << row.destination << " reply=" << static_cast<int>(row.reply) << " answer=" << row.answer;
+  }
 }
 
 }  // namespace

@@ -1,31 +1,50 @@
-// The harness shared by the test programs: paths, files, scratch folders and removable drives,
-// helper processes, this process's trace lines, the DLL's shared block, shell copy items.
+// The one harness of the test programs: paths, files, scratch folders and removable drives,
+// helper processes, this process's trace lines, the DLL's shared block and patched entries, shell
+// copy items, a scriptable stand-in for the local agent, and the end-to-end fixture with what its
+// scenarios compare (requests, records, kwdecrypt, parked originals).
 #pragma once
 #include <winsock2.h>  // before windows.h
 
 #include "host/owners.h"
 
+#include <gtest/gtest.h>
+#include <sddl.h>
 #include <shellapi.h>
 #include <shlobj.h>
 #include <winioctl.h>
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <mutex>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "agent/agent_frame.h"
+#include "kwindel.h"
 
 namespace kwtest {
 
-inline std::wstring exe_dir() {  // the running program's folder, ends with '\'
+const bool kFlat = LOBYTE(LOWORD(GetVersion())) < 6;  // the winxp64 prefix: the flat path
+
+inline std::wstring exe_path() {
   wchar_t path[MAX_PATH] = {};
   GetModuleFileNameW(nullptr, path, MAX_PATH);
-  return std::wstring(path).substr(0, std::wstring(path).rfind(L'\\') + 1);
+  return path;
 }
+inline std::wstring exe_dir() { return exe_path().substr(0, exe_path().rfind(L'\\') + 1); }  // ends with '\'
 inline std::wstring dll_path() { return exe_dir() + L"kwindel-x64.dll"; }
 inline std::wstring child_path() { return exe_dir() + L"kwtest-child.exe"; }
+inline std::wstring temp_folder() {  // ends with '\'
+  wchar_t temp[MAX_PATH] = {};
+  GetTempPathW(MAX_PATH, temp);
+  return temp;
+}
 
 inline std::string narrow(const std::wstring& wide) {  // UTF-8
   std::string out(WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0, nullptr, nullptr), '\0');
@@ -52,25 +71,21 @@ inline uint64_t jump_destination(const uint8_t* code) {
   return abs;
 }
 
-inline const IMAGE_SECTION_HEADER* find_section(HMODULE module, const char* name) {  // null when absent
-  if (module == nullptr) return nullptr;
-  auto base = reinterpret_cast<const char*>(module);
-  auto nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
-  const IMAGE_SECTION_HEADER* first = IMAGE_FIRST_SECTION(nt);
-  const IMAGE_SECTION_HEADER* last = first + nt->FileHeader.NumberOfSections;
-  auto found = std::find_if(first, last, [&](const auto& s) { return std::strncmp(reinterpret_cast<const char*>(s.Name), name, 8) == 0; });
-  return found == last ? nullptr : found;
-}
-
-// The policy words and the module and hook handles at the start of the DLL's ".hook" section.
+// The policy words and the module and hook handles at the start of the DLL's shared ".hook"
+// section; null when `kwindel` has no such section.
 struct SharedBlockView {
   uint32_t encrypt_audit, secret_audit, audit_dest_mask, copy_audit;
   void* module;
   void* hook;
 };
 inline volatile SharedBlockView* shared_block(HMODULE kwindel) {
-  const IMAGE_SECTION_HEADER* s = find_section(kwindel, ".hook");
-  return s == nullptr ? nullptr : reinterpret_cast<volatile SharedBlockView*>(reinterpret_cast<char*>(kwindel) + s->VirtualAddress);
+  if (kwindel == nullptr) return nullptr;
+  auto base = reinterpret_cast<char*>(kwindel);
+  auto nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
+  const IMAGE_SECTION_HEADER* first = IMAGE_FIRST_SECTION(nt);
+  const IMAGE_SECTION_HEADER* last = first + nt->FileHeader.NumberOfSections;
+  auto s = std::find_if(first, last, [](const auto& h) { return std::strncmp(reinterpret_cast<const char*>(h.Name), ".hook", 8) == 0; });
+  return s == last ? nullptr : reinterpret_cast<volatile SharedBlockView*>(base + s->VirtualAddress);
 }
 
 // Collects this process's OutputDebugString lines while alive: a vectored handler sees the
@@ -90,10 +105,6 @@ class TraceCapture {
     std::vector<std::string> out;
     for (const std::string& line : lines()) if (line.compare(0, prefix.size(), prefix) == 0) out.push_back(line);
     return out;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
   }
 
  private:
@@ -121,7 +132,7 @@ struct ChildResult {
   DWORD exit_code = 0;
   std::string output;
 };
-inline HANDLE start_process(const std::wstring& exe, const std::wstring& args, HANDLE output, DWORD* pid = nullptr) {
+inline HANDLE start_process(const std::wstring& exe, const std::wstring& args, HANDLE output) {
   STARTUPINFOW si = {sizeof si};
   si.dwFlags = output != nullptr ? STARTF_USESTDHANDLES : 0;
   si.hStdOutput = output;
@@ -130,7 +141,6 @@ inline HANDLE start_process(const std::wstring& exe, const std::wstring& args, H
   PROCESS_INFORMATION pi = {};
   if (!CreateProcessW(exe.c_str(), &cmd[0], nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &si, &pi)) return nullptr;
   CloseHandle(pi.hThread);
-  if (pid != nullptr) *pid = pi.dwProcessId;
   return pi.hProcess;
 }
 inline ChildResult run_child(const std::wstring& exe, const std::wstring& args, DWORD timeout_ms) {
@@ -158,19 +168,18 @@ inline ChildResult run_child(const std::wstring& exe, const std::wstring& args, 
 // A helper process that runs while the test does other things; killed at the end of the scope.
 class ChildProcess {
  public:
-  ChildProcess(const std::wstring& exe, const std::wstring& args) : process_(start_process(exe, args, nullptr, &pid_)) {}
-  ~ChildProcess() { kill(); }
+  ChildProcess(const std::wstring& exe, const std::wstring& args) : process_(start_process(exe, args, nullptr)) {}
+  ~ChildProcess() {
+    if (process_.ok() && TerminateProcess(process_.get(), 255)) wait(30000, nullptr);
+  }
   bool started() const { return process_.ok(); }
-  DWORD pid() const { return pid_; }
   bool wait(DWORD timeout_ms, DWORD* exit_code) {  // false at the time-out; exit_code once ended
     if (!process_.ok() || WaitForSingleObject(process_.get(), timeout_ms) != WAIT_OBJECT_0) return false;
     return exit_code == nullptr || GetExitCodeProcess(process_.get(), exit_code);
   }
-  bool kill() { return process_.ok() && TerminateProcess(process_.get(), 255) && wait(30000, nullptr); }
 
  private:
   OwnedHandle process_;
-  DWORD pid_ = 0;
 };
 
 inline bool write_file(const std::wstring& path, const std::string& bytes) {
@@ -210,9 +219,7 @@ class ScratchDir {
  public:
   ScratchDir() {
     static std::atomic<int> counter{0};
-    wchar_t temp[MAX_PATH] = {};
-    GetTempPathW(MAX_PATH, temp);
-    path_ = std::wstring(temp) + L"kwtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(counter++);
+    path_ = temp_folder() + L"kwtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(counter++);
     remove_tree(path_);
     CreateDirectoryW(path_.c_str(), nullptr);
   }
@@ -272,38 +279,34 @@ class RemovableDrive {
   wchar_t letter_ = 0;
 };
 
-// Shell item sets for driving IFileOperation the way Explorer does: a data object offering
-// CF_HDROP for files of one folder (the folder's GetUIObjectOf, as Explorer's selection is), or
-// one shell item (whose IPersistIDList is the ID-list form).
-inline bool data_object_for(const std::vector<std::wstring>& paths, ComRef<IDataObject>* out) {
-  CoTaskMem<ITEMIDLIST> folder_id;
-  ComRef<IShellFolder> desktop, folder;
-  const std::wstring parent = paths.front().substr(0, paths.front().rfind(L'\\'));
-  if (FAILED(SHParseDisplayName(parent.c_str(), nullptr, folder_id.put(), 0, nullptr)) || FAILED(SHGetDesktopFolder(desktop.put())) ||
-      FAILED(desktop->BindToObject(folder_id.get(), nullptr, IID_IShellFolder, folder.put_void()))) {
-    return false;
-  }
-  std::vector<CoTaskMem<ITEMIDLIST>> children(paths.size());
-  std::vector<PCUITEMID_CHILD> ids;
-  for (size_t i = 0; i < paths.size(); ++i) {
-    std::wstring name = paths[i].substr(paths[i].rfind(L'\\') + 1);
-    if (FAILED(folder->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, children[i].put(), nullptr))) return false;
-    ids.push_back(children[i].get());
-  }
-  return SUCCEEDED(folder->GetUIObjectOf(nullptr, static_cast<UINT>(ids.size()), ids.data(), IID_IDataObject, nullptr, out->put_void()));
-}
-inline bool shell_item_for(const std::wstring& path, ComRef<IShellItem>* out) {
-  return SUCCEEDED(SHCreateItemFromParsingName(path.c_str(), nullptr, IID_IShellItem, out->put_void()));
-}
 // A new shell file-operation object; its methods are the patched ones when the DLL is loaded.
 inline bool new_file_operation(ComRef<IFileOperation>* out) {
   return SUCCEEDED(CoCreateInstance(CLSID_FileOperation, nullptr, CLSCTX_ALL, IID_IFileOperation, out->put_void()));
 }
-// CopyItems (MoveItems when `move`) of `sources` to `destination`; E_FAIL when the items cannot be made.
+inline bool shell_item_for(const std::wstring& path, ComRef<IShellItem>* out) {
+  return SUCCEEDED(SHCreateItemFromParsingName(path.c_str(), nullptr, IID_IShellItem, out->put_void()));
+}
+// CopyItems (MoveItems when `move`) of `sources`, files of one folder, to `destination`, the way
+// Explorer does: a data object offering CF_HDROP from the folder's GetUIObjectOf. E_FAIL when the
+// items cannot be made.
 inline HRESULT queue(IFileOperation* op, bool move, const std::vector<std::wstring>& sources, const std::wstring& destination) {
+  CoTaskMem<ITEMIDLIST> folder_id;
+  ComRef<IShellFolder> desktop, folder;
   ComRef<IDataObject> items;
   ComRef<IShellItem> target;
-  if (!data_object_for(sources, &items) || !shell_item_for(destination, &target)) return E_FAIL;
+  const std::wstring parent = sources.front().substr(0, sources.front().rfind(L'\\'));
+  if (FAILED(SHParseDisplayName(parent.c_str(), nullptr, folder_id.put(), 0, nullptr)) || FAILED(SHGetDesktopFolder(desktop.put())) ||
+      FAILED(desktop->BindToObject(folder_id.get(), nullptr, IID_IShellFolder, folder.put_void())) || !shell_item_for(destination, &target)) {
+    return E_FAIL;
+  }
+  std::vector<CoTaskMem<ITEMIDLIST>> children(sources.size());
+  std::vector<PCUITEMID_CHILD> ids;
+  for (size_t i = 0; i < sources.size(); ++i) {
+    std::wstring name = sources[i].substr(sources[i].rfind(L'\\') + 1);
+    if (FAILED(folder->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, children[i].put(), nullptr))) return E_FAIL;
+    ids.push_back(children[i].get());
+  }
+  if (FAILED(folder->GetUIObjectOf(nullptr, static_cast<UINT>(ids.size()), ids.data(), IID_IDataObject, nullptr, items.put_void()))) return E_FAIL;
   return move ? op->MoveItems(items.get(), target.get()) : op->CopyItems(items.get(), target.get());
 }
 // SHFileOperationW with `function` on double-NUL lists, silently.
@@ -327,5 +330,268 @@ inline HMODULE wait_for_injection(DWORD ms) {
   }
   return nullptr;
 }
+
+// A scriptable stand-in for the local agent: listens on a UDP port of 127.0.0.1 (7886 by default)
+// on its own thread, records (or only counts) what arrives, acknowledges the chunks of each
+// incoming frame and answers secret-audit requests with scripted datagrams or with a reply
+// computed from the request. flush() tells when everything sent to it so far has been seen, so
+// that "nothing more arrived" needs no sleep.
+struct AgentScript {
+  bool acknowledge = true;         // 128 zero bytes after every chunk of a frame but the last
+  std::vector<std::string> reply;  // sent to the requester after a complete request
+  bool reply_from_other_port = false;
+  std::function<std::string(const std::string& request_document)> answer;  // the reply, when set
+  bool record = true;  // false: count only, so that long runs keep no recordings
+};
+struct AgentDatagram {
+  std::string bytes;
+};
+
+class TestAgent {
+ public:
+  explicit TestAgent(AgentScript script = AgentScript()) : script_(std::move(script)) {
+    WSAStartup(MAKEWORD(2, 2), &wsa_);
+    socket_.reset(socket(AF_INET, SOCK_DGRAM, 0));
+    const sockaddr_in address = loopback(7886);
+    if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) socket_.reset();
+    const DWORD poll_ms = 50;  // lets the thread notice the stop request
+    setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&poll_ms), sizeof poll_ms);
+    if (socket_.ok()) thread_ = std::thread([this] { run(); });
+  }
+  ~TestAgent() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+    socket_.reset();
+    WSACleanup();
+  }
+  bool ok() const { return socket_.ok(); }  // false when the port was taken
+  std::vector<AgentDatagram> datagrams() const { return locked([&] { return datagrams_; }); }
+  std::vector<std::string> frames() const { return locked([&] { return frames_; }); }  // complete, reassembled
+  // The documents (text without its NUL) of the frames tagged `tag`.
+  std::vector<std::string> documents(const std::string& tag) const {
+    std::vector<std::string> out;
+    for (const std::string& f : frames()) if (tagged(f, tag.c_str())) out.push_back(f.substr(agent::kHeaderSize, f.size() - agent::kHeaderSize - 1));
+    return out;
+  }
+  size_t requests() const { return requests_; }  // complete secret-audit requests
+  size_t audits() const { return audits_; }      // complete copy audit records
+  bool wait_for_datagrams(size_t count, DWORD ms) const { return wait(ms, [&] { return datagrams_.size() >= count; }); }
+  bool wait_for_frames(size_t count, DWORD ms) const { return wait(ms, [&] { return frames_.size() >= count; }); }
+  // Sends a marker to the agent and waits (10 s at most) until it arrived, after everything sent
+  // to the agent before the call.
+  bool flush() {
+    const size_t target = locked([&] { return flushes_ + 1; });
+    const sockaddr_in self = loopback(7886);
+    OwnedSocket s(socket(AF_INET, SOCK_DGRAM, 0));
+    sendto(s.get(), kFlush, sizeof kFlush, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
+    return wait(10000, [&] { return flushes_ >= target; });
+  }
+  // Sends one datagram to the sender of the last complete frame (false before any frame).
+  bool send_to_requester(const std::string& bytes) {
+    const sockaddr_in to = loopback(locked([&] { return requester_port_; }));
+    return to.sin_port != 0 && sendto(socket_.get(), bytes.data(), static_cast<int>(bytes.size()), 0,
+                                      reinterpret_cast<const sockaddr*>(&to), sizeof to) == static_cast<int>(bytes.size());
+  }
+  // Wire bytes of a frame from the library's encoder.
+  static std::string frame(const std::string& tag, const std::string& text) {
+    agent::AgentFrame f;
+    return f.Build(tag.c_str(), text) ? std::string(f.data(), f.size()) : std::string();
+  }
+
+ private:
+  static constexpr char kFlush[] = "<KWTEST_FLUSH>";
+  static sockaddr_in loopback(uint16_t port) {
+    sockaddr_in address = {AF_INET, htons(port)};
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+  }
+  static bool tagged(const std::string& bytes, const char* tag) { return bytes.size() > agent::kHeaderSize && bytes.compare(0, strlen(tag) + 1, tag, strlen(tag) + 1) == 0; }
+  template <typename F> auto locked(F f) const -> decltype(f()) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return f();
+  }
+  template <typename F> bool wait(DWORD ms, F done) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(ms), done);
+  }
+  void run() {
+    std::vector<char> buffer(65536);
+    std::string pending;  // the frame being reassembled
+    size_t expected = 0;  // its announced size; 0 when no frame is in progress
+    uint16_t sender = 0;  // its sender's port: a datagram from another port starts a new frame
+    while (!stop_) {
+      sockaddr_in from = {};
+      int from_length = sizeof from;
+      const int n = recvfrom(socket_.get(), buffer.data(), static_cast<int>(buffer.size()), 0, reinterpret_cast<sockaddr*>(&from), &from_length);
+      if (n < 0) continue;  // time-out (or a reset): poll the stop flag
+      const std::string bytes(buffer.data(), n);
+      const bool flush = bytes == std::string(kFlush, sizeof kFlush);
+      locked([&] {
+        if (flush) ++flushes_;
+        else if (script_.record) datagrams_.push_back({bytes});
+      });
+      changed_.notify_all();
+      if (flush) continue;
+      if (expected == 0 || ntohs(from.sin_port) != sender) {
+        int32_t length = 0;
+        if (n >= agent::kHeaderSize) std::memcpy(&length, bytes.data() + agent::kTagFieldSize, 4);
+        expected = length > 0 ? agent::kHeaderSize + static_cast<size_t>(length) : static_cast<size_t>(n);
+        pending.clear();
+        sender = ntohs(from.sin_port);
+      }
+      pending += bytes;
+      if (pending.size() < expected) {
+        const char ack[agent::kAckSize] = {};
+        if (script_.acknowledge) sendto(socket_.get(), ack, sizeof ack, 0, reinterpret_cast<const sockaddr*>(&from), sizeof from);
+        continue;
+      }
+      expected = 0;
+      const bool request = tagged(pending, agent::kSecretAuditRequestTag);
+      requests_ += request ? 1 : 0;
+      audits_ += tagged(pending, agent::kCopyAuditTag) ? 1 : 0;
+      locked([&] {
+        if (script_.record) frames_.push_back(pending);
+        requester_port_ = sender;
+      });
+      changed_.notify_all();
+      if (!request) continue;
+      OwnedSocket other(script_.reply_from_other_port ? socket(AF_INET, SOCK_DGRAM, 0) : INVALID_SOCKET);
+      const std::string document = pending.substr(agent::kHeaderSize, pending.size() - agent::kHeaderSize - 1);
+      for (const std::string& d : script_.answer ? std::vector<std::string>{script_.answer(document)} : script_.reply) {
+        sendto(other.ok() ? other.get() : socket_.get(), d.data(), static_cast<int>(d.size()), 0, reinterpret_cast<const sockaddr*>(&from), sizeof from);
+      }
+    }
+  }
+
+  AgentScript script_;
+  WSADATA wsa_;
+  OwnedSocket socket_;
+  std::atomic<bool> stop_{false};
+  std::atomic<size_t> requests_{0}, audits_{0};
+  size_t flushes_ = 0;
+  uint16_t requester_port_ = 0;
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::vector<AgentDatagram> datagrams_;
+  std::vector<std::string> frames_;
+  std::thread thread_;
+};
+
+// What the end-to-end scenarios compare.
+constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);
+constexpr HRESULT kPassedOn = E_NOTIMPL;  // what Wine's own IFileOperation methods answer
+constexpr DWORD kCopyAudit = KWINDEL_POLICY_COPY_AUDIT, kSecretAudit = KWINDEL_POLICY_SECRET_AUDIT;
+constexpr DWORD kLocal = KWINDEL_POLICY_DEST_LOCAL, kRemovable = KWINDEL_POLICY_DEST_REMOVABLE;
+constexpr DWORD kScreen = kCopyAudit | kSecretAudit | kLocal;
+constexpr char kRequestTag[] = "<FILECOPY_SECRETAUDIT_REQUEST>", kResponseTag[] = "<FILECOPY_SECRETAUDIT_RESPONSE>";
+constexpr char kAuditTag[] = "<FILECOPYAUDIT_DATA>";
+const std::string kMagic("\x01\x02\x03\x04\x10\x20\x30\x40", 8);  // the first bytes of an encrypted file
+
+// A response frame naming `secret_files` secret under `password` with `action`.
+inline std::string secret_answer(const std::vector<std::string>& secret_files, const std::string& password, int action) {
+  std::string xml = "<SecretCheckResult encryptedpwd=\"" + password + "\" action=\"" + std::to_string(action) + "\">";
+  for (const std::string& f : secret_files) xml += "<SecretFile path=\"" + f + "\"/>";
+  return TestAgent::frame(kResponseTag, xml + "</SecretCheckResult>");
+}
+// An agent naming every File path of each request secret under "pw", action 1.
+inline AgentScript all_secret(bool record = true) {
+  return {true, {}, false, [](const std::string& request) {
+            std::vector<std::string> files;
+            const std::regex path("<File path=\"([^\"]*)\"/>");
+            for (std::sregex_iterator it(request.begin(), request.end(), path), end; it != end; ++it) files.push_back((*it)[1]);
+            return secret_answer(files, "pw", 1);
+          }, record};
+}
+inline std::string process_name() { return narrow(exe_path().substr(exe_path().rfind(L'\\') + 1)); }
+// The request document of this process (or `process`) for `sources` and `destination`.
+inline std::string request_document(const std::vector<std::wstring>& sources, const std::wstring& destination,
+                                    const std::string& process = process_name()) {
+  std::string doc = "<CopyFiles processname=\"" + process + "\">";
+  for (const std::wstring& s : sources) doc += "<File path=\"" + narrow(s) + "\"/>";
+  return doc + "<DstFolder path=\"" + narrow(destination) + "\"/></CopyFiles>";
+}
+// The copy audit document of this process and user with time "T"; `without_time` makes a
+// received one comparable.
+inline std::string audit_document(const std::string& operation, const std::wstring& destination, const std::vector<std::wstring>& files) {
+  OwnedHandle token;
+  OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
+  char user[256];
+  DWORD size = 0;
+  wchar_t* sid = nullptr;
+  GetTokenInformation(token.get(), TokenUser, user, sizeof user, &size);
+  ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user)->User.Sid, &sid);
+  std::string doc = "<FilesCopy processname=\"" + process_name() + "\" operation=\"" + operation +
+        "\" flags=\"0\" time=\"T\" dstfloder=\"" + narrow(destination) + "\" usersid=\"" + narrow(sid) + "\"";
+  LocalFree(sid);
+  doc += files.empty() ? "/>" : ">";  // the compact form of an empty element
+  for (const auto& f : files) doc += "<File filename=\"" + narrow(f) + "\"/>";
+  return files.empty() ? doc : doc + "</FilesCopy>";
+}
+inline std::string without_time(const std::string& document) {
+  return std::regex_replace(document, std::regex(" time=\"-?[0-9]+\""), " time=\"T\"");
+}
+// kwdecrypt on `encrypted` with `password` succeeds and writes exactly `original`.
+inline bool decrypts_to(const std::wstring& encrypted, const std::string& password, const std::string& original) {
+  ScratchDir out;
+  const ChildResult r = run_child(exe_dir() + L"kwdecrypt.exe",
+                                  L"\"" + encrypted + L"\" \"" + widen(password) + L"\" \"" + out.file(L"plain") + L"\"", 60000);
+  return r.finished && r.exit_code == 0 && content(out.file(L"plain")) == original;
+}
+// The originals parked by every process: each record's source (UTF-8) and the parked file.
+inline std::vector<std::pair<std::string, std::wstring>> parked_records() {
+  std::vector<std::pair<std::string, std::wstring>> out;
+  const std::wstring root = temp_folder() + L"kwindel-parked\\";
+  WIN32_FIND_DATAW folder, record;
+  OwnedFind folders(FindFirstFileW((root + L"*").c_str(), &folder));
+  for (bool more = folders.ok(); more; more = FindNextFileW(folders.get(), &folder)) {
+    const std::wstring dir = root + folder.cFileName + L"\\";
+    OwnedFind records(folder.cFileName[0] == L'.' ? INVALID_HANDLE_VALUE : FindFirstFileW((dir + L"*.rec").c_str(), &record));
+    for (bool r = records.ok(); r; r = FindNextFileW(records.get(), &record)) {
+      const std::wstring stem = dir + std::wstring(record.cFileName).substr(0, wcslen(record.cFileName) - 4);
+      const std::string text = content(stem + L".rec");
+      out.emplace_back(text.substr(0, text.find('\n')), stem + L".orig");
+    }
+  }
+  return out;
+}
+inline std::string parked_original_of(const std::wstring& source) {  // its bytes, or "<none>"
+  for (const auto& p : parked_records()) if (p.first == narrow(source)) return content(p.second);
+  return "<none>";
+}
+// The short count in make test, the long one when KWINDEL_STRESS=1 (make stress).
+inline int iterations(int short_run, int long_run) {
+  wchar_t value[2] = {};
+  return GetEnvironmentVariableW(L"KWINDEL_STRESS", value, 2) == 1 && value[0] == L'1' ? long_run : short_run;
+}
+
+// The end-to-end fixture: the real DLL loaded once into the test program (its entry installed the
+// interceptions), COM and Winsock started, a scratch folder per test, the policy off around each.
+class Interception : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    WSADATA wsa;
+    WSAStartup(MAKEWORD(2, 2), &wsa);
+  }
+  void SetUp() override {
+    ASSERT_NE(dll(), nullptr) << "kwindel-x64.dll did not load";
+    set_policy(0);
+  }
+  void TearDown() override { set_policy(0); }
+  static HMODULE dll() {
+    static HMODULE module = LoadLibraryW(dll_path().c_str());  // kept for the program's life
+    return module;
+  }
+  static void set_policy(DWORD policy) { fn<KwSetPolicyFn>(dll(), "SetPolicy")(policy, 0); }
+  std::wstring make(const std::wstring& name, const std::string& bytes) {
+    EXPECT_TRUE(write_file(dir.file(name), bytes));
+    return dir.file(name);
+  }
+  std::wstring folder(const std::wstring& name) {
+    CreateDirectoryW(dir.file(name).c_str(), nullptr);
+    return dir.file(name);
+  }
+  ScratchDir dir;
+};
 
 }  // namespace kwtest
