@@ -1,3 +1,0 @@
-// The test agent lives in the one harness header.
-#pragma once
-#include "kwtest.h"
