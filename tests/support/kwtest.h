@@ -386,7 +386,7 @@ class TestAgent {
     sendto(s.get(), kFlush, sizeof kFlush, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
     return wait(10000, [&] { return flushes_ >= target; });
   }
-  // Sends one datagram to the sender of the last complete frame (false before any frame).
+  // Sends one datagram to the sender of the last complete request (false before any request).
   bool send_to_requester(const std::string& bytes) {
     const sockaddr_in to = loopback(locked([&] { return requester_port_; }));
     return to.sin_port != 0 && sendto(socket_.get(), bytes.data(), static_cast<int>(bytes.size()), 0,
@@ -451,7 +451,7 @@ class TestAgent {
       audits_ += tagged(pending, agent::kCopyAuditTag) ? 1 : 0;
       locked([&] {
         if (script_.record) frames_.push_back(pending);
-        requester_port_ = sender;
+        if (request) requester_port_ = sender;
       });
       changed_.notify_all();
       if (!request) continue;
