@@ -100,9 +100,8 @@ TEST_F(ComPath, Scenarios) {
     std::vector<std::string> secrets;
     for (const std::wstring& p : paths) secrets.push_back(narrow(p));
     if (s.reply == kNotSecret) secrets.clear();
-    std::string reply = secret_answer(secrets, "pw", s.reply == kForbidden ? 0 : 7);
-    if (s.reply == kWrongTag) reply[30] = '_';
-    TestAgent agent(AgentScript{true, {reply}});
+    const std::string answer = secret_answer(secrets, "pw", s.reply == kForbidden ? 0 : 7);
+    TestAgent agent(AgentScript{true, {s.reply == kWrongTag ? with_wrong_tag(answer) : answer}});
     ASSERT_TRUE(agent.ok());
     set_policy(s.policy);
     TraceCapture trace;

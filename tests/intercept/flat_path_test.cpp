@@ -73,9 +73,8 @@ TEST_F(FlatPath, ShellOperations) {
     SCOPED_TRACE(row.name);
     std::vector<std::string> secret;
     for (const std::wstring& s : row.secret) secret.push_back(narrow(dir.file(s)));
-    std::string reply = secret_answer(secret, "pw", row.reply == kForbidden ? 0 : 1);
-    if (row.reply == kWrongTag) reply[30] = '_';
-    TestAgent agent(AgentScript{true, {reply}});
+    const std::string answer = secret_answer(secret, "pw", row.reply == kForbidden ? 0 : 1);
+    TestAgent agent(AgentScript{true, {row.reply == kWrongTag ? with_wrong_tag(answer) : answer}});
     ASSERT_TRUE(agent.ok());
     set_policy(row.policy);
     TraceCapture trace;

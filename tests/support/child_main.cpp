@@ -18,13 +18,11 @@ namespace {
 using namespace kwtest;
 
 LONG CALLBACK print_debug_line(EXCEPTION_POINTERS* info) {
-  const EXCEPTION_RECORD* rec = info->ExceptionRecord;
-  if (rec->ExceptionCode == 0x40010006 && rec->NumberParameters >= 2) {  // DBG_PRINTEXCEPTION_C
-    const std::string line(reinterpret_cast<const char*>(rec->ExceptionInformation[1]),
-                           strnlen(reinterpret_cast<const char*>(rec->ExceptionInformation[1]), rec->ExceptionInformation[0]));
-    DWORD wrote = 0;
-    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), (line + "\n").data(), static_cast<DWORD>(line.size() + 1), &wrote, nullptr);
-  }
+  std::string line;
+  if (!debug_line(info->ExceptionRecord, &line)) return EXCEPTION_CONTINUE_SEARCH;
+  line += '\n';
+  DWORD wrote = 0;
+  WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), line.data(), static_cast<DWORD>(line.size()), &wrote, nullptr);
   return EXCEPTION_CONTINUE_SEARCH;
 }
 

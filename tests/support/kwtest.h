@@ -88,6 +88,14 @@ inline volatile SharedBlockView* shared_block(HMODULE kwindel) {
   return s == last ? nullptr : reinterpret_cast<volatile SharedBlockView*>(base + s->VirtualAddress);
 }
 
+// The line an OutputDebugString call raises as DBG_PRINTEXCEPTION_C; false for any other exception.
+inline bool debug_line(const EXCEPTION_RECORD* rec, std::string* line) {
+  if (rec->ExceptionCode != 0x40010006 || rec->NumberParameters < 2) return false;
+  auto text = reinterpret_cast<const char*>(rec->ExceptionInformation[1]);
+  line->assign(text, strnlen(text, static_cast<size_t>(rec->ExceptionInformation[0])));
+  return true;
+}
+
 // Collects this process's OutputDebugString lines while alive: a vectored handler sees the
 // debug-print exception before the system delivers the line (Wine turns wide lines into narrow).
 class TraceCapture {
@@ -113,11 +121,10 @@ class TraceCapture {
     return capture;
   }
   static LONG CALLBACK handler(EXCEPTION_POINTERS* info) {
-    const EXCEPTION_RECORD* rec = info->ExceptionRecord;
-    if (rec->ExceptionCode == 0x40010006 && rec->NumberParameters >= 2 && active() != nullptr) {  // DBG_PRINTEXCEPTION_C
-      auto text = reinterpret_cast<const char*>(rec->ExceptionInformation[1]);
+    std::string line;
+    if (debug_line(info->ExceptionRecord, &line) && active() != nullptr) {
       std::lock_guard<std::mutex> lock(active()->mutex_);
-      active()->lines_.emplace_back(text, strnlen(text, static_cast<size_t>(rec->ExceptionInformation[0])));
+      active()->lines_.push_back(line);
     }
     return EXCEPTION_CONTINUE_SEARCH;  // the system still delivers the line
   }
@@ -164,23 +171,6 @@ inline ChildResult run_child(const std::wstring& exe, const std::wstring& args, 
   GetExitCodeProcess(process.get(), &result.exit_code);
   return result;
 }
-
-// A helper process that runs while the test does other things; killed at the end of the scope.
-class ChildProcess {
- public:
-  ChildProcess(const std::wstring& exe, const std::wstring& args) : process_(start_process(exe, args, nullptr)) {}
-  ~ChildProcess() {
-    if (process_.ok() && TerminateProcess(process_.get(), 255)) wait(30000, nullptr);
-  }
-  bool started() const { return process_.ok(); }
-  bool wait(DWORD timeout_ms, DWORD* exit_code) {  // false at the time-out; exit_code once ended
-    if (!process_.ok() || WaitForSingleObject(process_.get(), timeout_ms) != WAIT_OBJECT_0) return false;
-    return exit_code == nullptr || GetExitCodeProcess(process_.get(), exit_code);
-  }
-
- private:
-  OwnedHandle process_;
-};
 
 inline bool write_file(const std::wstring& path, const std::string& bytes) {
   OwnedHandle h(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr));
@@ -492,6 +482,11 @@ inline std::string secret_answer(const std::vector<std::string>& secret_files, c
   std::string xml = "<SecretCheckResult encryptedpwd=\"" + password + "\" action=\"" + std::to_string(action) + "\">";
   for (const std::string& f : secret_files) xml += "<SecretFile path=\"" + f + "\"/>";
   return TestAgent::frame(kResponseTag, xml + "</SecretCheckResult>");
+}
+// The same answer frame under a tag the library does not take (the tag's last character changed).
+inline std::string with_wrong_tag(std::string frame) {
+  frame[std::strlen(kResponseTag) - 1] = '_';
+  return frame;
 }
 // An agent naming every File path of each request secret under "pw", action 1.
 inline AgentScript all_secret(bool record = true) {
