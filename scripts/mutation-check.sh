@@ -55,7 +55,7 @@ while IFS= read -r line; do
   fi
   restore
   # A fault can strand parked originals in the prefixes; the next run would see them as its own.
-  find build/tests/wine -type d -name kwindel-parked -prune -exec rm -rf {} + 2>/dev/null
+  find build/tests/wine -type d -path "*/kwindel/parked" -prune -exec rm -rf {} + 2>/dev/null
   printf '%-28s %-11s %4ss  %s (%s)\n' "$name" "$result" $((SECONDS - t0)) "$file" "$regex"
 done <scripts/mutations.txt
 echo "killed $killed of $total in $((SECONDS - start)) s"

@@ -12,6 +12,7 @@
 #include "hookengine/flat_hooks.h"
 #include "hookengine/inline_hook.h"
 #include "host/debug_trace.h"
+#include "host/owners.h"
 #include "host/system_version.h"
 #include "intercept/file_operation_methods.h"
 #include "intercept/flat_file_functions.h"
@@ -21,7 +22,7 @@
 
 namespace {
 
-// 1 while CopyItems, MoveItems and PerformOperations are patched: patching happens at most once.
+// 1 while the file-operation methods are patched: patching happens at most once.
 volatile LONG g_com_methods_patched = 0;
 
 // The file-operation object created at set-up. Deliberately never released: the method table it
@@ -44,7 +45,10 @@ enum HandleIndex { kCopyFileW = 0, kCopyFileExW = 1, kSHFileOperationW = 2, kMov
 // {3AD05575-8857-4850-9277-11B85BDB8E09} and {947AAB5F-0A5C-4C13-B4D6-4BF7836FC9F8}
 const CLSID kClsidFileOperation = {0x3AD05575, 0x8857, 0x4850, {0x92, 0x77, 0x11, 0xB8, 0x5B, 0xDB, 0x8E, 0x09}};
 const IID kIidFileOperation = {0x947AAB5F, 0x0A5C, 0x4C13, {0xB4, 0xD6, 0x4B, 0xF7, 0x83, 0x6F, 0xC9, 0xF8}};
+constexpr int kSlotRelease = 2;
+constexpr int kSlotMoveItem = 14;
 constexpr int kSlotMoveItems = 15;
+constexpr int kSlotCopyItem = 16;
 constexpr int kSlotCopyItems = 17;
 constexpr int kSlotPerformOperations = 21;
 
@@ -68,7 +72,27 @@ void stay_loaded_for_process_life() {
                      reinterpret_cast<LPCWSTR>(&HookApi), &module);
 }
 
+// Recovery moves files that other programs may hold: never under the loader lock. A thread of
+// its own runs it once the loader lets go, holding a reference to this module until it has left
+// the module's code.
+DWORD WINAPI recovery_thread(void* module) {
+  try {
+    recover_parked_originals();  // originals that processes which died left parked
+  } catch (...) {
+  }
+  FreeLibraryAndExitThread(static_cast<HMODULE>(module), 0);
+}
+
+void start_recovery() {
+  HMODULE module = nullptr;
+  if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&HookApi), &module)) return;
+  OwnedHandle thread(CreateThread(nullptr, 0, recovery_thread, module, 0, nullptr));
+  if (!thread.ok()) FreeLibrary(module);
+}
+
 template <typename Fn> void** as_variable(Fn* variable) { return reinterpret_cast<void**>(variable); }
+
+constexpr size_t kComPatches = 6;
 
 void hook_com_methods() {
   if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE))) {
@@ -82,19 +106,25 @@ void hook_com_methods() {
   DebugTrace("HookApi", 1464, "get file opretation interface,result:%x", static_cast<unsigned>(created));
   if (SUCCEEDED(created)) {
     g_file_operation = operation;
-    allow_perform_operations();
     if (g_com_methods_patched == 0) {
       void** methods = *reinterpret_cast<void***>(operation);
       g_real_copy_items = reinterpret_cast<CopyItemsFn>(methods[kSlotCopyItems]);
       g_real_move_items = reinterpret_cast<MoveItemsFn>(methods[kSlotMoveItems]);
       g_real_perform_operations = reinterpret_cast<PerformOperationsFn>(methods[kSlotPerformOperations]);
-      // The three patches are written with the other threads frozen once; the first one that
-      // fails stops the rest, and those before it stay.
-      const hookengine::HookRequest requests[3] = {
+      g_real_copy_item = reinterpret_cast<CopyItemFn>(methods[kSlotCopyItem]);
+      g_real_move_item = reinterpret_cast<MoveItemFn>(methods[kSlotMoveItem]);
+      g_real_release = reinterpret_cast<ReleaseFn>(methods[kSlotRelease]);
+      // The patches are written with the other threads frozen once; the first one that fails
+      // stops the rest, and those before it stay. Release comes last: it settles what the others
+      // left when an operation goes without running.
+      const hookengine::HookRequest requests[kComPatches] = {
           {as_variable(&g_real_copy_items), reinterpret_cast<void*>(&CopyItems_new)},
           {as_variable(&g_real_move_items), reinterpret_cast<void*>(&MoveItems_new)},
-          {as_variable(&g_real_perform_operations), reinterpret_cast<void*>(&PerformOperations_new)}};
-      const size_t patched = hookengine::install_hooks(requests, 3, nullptr);
+          {as_variable(&g_real_perform_operations), reinterpret_cast<void*>(&PerformOperations_new)},
+          {as_variable(&g_real_copy_item), reinterpret_cast<void*>(&CopyItem_new)},
+          {as_variable(&g_real_move_item), reinterpret_cast<void*>(&MoveItem_new)},
+          {as_variable(&g_real_release), reinterpret_cast<void*>(&Release_new)}};
+      const size_t patched = hookengine::install_hooks(requests, kComPatches, nullptr);
       if (patched > 0) stay_loaded_for_process_life();
       if (patched < 1) {
         DebugTrace("HookApi", 1500, "[ZELTRAP:KWINDEL] hook copyitems error");
@@ -106,6 +136,11 @@ void hook_com_methods() {
       }
       if (patched < 3) {
         DebugTrace("HookApi", 1511, "[ZELTRAP:KWINDEL] hook performoperations error");
+        return;
+      }
+      if (patched < kComPatches) {
+        DebugTrace("HookApi", 1515, "[ZELTRAP:KWINDEL] hook %s error",
+                   patched == 3 ? "copyitem" : patched == 4 ? "moveitem" : "release");
         return;
       }
       GetLastError();  // read and discarded
@@ -155,7 +190,7 @@ void free_handle(int index) {
 }  // namespace
 
 void HookApi() {
-  recover_parked_originals();  // originals left parked by a process that died
+  start_recovery();
   WSADATA wsa;
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) {
     DebugTrace("HookApi", 1440, "[ZELTRAP:KWINDEL] init socket error");
@@ -178,6 +213,9 @@ void UnHookApi() {
     hookengine::unhook(as_variable(&g_real_copy_items));
     hookengine::unhook(as_variable(&g_real_move_items));
     hookengine::unhook(as_variable(&g_real_perform_operations));
+    hookengine::unhook(as_variable(&g_real_copy_item));
+    hookengine::unhook(as_variable(&g_real_move_item));
+    hookengine::unhook(as_variable(&g_real_release));
     GetLastError();  // read and discarded
     g_com_methods_patched = 0;
   }

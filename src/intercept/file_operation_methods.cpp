@@ -4,6 +4,8 @@
 #include <shlobj.h>
 
 #include <cstdio>
+#include <mutex>
+#include <set>
 
 #include "agent/copy_audit.h"
 #include "agent/secret_audit.h"
@@ -13,20 +15,46 @@
 #include "host/policy_block.h"
 #include "host/system_version.h"
 #include "intercept/copy_screening.h"
+#include "intercept/replacement_boundary.h"
 #include "protect/parked_originals.h"
 
 CopyItemsFn g_real_copy_items = nullptr;
 MoveItemsFn g_real_move_items = nullptr;
+CopyItemFn g_real_copy_item = nullptr;
+MoveItemFn g_real_move_item = nullptr;
 PerformOperationsFn g_real_perform_operations = nullptr;
+ReleaseFn g_real_release = nullptr;
 
 namespace {
 
 constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);  // the bare refusal value
+constexpr UINT kLongestPath = 32767;                            // UTF-16 units, without the NUL
 
-// Cleared by a forbidding verdict so that the next PerformOperations refuses once.
-volatile bool g_perform_operations_allowed = false;
+// The operations whose next PerformOperations refuses once (a forbidding verdict queued in them).
+std::mutex g_refusals_lock;
+std::set<const void*> g_refuse_next;
 
-std::wstring to_wide(const std::string& utf8) { return utf8_to_wide(utf8); }
+void arm_refusal(const void* op) {
+  std::lock_guard<std::mutex> lock(g_refusals_lock);
+  g_refuse_next.insert(op);
+}
+bool take_refusal(const void* op) {  // true once after arm_refusal
+  std::lock_guard<std::mutex> lock(g_refusals_lock);
+  return g_refuse_next.erase(op) != 0;
+}
+bool refusal_armed(const void* op) {
+  std::lock_guard<std::mutex> lock(g_refusals_lock);
+  return g_refuse_next.count(op) != 0;
+}
+
+// The trace lines of one replacement (0: the line is not written).
+struct Traces {
+  const char* function;
+  int no_paths, search, secret, not_secret;
+};
+const Traces kCopyItemsTraces = {"CopyItems_new", 1162, 1179, 1182, 1232};
+const Traces kCopyItemTraces = {"CopyItem_new", 1242, 1244, 1246, 1248};
+const Traces kMoveTraces = {"MoveItems_new", 0, 0, 0, 0};
 
 // The CF_HDROP drop list of a data object into `out`; returns the count the list reports.
 uint32_t paths_from_data_object(IDataObject* data_object, std::vector<std::string>& out) {
@@ -59,34 +87,29 @@ uint32_t paths_from_data_object(IDataObject* data_object, std::vector<std::strin
     return 0;
   }
   for (UINT i = 0; i < count; ++i) {
-    wchar_t name[MAX_PATH] = {};
-    if (DragQueryFileW(drop, i, name, MAX_PATH) != 0) out.push_back(wide_to_utf8(name));
+    // Each name read whole, up to the longest path the system allows.
+    const UINT length = DragQueryFileW(drop, i, nullptr, 0);
+    if (length == 0 || length > kLongestPath) continue;
+    std::wstring name(length + 1, L'\0');
+    if (DragQueryFileW(drop, i, &name[0], length + 1) == length) out.push_back(wide_to_utf8(name.c_str()));
   }
   return count;  // what the list reports, even when a name could not be read
 }
 
-// Swaps each secret source for its encrypted form (its original parked until the restore). False
-// when one cannot be swapped: this call's swaps are then undone and the copy must be refused.
-bool swap_sources(const SecretAuditResult& result) {
-  std::vector<std::string> swapped;
-  for (const std::string& source : result.secret_files) {
-    const SwapOutcome outcome = swap_source(source, result.encrypted_pwd);
-    if (outcome == SwapOutcome::kSwapped) swapped.push_back(source);
-    if (outcome == SwapOutcome::kFailed) {
-      restore_sources(swapped);
-      return false;
-    }
+// The trace lines of the agent's reply to a copy's secret check.
+void trace_reply(const Traces& traces, bool answered, const SecretAuditResult& result) {
+  if (traces.secret == 0) return;
+  if (!answered) {
+    DebugTrace(traces.function, traces.not_secret,
+               "[ZELTRAP:KWINDEL] not secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
+    return;
   }
-  return true;
-}
-
-// Encrypts each secret source in place for good (a move carries the encrypted form away). False
-// when one cannot be encrypted whole (it is left untouched): the move must be refused.
-bool transform_sources_in_place(const SecretAuditResult& result) {
-  for (const std::string& source : result.secret_files) {
-    if (!encrypt_in_place(source, result.encrypted_pwd)) return false;
-  }
-  return true;
+  DebugTrace(traces.function, traces.secret, "[ZELTRAP:KWINDEL] secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
+  char sizes[128] = {};  // written without the trace prefix
+  std::snprintf(sizes, sizeof sizes, "g_secret_audit=%d,g_encrypt_audit=%d, secret file size:%d, encrypt file size:%d",
+                static_cast<int>(g_policy_block.g_secret_audit), static_cast<int>(g_policy_block.g_encrypt_audit),
+                static_cast<int>(result.secret_files.size()), static_cast<int>(result.encrypted_files.size()));
+  OutputDebugStringA(sizes);
 }
 
 // The destination folder's file-system path, as the shell gives it (null when it gives none).
@@ -94,19 +117,109 @@ void destination_name(IShellItem* destination, CoTaskMem<wchar_t>& name) {
   if (destination != nullptr) destination->GetDisplayName(SIGDN_FILESYSPATH, name.put());
 }
 
-// The trace lines of the agent's reply to a copy's secret check.
-void trace_reply(bool answered, const SecretAuditResult& result) {
-  if (!answered) {
-    DebugTrace("CopyItems_new", 1232,
-               "[ZELTRAP:KWINDEL] not secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
-    return;
+// The part of a path after its last backslash.
+std::wstring leaf(const std::string& path) {
+  const std::wstring wide = utf8_to_wide(path);
+  return wide.substr(wide.rfind(L'\\') + 1);
+}
+
+// Swaps each secret source for its encrypted form for operation `op` (its original parked until
+// the operation has run). A move's source is expected at `destination` under its own name or
+// `new_name`. False when one cannot be swapped: this call's swaps are then undone and the call
+// must be refused.
+bool swap_sources(IFileOperation* op, const SecretAuditResult& result, bool move, const std::string& destination,
+                  const wchar_t* new_name) {
+  std::vector<std::string> swapped;
+  for (const std::string& source : result.secret_files) {
+    std::wstring moved_to;
+    if (move) moved_to = utf8_to_wide(destination) + L"\\" + (new_name != nullptr ? std::wstring(new_name) : leaf(source));
+    const SwapOutcome outcome = swap_source(op, source, result.encrypted_pwd, moved_to);
+    if (outcome == SwapOutcome::kSwapped || outcome == SwapOutcome::kHeld) swapped.push_back(source);
+    if (outcome == SwapOutcome::kFailed) {
+      restore_sources(op, swapped);
+      return false;
+    }
   }
-  DebugTrace("CopyItems_new", 1182, "[ZELTRAP:KWINDEL] secret!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!");
-  char sizes[128] = {};  // written without the trace prefix
-  std::snprintf(sizes, sizeof sizes, "g_secret_audit=%d,g_encrypt_audit=%d, secret file size:%d, encrypt file size:%d",
-                static_cast<int>(g_policy_block.g_secret_audit), static_cast<int>(g_policy_block.g_encrypt_audit),
-                static_cast<int>(result.secret_files.size()), static_cast<int>(result.encrypted_files.size()));
-  OutputDebugStringA(sizes);
+  return true;
+}
+
+enum class Outcome {
+  kPassOn,       // the real method runs
+  kRefuse,       // 0xFFFFFFFF, the real method is not called
+  kQueueAsCopy,  // a forbidden move: queued through the real CopyItems/CopyItem, refused at perform
+};
+
+// One queued copy or move, as the screening sees it.
+struct Queued {
+  IFileOperation* op;
+  bool move;
+  const Traces& traces;
+  uint32_t reported;                 // the count the item set reports
+  std::vector<std::string> sources;  // the paths that could be read
+  const wchar_t* destination_name;   // as the shell gives it (may be null)
+  const wchar_t* new_name;           // a single item's new name (may be null)
+};
+
+// The screening of CopyItems, MoveItems, CopyItem and MoveItem: the agent's verdict, the swap of
+// secret sources and the audit record.
+Outcome screen(const Queued& q) {
+  const std::string destination = wide_to_utf8(q.destination_name);
+  if (q.reported == 0 || q.sources.size() < q.reported) {
+    if (q.reported == 0 && q.traces.no_paths != 0) {
+      DebugTrace(q.traces.function, q.traces.no_paths, "[ZELTRAP:KWINDEL] get file paths error");
+    }
+    // A source that cannot be read cannot be screened: the secret check fails closed.
+    const bool watched = secret_check_needed() &&
+                         destination_class_watched(g_policy_block.g_audit_dest_mask,
+                                                   ClassifyDestination(q.destination_name != nullptr ? q.destination_name : L""));
+    if (watched) return Outcome::kRefuse;
+    if (q.sources.empty()) return Outcome::kPassOn;
+  }
+  SecretAuditResult result;
+  const ScreenedClasses classes =
+      classify_for_secret_check(g_policy_block, utf8_to_wide(q.sources.front()).c_str(), q.destination_name);
+  Verdict verdict = secret_verdict(g_policy_block, classes, AgentReply::kNotAsked, result);
+  if (verdict == Verdict::kAskAgent) {
+    if (q.traces.search != 0) {
+      DebugTrace(q.traces.function, q.traces.search, "[ZELTRAP:KWINDEL] search %s", q.sources.front().c_str());
+    }
+    const bool answered = RequestSecretAudit(q.sources, {destination}, result);
+    trace_reply(q.traces, answered, result);
+    verdict = secret_verdict(g_policy_block, classes, answered ? AgentReply::kAnswered : AgentReply::kNotSecret, result);
+  }
+  if (verdict == Verdict::kRefuse) return Outcome::kRefuse;
+  if (verdict == Verdict::kForbid) {
+    arm_refusal(q.op);  // queued, but this operation's next PerformOperations refuses
+    return q.move ? Outcome::kQueueAsCopy : Outcome::kPassOn;
+  }
+  // A secret file with a password never reaches the destination in plaintext.
+  if (verdict == Verdict::kProtect && !swap_sources(q.op, result, q.move, destination, q.new_name)) return Outcome::kRefuse;
+  audit_copy(g_policy_block, q.move ? kCopyAuditMove : kCopyAuditCopy, destination, q.sources);
+  return Outcome::kPassOn;
+}
+
+// The screening of an item set's call, with everything caught at the replacement's edge.
+Outcome screen_items(const char* replacement, IFileOperation* self, bool move, const Traces& traces, IUnknown* items,
+                     const wchar_t* destination) {
+  return at_boundary(replacement, Outcome::kPassOn, Outcome::kRefuse, [&] {
+    Queued q{self, move, traces, 0, {}, destination, nullptr};
+    q.reported = get_filepaths_from_comobject(items, q.sources);
+    return screen(q);
+  });
+}
+
+// The same for a single item (CopyItem, MoveItem): its path is its display name, of any length.
+Outcome screen_item(const char* replacement, IFileOperation* self, bool move, const Traces& traces, IShellItem* item,
+                    const wchar_t* destination, const wchar_t* new_name) {
+  return at_boundary(replacement, Outcome::kPassOn, Outcome::kRefuse, [&] {
+    Queued q{self, move, traces, 0, {}, destination, new_name};
+    CoTaskMem<wchar_t> path;
+    if (item != nullptr && SUCCEEDED(item->GetDisplayName(SIGDN_FILESYSPATH, path.put())) && path.get() != nullptr) {
+      q.sources.push_back(wide_to_utf8(path.get()));
+      q.reported = 1;
+    }
+    return screen(q);
+  });
 }
 
 }  // namespace
@@ -173,30 +286,7 @@ HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, I
              static_cast<int>(g_policy_block.g_secret_audit));
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  const std::string destination_path = wide_to_utf8(name.get());
-  std::vector<std::string> sources;
-  if (get_filepaths_from_comobject(items, sources) == 0) {
-    DebugTrace("CopyItems_new", 1162, "[ZELTRAP:KWINDEL] get file paths error");
-    return g_real_copy_items(self, items, destination);
-  }
-  if (sources.empty()) return g_real_copy_items(self, items, destination);  // no name could be read
-  SecretAuditResult result;
-  const ScreenedClasses classes = classify_for_secret_check(g_policy_block, to_wide(sources.front()).c_str(), name.get());
-  Verdict verdict = secret_verdict(g_policy_block, classes, AgentReply::kNotAsked, result);
-  if (verdict == Verdict::kAskAgent) {
-    DebugTrace("CopyItems_new", 1179, "[ZELTRAP:KWINDEL] search %s", sources.front().c_str());
-    const bool answered = RequestSecretAudit(sources, {destination_path}, result);
-    trace_reply(answered, result);
-    verdict = secret_verdict(g_policy_block, classes, answered ? AgentReply::kAnswered : AgentReply::kNotSecret, result);
-  }
-  if (verdict == Verdict::kRefuse) return kRefused;
-  if (verdict == Verdict::kForbid) {
-    g_perform_operations_allowed = false;  // queued, but the next PerformOperations refuses
-    return g_real_copy_items(self, items, destination);
-  }
-  // A secret file with a password never reaches the destination in plaintext.
-  if (verdict == Verdict::kProtect && !swap_sources(result)) return kRefused;
-  audit_copy(g_policy_block, kCopyAuditCopy, destination_path, sources);
+  if (screen_items("CopyItems_new", self, false, kCopyItemsTraces, items, name.get()) == Outcome::kRefuse) return kRefused;
   return g_real_copy_items(self, items, destination);
 }
 
@@ -204,38 +294,68 @@ HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, I
   DebugTrace("MoveItems_new", 1325, "[ZELTRAP:KWINDEL] MoveItems_new");
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  const std::string destination_path = wide_to_utf8(name.get());
-  std::vector<std::string> sources;
-  if (get_filepaths_from_comobject(items, sources) == 0 || sources.empty()) {
-    return g_real_move_items(self, items, destination);
+  switch (screen_items("MoveItems_new", self, true, kMoveTraces, items, name.get())) {
+    case Outcome::kRefuse:
+      return kRefused;
+    case Outcome::kQueueAsCopy:
+      // Deliberate: the forbidden move is queued as a copy, which the next PerformOperations refuses.
+      return g_real_copy_items(self, items, destination);
+    case Outcome::kPassOn:
+      break;
   }
-  SecretAuditResult result;
-  const ScreenedClasses classes = classify_for_secret_check(g_policy_block, to_wide(sources.front()).c_str(), name.get());
-  Verdict verdict = secret_verdict(g_policy_block, classes, AgentReply::kNotAsked, result);
-  if (verdict == Verdict::kAskAgent) {
-    const bool answered = RequestSecretAudit(sources, {destination_path}, result);
-    verdict = secret_verdict(g_policy_block, classes, answered ? AgentReply::kAnswered : AgentReply::kNotSecret, result);
-  }
-  if (verdict == Verdict::kRefuse) return kRefused;
-  if (verdict == Verdict::kForbid) {
-    // Deliberate: the forbidden move is queued as a copy, which the next PerformOperations refuses.
-    g_perform_operations_allowed = false;
-    return g_real_copy_items(self, items, destination);
-  }
-  if (verdict == Verdict::kProtect && !transform_sources_in_place(result)) return kRefused;
-  audit_copy(g_policy_block, kCopyAuditMove, destination_path, sources);
   return g_real_move_items(self, items, destination);
 }
 
-HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self) {
-  if (!g_perform_operations_allowed) {
-    g_perform_operations_allowed = true;  // one refusal per forbidding verdict
+HRESULT STDMETHODCALLTYPE CopyItem_new(IFileOperation* self, IShellItem* item, IShellItem* destination,
+                                       LPCWSTR new_name, IFileOperationProgressSink* sink) {
+  DebugTrace("CopyItem_new", 1240, "[ZELTRAP:KWINDEL] CopyItem_new g_secretcopy_audit=%d",
+             static_cast<int>(g_policy_block.g_secret_audit));
+  CoTaskMem<wchar_t> name;
+  destination_name(destination, name);
+  if (screen_item("CopyItem_new", self, false, kCopyItemTraces, item, name.get(), new_name) == Outcome::kRefuse) {
     return kRefused;
   }
+  return g_real_copy_item(self, item, destination, new_name, sink);
+}
+
+HRESULT STDMETHODCALLTYPE MoveItem_new(IFileOperation* self, IShellItem* item, IShellItem* destination,
+                                       LPCWSTR new_name, IFileOperationProgressSink* sink) {
+  DebugTrace("MoveItem_new", 1335, "[ZELTRAP:KWINDEL] MoveItem_new");
+  CoTaskMem<wchar_t> name;
+  destination_name(destination, name);
+  switch (screen_item("MoveItem_new", self, true, kMoveTraces, item, name.get(), new_name)) {
+    case Outcome::kRefuse:
+      return kRefused;
+    case Outcome::kQueueAsCopy:
+      return g_real_copy_item(self, item, destination, new_name, sink);
+    case Outcome::kPassOn:
+      break;
+  }
+  return g_real_move_item(self, item, destination, new_name, sink);
+}
+
+HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self) {
+  const bool refuse = at_boundary("PerformOperations_new", false, true, [&] { return take_refusal(self); });
+  if (refuse) return kRefused;  // this operation's sources stay swapped until it runs or goes
   DebugTrace("PerformOperations_new", 1290, "[ZELTRAP:KWINDEL] PerformOperations_new");
   const HRESULT result = g_real_perform_operations(self);
-  restore_swapped_sources();  // also when the real method failed or was cancelled
+  LastErrorKeeper keep;
+  // Also when the real method failed or was cancelled: a source still in its place gets its
+  // original back, one the engine carried away leaves its encrypted form at the destination.
+  at_boundary("PerformOperations_new", 0, 0, [&] { return finish_operation(self), 0; });
   return result;
 }
 
-void allow_perform_operations() { g_perform_operations_allowed = true; }
+ULONG STDMETHODCALLTYPE Release_new(IFileOperation* self) {
+  LastErrorKeeper keep;
+  at_boundary("Release_new", 0, 0, [&] {
+    if (!operation_holds_swaps(self) && !refusal_armed(self)) return 0;
+    // Only the last reference settles the operation: counted by taking and dropping one.
+    self->AddRef();
+    if (g_real_release(self) != 1) return 0;
+    finish_operation(self);  // queued but never performed: its sources get their originals back
+    take_refusal(self);
+    return 0;
+  });
+  return g_real_release(self);
+}

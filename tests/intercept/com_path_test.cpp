@@ -12,20 +12,24 @@ using namespace kwtest;
 const std::string kBang57(57, '!');
 const std::string kCall = "[CopyItems_new,1150] : [ZELTRAP:KWINDEL] CopyItems_new g_secretcopy_audit=";
 const std::string kMove = "[MoveItems_new,1325] : [ZELTRAP:KWINDEL] MoveItems_new";
+const std::string kCallItem = "[CopyItem_new,1240] : [ZELTRAP:KWINDEL] CopyItem_new g_secretcopy_audit=";
+const std::string kMoveItem = "[MoveItem_new,1335] : [ZELTRAP:KWINDEL] MoveItem_new";
+const std::string kPerform = "[PerformOperations_new,1290] : [ZELTRAP:KWINDEL] PerformOperations_new";
 const std::string kSearch = "[CopyItems_new,1179] : [ZELTRAP:KWINDEL] search {a}";
 const std::string kNoPaths = "[get_filepaths_from_comobject,1018] : [ZELTRAP:KWINDEL] SHGetIDListFromObject(iUnknown,&pv);hr=-2147467262, error=*";
 constexpr HRESULT P = kPassedOn, R = kRefused;
 
-enum Reply { kNotSecret, kForbidden, kSecretInPlace, kWrongTag };
+enum Reply { kNotSecret, kForbidden, kWrongTag };
 
 // Sources: file names in a fresh scratch folder ("\x0416\x20AC.txt" outside any ANSI code page);
 // "tree" (a folder whose only file is tree\deeper\y.txt), "empty" (an empty folder), "usb" (a file
 // on a removable drive), "item" (a.txt as one shell item: the ID-list form), "self" (the operation
 // object: no paths), "long" (a path of more than 255 characters). Destination "dst", or "usb" (the
-// removable drive's root). calls: c CopyItems, m MoveItems, p PerformOperations. trace: the first
+// removable drive's root). calls: c CopyItems, m MoveItems, C CopyItem and M MoveItem of the first
+// source, p PerformOperations. trace: the first
 // lines exactly ({a} the first source, "*" any line or the rest of one, a final "" no more lines),
 // cut at 255 characters as the DLL cuts them. Every request names all sources and the destination;
-// each record lists the sources' files; the sources keep their content unless moved in place.
+// each record lists the sources' files; the sources keep their content.
 struct Scenario {
   const char* name;
   DWORD policy;
@@ -39,8 +43,8 @@ struct Scenario {
   std::vector<std::string> trace;
 };
 const Scenario kScenarios[] = {
-    {"policy off passes every call on", 0, kNotSecret, {L"a.txt"}, L"dst", "cmp", {P, P, P}, 0, {},
-     {kCall + "0", kMove, "[PerformOperations_new,1290] : [ZELTRAP:KWINDEL] PerformOperations_new", ""}},
+    {"policy off passes every call on", 0, kNotSecret, {L"a.txt"}, L"dst", "cmCMp", {P, P, P, P, P}, 0, {},
+     {kCall + "0", kMove, kCallItem + "0", kMoveItem, kPerform, ""}},
     {"an answer naming no file: copied and audited", kScreen, kNotSecret, {L"\x0416\x20AC.txt", L"b.txt"}, L"dst", "c", {P}, 1,
      {"6"}, {kCall + "1", kSearch, "[CopyItems_new,1232] : [ZELTRAP:KWINDEL] not secret" + kBang57, ""}},
     {"a wrong tag refuses both calls unaudited", kScreen, kWrongTag, {L"a.txt"}, L"dst", "cmp", {R, R, P}, 2, {},
@@ -50,8 +54,13 @@ const Scenario kScenarios[] = {
      2, {}, {}},
     {"a forbidden move is queued as a copy; the next perform refuses", kScreen, kForbidden, {L"a.txt"}, L"dst", "mp", {P, R}, 1,
      {}, {}},
-    {"a secret move transforms its source in place for good", kScreen, kSecretInPlace, {L"moved.doc"}, L"dst", "mp", {P, P}, 1,
-     {"5"}, {}},
+    {"a forbidden CopyItem is queued; the next perform refuses", kScreen, kForbidden, {L"a.txt"}, L"dst", "Cp", {P, R}, 1, {},
+     {kCallItem + "1", "[CopyItem_new,1244] : [ZELTRAP:KWINDEL] search {a}", "[CopyItem_new,1246] : [ZELTRAP:KWINDEL] secret" + kBang57,
+      "g_secret_audit=1,g_encrypt_audit=0, secret file size:1, encrypt file size:0", ""}},
+    {"a MoveItem answered with a wrong tag is refused unaudited", kScreen, kWrongTag, {L"a.txt"}, L"dst", "M", {R}, 1, {},
+     {kMoveItem, ""}},
+    {"CopyItem and MoveItem are audited as copy and move", kCopyAudit, kNotSecret, {L"a.txt"}, L"dst", "CM", {P, P}, 0,
+     {"6", "5"}, {}},
     {"a first source on a removable drive is audited, not checked", kScreen | kRemovable, kNotSecret, {L"usb"}, L"dst", "c", {P},
      0, {"6"}, {}},
     {"a removable destination is checked when the mask selects it", kSecretAudit | kRemovable, kNotSecret, {L"a.txt"}, L"usb",
@@ -62,7 +71,7 @@ const Scenario kScenarios[] = {
     {"an ID-list item is collected through its item array", kCopyAudit, kNotSecret, {L"item"}, L"dst", "c", {P}, 0, {"6"},
      {kCall + "0", "[get_filepaths_from_comobject,1015] : [ZELTRAP:KWINDEL] iUnknown->QueryInterface(IID_IDataObject, "
                    "(void **)&data_object); hr=0, error=*"}},
-    {"items without paths are traced and passed on", kScreen, kNotSecret, {L"self"}, L"dst", "cm", {P, P}, 0, {},
+    {"items without paths are refused while the secret check is on", kScreen, kNotSecret, {L"self"}, L"dst", "cm", {R, R}, 0, {},
      {kCall + "1", "*", kNoPaths, "[CopyItems_new,1162] : [ZELTRAP:KWINDEL] get file paths error", kMove, "*", kNoPaths, ""}},
     {"a long first source is cut in the search trace; copy audit off still checks", kSecretAudit | kLocal, kNotSecret, {L"long"}, L"dst", "c", {P}, 1, {},
      {kCall + "1", kSearch}},
@@ -78,7 +87,7 @@ class ComPath : public Interception {
 };
 
 TEST_F(ComPath, Scenarios) {
-  RemovableDrive drive;
+  TestDrive drive;
   ASSERT_TRUE(drive.ok());
   for (const Scenario& s : kScenarios) {
     SCOPED_TRACE(s.name);
@@ -110,7 +119,11 @@ TEST_F(ComPath, Scenarios) {
       ASSERT_TRUE(shell_item_for(dst, &target) && (s.sources[0] != L"item" || shell_item_for(paths[0], &item)));
       IUnknown* items = s.sources[0] == L"item" ? static_cast<IUnknown*>(item.get()) : op.get();
       const bool direct = s.sources[0] == L"item" || s.sources[0] == L"self";
+      ComRef<IShellItem> first;
+      if (s.calls[i] == 'C' || s.calls[i] == 'M') ASSERT_TRUE(shell_item_for(paths[0], &first));
       const HRESULT result = s.calls[i] == 'p' ? op->PerformOperations()
+                             : s.calls[i] == 'C' ? op->CopyItem(first.get(), target.get(), nullptr, nullptr)
+                             : s.calls[i] == 'M' ? op->MoveItem(first.get(), target.get(), nullptr, nullptr)
                              : !direct         ? queue(op.get(), s.calls[i] == 'm', paths, dst)
                              : s.calls[i] == 'c' ? op->CopyItems(items, target.get()) : op->MoveItems(items, target.get());
       EXPECT_EQ(result, s.results.at(i)) << "call " << i;
@@ -132,10 +145,7 @@ TEST_F(ComPath, Scenarios) {
     for (const char* operation : s.audits) expected_audits.push_back(audit_document(operation, dst, listed));
     EXPECT_EQ(audits, expected_audits);
     EXPECT_EQ(agent.frames().size(), s.requests + s.audits.size());
-    for (const std::wstring& file : listed) {
-      if (s.reply == kSecretInPlace) EXPECT_TRUE(decrypts_to(file, "pw", "content of " + narrow(file))) << narrow(file);
-      else EXPECT_EQ(content(file), "content of " + narrow(file));
-    }
+    for (const std::wstring& file : listed) EXPECT_EQ(content(file), "content of " + narrow(file));
     EXPECT_TRUE(parked_records().empty());
     EXPECT_EQ(op->PerformOperations(), kPassedOn);  // nothing left armed
     set_policy(0);
@@ -143,76 +153,161 @@ TEST_F(ComPath, Scenarios) {
   }
 }
 
-// The source swap: each CopyItems call names its sources secret with a password; while the
-// copies are queued every swapped source holds its encrypted form and exactly one parked original
-// per source is recorded; after PerformOperations every file holds its original again with nothing
-// left parked. A refused call leaves every file as it was.
+// The source swap as scripts of steps on real files. Each step is a call of operation A or B (B's
+// calls on a second thread) or an act of the test, and names what every file holds afterwards:
+// E its encrypted form, O its original, - nothing; "/N": N parked originals recorded. A call's
+// sources are named secret with a password (s), forbidden (f) or not secret (n) by the agent.
+// Files: names in the scratch folder; "%x": in the temporary folder; "long": a path of 300
+// characters; "vol": on another volume. Wine's methods copy and move nothing (E_NOTIMPL), so every
+// executed operation is one that failed.
+struct Step {
+  char op;             // 'A', 'B', or 'T' for the test
+  char call;           // c CopyItems, m MoveItems, C CopyItem, M MoveItem, p PerformOperations,
+                       // r Release (the last reference); the test's acts: l lock file 1 for the next
+                       // call, h hold file 0 open for the next call, x carry file 0 to dst as an
+                       // engine would, d delete file 0's parked original, t throw in the next
+                       // replacement, s leave stale ".tmp" names, 0 secret check off
+  const char* files;   // the files a call names, as indices
+  char answer;
+  HRESULT result;
+  const char* after;
+};
+struct SwapRow {
+  const char* name;
+  std::vector<std::wstring> files;
+  std::vector<Step> steps;
+};
+const SwapRow kSwapRows[] = {
+    {"one secret source", {L"secret.doc"}, {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"one name in two folders", {L"x\\same.doc", L"y\\same.doc"}, {{'A', 'c', "01", 's', P, "EE/2"}, {'A', 'p', "", 0, P, "OO/0"}}},
+    {"one source queued twice by one operation", {L"twice.doc"},
+     {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"a source in the temporary folder", {L"%in-temp.doc"}, {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"a source path of 300 characters", {L"long"}, {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"a source on another volume", {L"vol"}, {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"left-over .tmp names: a read-only file, a folder", {L"ro.doc", L"dir.doc"},
+     {{'T', 's', "", 0, P, "OO/0"}, {'A', 'c', "01", 's', P, "EE/2"}, {'A', 'p', "", 0, P, "OO/0"}}},
+    {"an unreadable source refuses, undoing the swap before it", {L"ok.doc", L"locked.doc"},
+     {{'T', 'l', "", 0, P, "OO/0"}, {'A', 'c', "01", 's', R, "OO/0"}}},
+    {"a place held open at the restore waits for the next one", {L"held.doc"},
+     {{'A', 'c', "0", 's', P, "E/1"}, {'T', 'h', "", 0, P, "E/1"}, {'A', 'p', "", 0, P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"a refused perform after a forbidden move keeps the originals parked", {L"kept.doc"},
+     {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'm', "0", 'f', P, "E/1"}, {'A', 'p', "", 0, R, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"swap A, run B, then A", {L"a.doc", L"b.doc"},
+     {{'A', 'c', "0", 's', P, "EO/1"}, {'B', 'c', "1", 's', P, "EE/2"}, {'B', 'p', "", 0, P, "EO/1"}, {'A', 'p', "", 0, P, "OO/0"}}},
+    {"forbid A, run B, then A", {L"a.doc", L"b.doc"},
+     {{'A', 'c', "0", 'f', P, "OO/0"}, {'B', 'c', "1", 'n', P, "OO/0"}, {'B', 'p', "", 0, P, "OO/0"}, {'A', 'p', "", 0, R, "OO/0"}}},
+    {"one source queued by two operations stays swapped until the last has run", {L"shared.doc"},
+     {{'A', 'c', "0", 's', P, "E/1"}, {'B', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "E/1"}, {'B', 'p', "", 0, P, "O/0"}}},
+    {"an operation released without PerformOperations puts its swaps back", {L"released.doc"},
+     {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'r', "", 0, P, "O/0"}}},
+    {"a secret move that fails gives the source its bytes back", {L"moved.doc"},
+     {{'A', 'm', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"a secret move refused at its second source leaves both as they were", {L"first.doc", L"locked.doc"},
+     {{'T', 'l', "", 0, P, "OO/0"}, {'A', 'm', "01", 's', R, "OO/0"}}},
+    {"a secret move the engine carried out leaves only the encrypted form at the destination", {L"carried.doc"},
+     {{'A', 'm', "0", 's', P, "E/1"}, {'T', 'x', "", 0, P, "-/1"}, {'A', 'p', "", 0, P, "-/0"}}},
+    {"CopyItem and MoveItem of a secret file", {L"one.doc", L"two.doc"},
+     {{'A', 'C', "0", 's', P, "EO/1"}, {'A', 'M', "1", 's', P, "EE/2"}, {'A', 'p', "", 0, P, "OO/0"}}},
+    {"a parked original removed behind the library's back is reported and its record kept", {L"gone.doc"},
+     {{'A', 'c', "0", 's', P, "E/1"}, {'T', 'd', "", 0, P, "E/1"}, {'A', 'p', "", 0, P, "E/1"}}},
+    {"an exception in a replacement refuses while the secret check is on", {L"thrown.doc"},
+     {{'T', 't', "", 0, P, "O/0"}, {'A', 'c', "0", 's', R, "O/0"}}},
+    {"an exception in a replacement lets the real method run when no check is needed", {L"thrown.doc"},
+     {{'T', '0', "", 0, P, "O/0"}, {'T', 't', "", 0, P, "O/0"}, {'A', 'c', "0", 's', P, "O/0"}}},
+};
+
+const std::string kMissingLine = "[restore_swapped_sources,1300] : [ZELTRAP:KWINDEL] parked original missing ";
+
 TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
-  enum Hazard { kNone, kStaleTmp, kSourceLocked, kPlaceHeldAtRestore, kRefusedPerform };
-  struct Row {
-    const char* name;
-    std::vector<std::wstring> files;       // a leading "%": in the temporary folder itself
-    std::vector<std::vector<int>> copies;  // the files (indices) of each CopyItems call
-    Hazard hazard;
-  };
-  const Row rows[] = {
-      {"one secret source", {L"secret.doc"}, {{0}}, kNone},
-      {"one name in two folders", {L"x\\same.doc", L"y\\same.doc"}, {{0, 1}}, kNone},
-      {"one source queued twice", {L"twice.doc"}, {{0}, {0}}, kNone},
-      {"a source in the temporary folder", {L"%in-temp.doc"}, {{0}}, kNone},
-      {"left-over .tmp names: a read-only file, a folder", {L"ro.doc", L"dir.doc"}, {{0, 1}}, kStaleTmp},
-      {"an unreadable source refuses, undoing the swap before it", {L"ok.doc", L"locked.doc"}, {{0, 1}}, kSourceLocked},
-      {"a place held open at the restore waits for the next one", {L"held.doc"}, {{0}}, kPlaceHeldAtRestore},
-      {"a refused perform after a forbidden move keeps the originals parked", {L"kept.doc"}, {{0}}, kRefusedPerform},
-  };
-  set_policy(kScreen);
+  TestDrive volume(DRIVE_FIXED, "/dev/shm");
+  ASSERT_TRUE(volume.ok());
   const std::wstring dst = folder(L"dst");
   folder(L"x");
   folder(L"y");
-  for (const Row& row : rows) {
+  const std::wstring long_folder = folder(std::wstring(120, L'd'));
+  for (const SwapRow& row : kSwapRows) {
     SCOPED_TRACE(row.name);
+    set_policy(kScreen);
     std::vector<std::wstring> paths;
     std::vector<std::string> originals;
     for (const std::wstring& f : row.files) {
-      paths.push_back(f[0] == L'%' ? temp_folder() + f.substr(1) : dir.file(f));
+      std::wstring path = f[0] == L'%' ? temp_folder() + f.substr(1) : f == L"vol" ? volume.root() + L"\\vol.doc" : dir.file(f);
+      if (f == L"long") path = long_folder + L"\\" + std::wstring(299 - long_folder.size(), L'f');
+      paths.push_back(path);
       originals.push_back("original of " + narrow(f) + std::string(paths.size() * 13, '#'));
-      ASSERT_TRUE(write_file(paths.back(), originals.back()));
+      ASSERT_TRUE(write_file(paths.back(), originals.back())) << narrow(path);
     }
-    if (row.hazard == kStaleTmp) {
-      ASSERT_TRUE(write_file(paths[0] + L".tmp", "stale"));
-      SetFileAttributesW((paths[0] + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);
-      CreateDirectoryW((paths[1] + L".tmp").c_str(), nullptr);
+    ASSERT_EQ(paths[0].size() == 300, row.files[0] == L"long");
+    ComRef<IFileOperation> ops[2];
+    char hold = 0;  // the file held open during the next call
+    TraceCapture trace;
+    for (size_t k = 0; k < row.steps.size(); ++k) {
+      const Step& step = row.steps[k];
+      SCOPED_TRACE("step " + std::to_string(k));
+      if (step.op == 'T') {
+        if (step.call == 'l' || step.call == 'h') hold = step.call;
+        if (step.call == 'x') EXPECT_TRUE(MoveFileW(paths[0].c_str(), (dst + L"\\carried.doc").c_str()));
+        if (step.call == 'd') {
+          ASSERT_EQ(parked_records().size(), 1u);
+          EXPECT_TRUE(DeleteFileW(parked_records()[0].second.c_str()));
+        }
+        if (step.call == 't') SetEnvironmentVariableW(L"KWINDEL_TEST_THROW", L"CopyItems_new");
+        if (step.call == '0') set_policy(kCopyAudit);
+        if (step.call == 's') {
+          ASSERT_TRUE(write_file(paths[0] + L".tmp", "stale"));
+          SetFileAttributesW((paths[0] + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);
+          CreateDirectoryW((paths[1] + L".tmp").c_str(), nullptr);
+        }
+      } else {
+        ComRef<IFileOperation>& op = ops[step.op - 'A'];
+        if (!op.ok()) ASSERT_TRUE(new_file_operation(&op));
+        std::vector<std::wstring> sources;
+        std::vector<std::string> named;
+        for (const char* i = step.files; *i != '\0'; ++i) sources.push_back(paths[*i - '0']), named.push_back(narrow(sources.back()));
+        TestAgent agent(AgentScript{true, {secret_answer(step.answer == 'n' ? std::vector<std::string>() : named, "pw", step.answer == 'f' ? 0 : 1)}});
+        ASSERT_TRUE(agent.ok());
+        HRESULT result = S_OK;
+        auto call = [&] {
+          ComRef<IShellItem> item, target;
+          if (step.call == 'C' || step.call == 'M') shell_item_for(sources[0], &item), shell_item_for(dst, &target);
+          switch (step.call) {
+            case 'c': case 'm': result = queue(op.get(), step.call == 'm', sources, dst); break;
+            case 'C': result = op->CopyItem(item.get(), target.get(), nullptr, nullptr); break;
+            case 'M': result = op->MoveItem(item.get(), target.get(), nullptr, nullptr); break;
+            case 'p': result = op->PerformOperations(); break;
+            case 'r': op.reset(); break;
+          }
+        };
+        OwnedHandle held(hold == 0 ? nullptr : hold == 'l' ? CreateFileW(paths[1].c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
+                                              : CreateFileW(paths[0].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+        hold = 0;
+        if (step.op == 'B') {
+          std::thread([&] { CoInitializeEx(nullptr, COINIT_MULTITHREADED); call(); CoUninitialize(); }).join();
+        } else {
+          call();
+        }
+        if (step.call != 'r') EXPECT_EQ(result, step.result);
+        held.reset();
+        SetEnvironmentVariableW(L"KWINDEL_TEST_THROW", nullptr);
+      }
+      const std::string after = step.after;
+      for (size_t i = 0; i < paths.size(); ++i) {
+        if (after[i] == 'E') EXPECT_TRUE(decrypts_to(paths[i], "pw", originals[i])) << i;
+        if (after[i] == 'O') EXPECT_EQ(content(paths[i]), originals[i]) << i;
+        if (after[i] == '-') EXPECT_FALSE(file_exists(paths[i])) << i;
+      }
+      EXPECT_EQ(parked_records().size(), std::stoul(after.substr(after.find('/') + 1)));
     }
-    OwnedHandle lock(row.hazard != kSourceLocked ? nullptr : CreateFileW(paths[1].c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    for (const auto& call : row.copies) {
-      std::vector<std::wstring> sources;
-      std::vector<std::string> secrets;
-      for (int i : call) sources.push_back(paths[i]), secrets.push_back(narrow(paths[i]));
-      TestAgent agent(AgentScript{true, {secret_answer(secrets, "pw", 1)}});  // the sources' folders differ: named here
-      ASSERT_TRUE(agent.ok());
-      EXPECT_EQ(queue(op.get(), false, sources, dst), row.hazard == kSourceLocked ? kRefused : kPassedOn);
+    const bool carried = row.steps.size() > 1 && row.steps[1].call == 'x', missing = row.steps.size() > 1 && row.steps[1].call == 'd';
+    if (carried) EXPECT_TRUE(decrypts_to(dst + L"\\carried.doc", "pw", originals[0]));
+    if (missing) EXPECT_EQ(trace.lines_from(kMissingLine.substr(0, 40)), std::vector<std::string>{(kMissingLine + narrow(paths[0])).substr(0, 255)});
+    if (row.steps[0].call == 's') EXPECT_EQ(content(paths[0] + L".tmp"), "stale");
+    for (const auto& record : parked_records()) {
+      for (const wchar_t* kind : {L".rec", L".missing"}) DeleteFileW((record.second.substr(0, record.second.size() - 5) + kind).c_str());
     }
-    lock.reset();
-    EXPECT_EQ(parked_records().size(), row.hazard == kSourceLocked ? 0 : paths.size());
-    for (size_t i = 0; i < paths.size() && row.hazard != kSourceLocked; ++i) {
-      EXPECT_TRUE(decrypts_to(paths[i], "pw", originals[i])) << i;
-      EXPECT_EQ(parked_original_of(paths[i]), originals[i]) << i;
-    }
-    if (row.hazard == kPlaceHeldAtRestore || row.hazard == kRefusedPerform) {
-      const bool refused = row.hazard == kRefusedPerform;
-      OwnedHandle held(refused ? nullptr : CreateFileW(paths[0].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-      TestAgent agent(AgentScript{true, {secret_answer({narrow(paths[0])}, "pw", 0)}});
-      ASSERT_TRUE(agent.ok());
-      if (refused) EXPECT_EQ(queue(op.get(), true, {paths[0]}, dst), kPassedOn);
-      EXPECT_EQ(op->PerformOperations(), refused ? kRefused : kPassedOn);
-      EXPECT_TRUE(decrypts_to(paths[0], "pw", originals[0]));
-      EXPECT_EQ(parked_records().size(), 1u);
-    }
-    EXPECT_EQ(op->PerformOperations(), kPassedOn);  // restored although the real method failed
-    for (size_t i = 0; i < paths.size(); ++i) EXPECT_EQ(content(paths[i]), originals[i]) << i;
-    EXPECT_TRUE(parked_records().empty());
-    if (row.hazard == kStaleTmp) EXPECT_EQ(content(paths[0] + L".tmp"), "stale");
     for (const std::wstring& p : paths) remove_tree(p), remove_tree(p + L".tmp");
+    remove_tree(dst + L"\\carried.doc");
   }
 }
 

@@ -63,7 +63,7 @@ TEST_F(FlatPath, ShellOperations) {
       {"a copy from a removable drive is audited, never checked", kScreen, kNames, {}, FO_COPY, L"usb", L"dst", 0, 0, 1, {}, {L"usb"}},
       {"a network form of path is audited, never checked", kScreen, kNames, {}, FO_COPY, L"network", L"dst", 0, 0, 1, {}, {L"network"}},
   };
-  RemovableDrive drive;
+  TestDrive drive;
   ASSERT_TRUE(drive.ok());
   ASSERT_TRUE(write_file(drive.root() + L"\\usb.txt", "from the stick"));
   auto path = [&](const std::wstring& name) {

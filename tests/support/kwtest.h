@@ -225,18 +225,23 @@ class ScratchDir {
 
 // A removable drive defined through Wine's mount manager (what winecfg does) on a fresh folder
 // beside the test program (on Z:, which Wine maps to /), removed again at the end of the scope.
-class RemovableDrive {
+class TestDrive {
  public:
-  RemovableDrive() : folder_(exe_dir() + L"removable-" + std::to_wstring(GetCurrentProcessId())) {
+  // A removable drive on a folder beside the test program, or a drive of `type` on a folder below
+  // the Unix folder `unix_parent` (another Linux file system is another volume).
+  explicit TestDrive(UINT type = DRIVE_REMOVABLE, const std::string& unix_parent = std::string())
+      : folder_(unix_parent.empty() ? exe_dir() + L"removable-" + std::to_wstring(GetCurrentProcessId())
+                                    : L"Z:" + widen(unix_parent) + L"\\kwtest-drive-" + std::to_wstring(GetCurrentProcessId())) {
+    std::replace(folder_.begin(), folder_.end(), L'/', L'\\');
     remove_tree(folder_);
     CreateDirectoryW(folder_.c_str(), nullptr);
     std::string unix_folder = narrow(folder_).substr(2);
     std::replace(unix_folder.begin(), unix_folder.end(), '\\', '/');
     for (wchar_t c = L'R'; c <= L'Y' && letter_ == 0 && towupper(folder_[0]) == L'Z'; ++c) {
-      if (!(GetLogicalDrives() & (1u << (c - L'A'))) && define(c, DRIVE_REMOVABLE, unix_folder)) letter_ = c;
+      if (!(GetLogicalDrives() & (1u << (c - L'A'))) && define(c, type, unix_folder)) letter_ = c;
     }
   }
-  ~RemovableDrive() {
+  ~TestDrive() {
     if (letter_ != 0) define(letter_, DRIVE_NO_ROOT_DIR, std::string());
     remove_tree(folder_);
   }
@@ -279,12 +284,59 @@ inline bool shell_item_for(const std::wstring& path, ComRef<IShellItem>* out) {
 // CopyItems (MoveItems when `move`) of `sources`, files of one folder, to `destination`, the way
 // Explorer does: a data object offering CF_HDROP from the folder's GetUIObjectOf. E_FAIL when the
 // items cannot be made.
+// A data object that only gives a drop list (CF_HDROP) of `paths`, as any program may hand the
+// shell: it carries paths of any length, which the shell's own folders do not parse.
+class DropList : public IDataObject {
+ public:
+  explicit DropList(const std::vector<std::wstring>& paths) : paths_(paths) {}
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
+    *out = iid == IID_IUnknown || iid == IID_IDataObject ? this : nullptr;
+    return *out != nullptr ? (AddRef(), S_OK) : E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
+  ULONG STDMETHODCALLTYPE Release() override { return --refs_; }  // lives on the test's stack
+  HRESULT STDMETHODCALLTYPE GetData(FORMATETC* format, STGMEDIUM* medium) override {
+    if (format->cfFormat != CF_HDROP || !(format->tymed & TYMED_HGLOBAL)) return DV_E_FORMATETC;
+    std::wstring list;
+    for (const std::wstring& p : paths_) list += p + L'\0';
+    list += L'\0';
+    HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, sizeof(DROPFILES) + list.size() * sizeof(wchar_t));
+    auto* drop = static_cast<DROPFILES*>(GlobalLock(memory));
+    drop->pFiles = sizeof(DROPFILES);
+    drop->fWide = TRUE;
+    std::memcpy(drop + 1, list.data(), list.size() * sizeof(wchar_t));
+    GlobalUnlock(memory);
+    *medium = {TYMED_HGLOBAL, {nullptr}, nullptr};
+    medium->hGlobal = memory;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetDataHere(FORMATETC*, STGMEDIUM*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE QueryGetData(FORMATETC*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetCanonicalFormatEtc(FORMATETC*, FORMATETC*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE SetData(FORMATETC*, STGMEDIUM*, BOOL) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE EnumFormatEtc(DWORD, IEnumFORMATETC**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE DAdvise(FORMATETC*, DWORD, IAdviseSink*, DWORD*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE DUnadvise(DWORD) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE EnumDAdvise(IEnumSTATDATA**) override { return E_NOTIMPL; }
+
+ private:
+  std::vector<std::wstring> paths_;
+  ULONG refs_ = 1;
+};
+
+// Queues a copy or move of `sources` (files of one folder) to `destination` through the shell's
+// own data object of their folder; sources longer than the shell's folders parse go as a drop list.
 inline HRESULT queue(IFileOperation* op, bool move, const std::vector<std::wstring>& sources, const std::wstring& destination) {
   CoTaskMem<ITEMIDLIST> folder_id;
   ComRef<IShellFolder> desktop, folder;
   ComRef<IDataObject> items;
   ComRef<IShellItem> target;
   const std::wstring parent = sources.front().substr(0, sources.front().rfind(L'\\'));
+  if (sources.front().size() >= MAX_PATH) {
+    DropList list(sources);
+    if (!shell_item_for(destination, &target)) return E_FAIL;
+    return move ? op->MoveItems(&list, target.get()) : op->CopyItems(&list, target.get());
+  }
   if (FAILED(SHParseDisplayName(parent.c_str(), nullptr, folder_id.put(), 0, nullptr)) || FAILED(SHGetDesktopFolder(desktop.put())) ||
       FAILED(desktop->BindToObject(folder_id.get(), nullptr, IID_IShellFolder, folder.put_void())) || !shell_item_for(destination, &target)) {
     return E_FAIL;
@@ -532,19 +584,28 @@ inline bool decrypts_to(const std::wstring& encrypted, const std::string& passwo
                                   L"\"" + encrypted + L"\" \"" + widen(password) + L"\" \"" + out.file(L"plain") + L"\"", 60000);
   return r.finished && r.exit_code == 0 && content(out.file(L"plain")) == original;
 }
-// The originals parked by every process: each record's source (UTF-8) and the parked file.
+// The user's parking folder of the library (ends with '\').
+inline std::wstring parking_folder() {
+  wchar_t base[MAX_PATH] = {};
+  SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, 0, base);
+  return std::wstring(base) + L"\\kwindel\\parked\\";
+}
+// The originals parked by every process: each record's source (UTF-8) and the parked file; a
+// record whose original went missing counts too.
 inline std::vector<std::pair<std::string, std::wstring>> parked_records() {
   std::vector<std::pair<std::string, std::wstring>> out;
-  const std::wstring root = temp_folder() + L"kwindel-parked\\";
+  const std::wstring root = parking_folder();
   WIN32_FIND_DATAW folder, record;
   OwnedFind folders(FindFirstFileW((root + L"*").c_str(), &folder));
   for (bool more = folders.ok(); more; more = FindNextFileW(folders.get(), &folder)) {
     const std::wstring dir = root + folder.cFileName + L"\\";
-    OwnedFind records(folder.cFileName[0] == L'.' ? INVALID_HANDLE_VALUE : FindFirstFileW((dir + L"*.rec").c_str(), &record));
-    for (bool r = records.ok(); r; r = FindNextFileW(records.get(), &record)) {
-      const std::wstring stem = dir + std::wstring(record.cFileName).substr(0, wcslen(record.cFileName) - 4);
-      const std::string text = content(stem + L".rec");
-      out.emplace_back(text.substr(0, text.find('\n')), stem + L".orig");
+    for (const wchar_t* kind : {L".rec", L".missing"}) {
+      OwnedFind records(folder.cFileName[0] == L'.' ? INVALID_HANDLE_VALUE : FindFirstFileW((dir + L"*" + kind).c_str(), &record));
+      for (bool r = records.ok(); r; r = FindNextFileW(records.get(), &record)) {
+        const std::wstring stem = dir + std::wstring(record.cFileName).substr(0, wcslen(record.cFileName) - wcslen(kind));
+        const std::string text = content(stem + kind);
+        out.emplace_back(text.substr(0, text.find('\n')), stem + L".orig");
+      }
     }
   }
   return out;
