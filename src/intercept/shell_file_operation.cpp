@@ -6,6 +6,7 @@
 #include "host/debug_trace.h"
 #include "host/policy_block.h"
 #include "intercept/copy_screening.h"
+#include "intercept/replacement_boundary.h"
 #include "protect/pending_files.h"
 
 decltype(&SHFileOperationW) g_SHFileOperationW = nullptr;
@@ -14,11 +15,68 @@ namespace {
 
 constexpr int kRefused = -1;
 
-// The entries of a double-NUL-terminated path list, UTF-8, up to the first empty one.
-std::vector<std::string> list_entries(const wchar_t* list) {
-  std::vector<std::string> entries;
-  for (const wchar_t* p = list; *p != L'\0'; p += wcslen(p) + 1) entries.push_back(wide_to_utf8(p));
+// The entries of a double-NUL-terminated path list, UTF-16, up to the first empty one.
+std::vector<std::wstring> list_entries(const wchar_t* list) {
+  std::vector<std::wstring> entries;
+  for (const wchar_t* p = list; *p != L'\0'; p += wcslen(p) + 1) entries.push_back(p);
   return entries;
+}
+
+std::vector<std::string> utf8_entries(const wchar_t* list) {
+  std::vector<std::string> entries;
+  for (const std::wstring& entry : list_entries(list)) entries.push_back(wide_to_utf8(entry));
+  return entries;
+}
+
+bool is_folder(const std::wstring& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+// The screening before the real call: false refuses the operation. The secret sources registered
+// for encryption are added to `registered`.
+bool screen(LPSHFILEOPSTRUCTW op, std::vector<std::string>* registered) {
+  SecretAuditResult result;
+  const ScreenedClasses classes = classify_for_secret_check(g_policy_block, op->pFrom, op->pTo);
+  Verdict verdict = secret_verdict(g_policy_block, classes, AgentReply::kNotAsked, result);
+  if (verdict == Verdict::kAskAgent) {
+    const bool answered = RequestSecretAuditForShellLists(op->pFrom, op->pTo, result);
+    verdict = secret_verdict(g_policy_block, classes, answered ? AgentReply::kAnswered : AgentReply::kNotSecret, result);
+  }
+  if (verdict == Verdict::kRefuse || verdict == Verdict::kForbid) return false;
+  // The per-file copies and moves that the operation makes encrypt these sources' copies.
+  if (verdict == Verdict::kProtect) {
+    register_pending_encrypted_files(result.secret_files, result.encrypted_pwd);
+    *registered = result.secret_files;
+  }
+  audit_copy(g_policy_block, op->wFunc == FO_COPY ? kCopyAuditCopy : kCopyAuditMove, wide_to_utf8(op->pTo),
+             utf8_entries(op->pFrom));
+  return true;
+}
+
+// After a move: a registered secret source that left its place without passing a hooked per-file
+// move (the system moved it by other means, or moved its folder whole) is encrypted where it
+// arrived. Sources that a per-file move already took are no longer registered and stay as they are.
+void protect_moved_sources(LPSHFILEOPSTRUCTW op, const std::vector<std::string>& registered) {
+  const std::vector<std::wstring> from = list_entries(op->pFrom);
+  const std::wstring to = op->pTo;
+  const bool into_folder = is_folder(to);
+  for (const std::string& secret : registered) {
+    const std::wstring source = utf8_to_wide(secret);
+    for (const std::wstring& entry : from) {
+      const bool same = _wcsicmp(source.c_str(), entry.c_str()) == 0;
+      const bool inside = source.size() > entry.size() && source[entry.size()] == L'\\' &&
+                          _wcsnicmp(source.c_str(), entry.c_str(), entry.size()) == 0;
+      if (!same && !inside) continue;
+      const std::wstring arrived_entry = into_folder ? to + L"\\" + entry.substr(entry.rfind(L'\\') + 1) : to;
+      const std::wstring arrived = arrived_entry + source.substr(entry.size());
+      if (GetFileAttributesW(source.c_str()) == INVALID_FILE_ATTRIBUTES &&
+          GetFileAttributesW(arrived.c_str()) != INVALID_FILE_ATTRIBUTES) {
+        TakeAndTransform(source.c_str(), arrived.c_str(), /*moved=*/true);
+      }
+      break;
+    }
+  }
 }
 
 }  // namespace
@@ -29,17 +87,12 @@ int WINAPI Hook_SHFileOperationW(LPSHFILEOPSTRUCTW op) {
   if (op == nullptr || (op->wFunc != FO_COPY && op->wFunc != FO_MOVE)) return g_SHFileOperationW(op);
   if (op->pFrom == nullptr || op->pTo == nullptr) return g_SHFileOperationW(op);
 
-  SecretAuditResult result;
-  const ScreenedClasses classes = classify_for_secret_check(g_policy_block, op->pFrom, op->pTo);
-  Verdict verdict = secret_verdict(g_policy_block, classes, AgentReply::kNotAsked, result);
-  if (verdict == Verdict::kAskAgent) {
-    const bool answered = RequestSecretAuditForShellLists(op->pFrom, op->pTo, result);
-    verdict = secret_verdict(g_policy_block, classes, answered ? AgentReply::kAnswered : AgentReply::kNotSecret, result);
+  std::vector<std::string> registered;
+  if (!at_boundary("Hook_SHFileOperationW", true, false, [&] { return screen(op, &registered); })) return kRefused;
+  const int result = g_SHFileOperationW(op);
+  if (op->wFunc == FO_MOVE && !registered.empty()) {
+    LastErrorKeeper keep;
+    at_boundary("Hook_SHFileOperationW", 0, 0, [&] { return protect_moved_sources(op, registered), 0; });
   }
-  if (verdict == Verdict::kRefuse || verdict == Verdict::kForbid) return kRefused;
-  // The per-file copies that the operation makes encrypt these sources' copies.
-  if (verdict == Verdict::kProtect) register_pending_encrypted_files(result.secret_files, result.encrypted_pwd);
-  audit_copy(g_policy_block, op->wFunc == FO_COPY ? kCopyAuditCopy : kCopyAuditMove, wide_to_utf8(op->pTo),
-             list_entries(op->pFrom));
-  return g_SHFileOperationW(op);
+  return result;
 }

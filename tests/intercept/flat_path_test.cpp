@@ -15,6 +15,9 @@ class FlatPath : public Interception {
   void SetUp() override {
     Interception::SetUp();
     ASSERT_TRUE(kFlat) << "these tests need the winxp64 prefix";
+    prepare();
+  }
+  void prepare() {  // the scratch folder's files as every row starts with them
     for (const wchar_t* name : {L"tree", L"tree\\sub", L"tree\\sub\\deeper", L"dst"}) folder(name);
     for (const wchar_t* name : {L"s.bin", L"a.txt", L"b.txt", L"tree\\a.txt", L"tree\\sub\\deeper\\secret.txt"}) make(name, original(name));
   }
@@ -54,6 +57,11 @@ TEST_F(FlatPath, ShellOperations) {
        {L"tree\\a.txt", L"tree\\sub\\deeper\\secret.txt"}},
       {"a wrong tag refuses a copy with -1", kScreen, kWrongTag, {}, FO_COPY, L"a.txt", L"dst", -1, 1, 0,
        {{L"dst\\a.txt", kMissing}, {L"a.txt", kPlain}}, {}},
+      {"a secret file's move arrives encrypted, its source gone", kScreen, kNames, {L"s.bin"}, FO_MOVE, L"s.bin", L"dst", 0, 1, 1,
+       {{L"dst\\s.bin", kEncrypted}, {L"s.bin", kMissing}}, {L"s.bin"}},
+      {"a secret file inside a moved folder arrives encrypted", kScreen, kNames, {L"tree\\sub\\deeper\\secret.txt"}, FO_MOVE,
+       L"tree", L"dst", 0, 1, 1, {{L"dst\\tree\\a.txt", kPlain}, {L"dst\\tree\\sub\\deeper\\secret.txt", kEncrypted}},
+       {L"tree\\a.txt", L"tree\\sub\\deeper\\secret.txt"}},
       {"a forbidding answer refuses a move", kScreen, kForbidden, {L"a.txt"}, FO_MOVE, L"a.txt", L"dst", -1, 1, 0,
        {{L"dst\\a.txt", kMissing}, {L"a.txt", kPlain}}, {}},
       {"a rename passes straight through", KWINDEL_POLICY_ALL, kNames, {}, FO_RENAME, L"a.txt", L"dst\\a.txt", 0, 0, 0,
@@ -96,8 +104,7 @@ TEST_F(FlatPath, ShellOperations) {
     }
     for (const auto& [name, outcome] : row.after) expect(dir.file(name), name.substr(name.rfind(L"dst\\", 0) == 0 ? 4 : 0), outcome);
     remove_tree(dir.file(L"dst"));
-    folder(L"dst");
-    make(L"a.txt", original(L"a.txt"));
+    prepare();
   }
 }
 

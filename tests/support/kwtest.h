@@ -281,9 +281,6 @@ inline bool new_file_operation(ComRef<IFileOperation>* out) {
 inline bool shell_item_for(const std::wstring& path, ComRef<IShellItem>* out) {
   return SUCCEEDED(SHCreateItemFromParsingName(path.c_str(), nullptr, IID_IShellItem, out->put_void()));
 }
-// CopyItems (MoveItems when `move`) of `sources`, files of one folder, to `destination`, the way
-// Explorer does: a data object offering CF_HDROP from the folder's GetUIObjectOf. E_FAIL when the
-// items cannot be made.
 // A data object that only gives a drop list (CF_HDROP) of `paths`, as any program may hand the
 // shell: it carries paths of any length, which the shell's own folders do not parse.
 class DropList : public IDataObject {
@@ -324,8 +321,9 @@ class DropList : public IDataObject {
   ULONG refs_ = 1;
 };
 
-// Queues a copy or move of `sources` (files of one folder) to `destination` through the shell's
-// own data object of their folder; sources longer than the shell's folders parse go as a drop list.
+// CopyItems (MoveItems when `move`) of `sources`, files of one folder, to `destination`, the way
+// Explorer does: a data object offering CF_HDROP from the folder's GetUIObjectOf (sources longer
+// than the shell's folders parse go as a DropList). E_FAIL when the items cannot be made.
 inline HRESULT queue(IFileOperation* op, bool move, const std::vector<std::wstring>& sources, const std::wstring& destination) {
   CoTaskMem<ITEMIDLIST> folder_id;
   ComRef<IShellFolder> desktop, folder;
