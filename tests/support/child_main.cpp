@@ -1,8 +1,9 @@
 // kwtest-child.exe: the second process of the multi-process tests.
 //   pump MS      pump messages for up to MS ms; print "loaded" and exit 0 as soon as
 //                kwindel-x64.dll is in this process, else "not loaded" and exit 1
-//   load         load kwindel-x64.dll, print its shared policy words, end; every debug line of
-//                the process (the DLL's tear-down at the end included) is printed as it comes
+//   load         load kwindel-x64.dll, print its shared policy words, give the recovery that
+//                the load starts in the background up to 10 s to put back what is parked, end;
+//                every debug line of the process (the tear-down included) is printed as it comes
 //   copy load|hook end|kill DST SRC...  load the DLL (or wait 10 s for the global hook to bring
 //                it in), queue a copy of the sources through the shell copy engine, print
 //                "loaded HRESULT", then end normally or be killed (no tear-down)
@@ -42,6 +43,7 @@ int wmain(int argc, wchar_t** argv) {
     if (block == nullptr) return 2;
     std::printf("copy=%u secret=%u mask=%u encrypt=%u\n", block->copy_audit, block->secret_audit, block->audit_dest_mask,
                 block->encrypt_audit);
+    for (const ULONGLONG end = GetTickCount64() + 10000; !parked_records().empty() && GetTickCount64() < end;) Sleep(10);
     return 0;
   }
   if (mode == L"copy" && argc > 5) {
