@@ -166,7 +166,8 @@ struct Step {
                        // r Release (the last reference); the test's acts: l lock file 1 for the next
                        // call, h hold file 0 open for the next call, x carry file 0 to dst as an
                        // engine would, d delete file 0's parked original, t throw in the next
-                       // replacement, s leave stale ".tmp" names, 0 secret check off
+                       // replacement, s leave stale ".tmp" names, 0 secret check off, q another
+                       // process queues a copy of file 0 and waits, w that process runs it and ends
   const char* files;   // the files a call names, as indices
   char answer;
   HRESULT result;
@@ -199,6 +200,8 @@ const SwapRow kSwapRows[] = {
      {{'A', 'c', "0", 'f', P, "OO/0"}, {'B', 'c', "1", 'n', P, "OO/0"}, {'B', 'p', "", 0, P, "OO/0"}, {'A', 'p', "", 0, R, "OO/0"}}},
     {"one source queued by two operations stays swapped until the last has run", {L"shared.doc"},
      {{'A', 'c', "0", 's', P, "E/1"}, {'B', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "E/1"}, {'B', 'p', "", 0, P, "O/0"}}},
+    {"one source queued by operations of two processes stays swapped until the last has run", {L"other.doc"},
+     {{'A', 'c', "0", 's', P, "E/1"}, {'T', 'q', "", 0, P, "E/1"}, {'A', 'p', "", 0, P, "E/1"}, {'T', 'w', "", 0, P, "O/0"}}},
     {"an operation released without PerformOperations puts its swaps back", {L"released.doc"},
      {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'r', "", 0, P, "O/0"}}},
     {"a secret move that fails gives the source its bytes back", {L"moved.doc"},
@@ -241,6 +244,8 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
     ASSERT_EQ(paths[0].size() == 300, row.files[0] == L"long");
     ComRef<IFileOperation> ops[2];
     char hold = 0;  // the file held open during the next call
+    OwnedHandle other_process, queued(CreateEventW(nullptr, TRUE, FALSE, L"kwtest-queued")),
+        perform(CreateEventW(nullptr, TRUE, FALSE, L"kwtest-perform"));
     TraceCapture trace;
     for (size_t k = 0; k < row.steps.size(); ++k) {
       const Step& step = row.steps[k];
@@ -254,6 +259,18 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
         }
         if (step.call == 't') SetEnvironmentVariableW(L"KWINDEL_TEST_THROW", L"CopyItems_new");
         if (step.call == '0') set_policy(kCopyAudit);
+        if (step.call == 'q') {
+          ResetEvent(queued.get()), ResetEvent(perform.get());
+          TestAgent agent(AgentScript{true, {secret_answer({narrow(paths[0])}, "pw", 1)}});
+          ASSERT_TRUE(agent.ok());
+          other_process.reset(start_process(child_path(), L"copy load wait \"" + dst + L"\" \"" + paths[0] + L"\"", nullptr));
+          ASSERT_TRUE(other_process.ok());
+          ASSERT_EQ(WaitForSingleObject(queued.get(), 30000), WAIT_OBJECT_0);
+        }
+        if (step.call == 'w') {
+          SetEvent(perform.get());
+          ASSERT_EQ(WaitForSingleObject(other_process.get(), 30000), WAIT_OBJECT_0);
+        }
         if (step.call == 's') {
           ASSERT_TRUE(write_file(paths[0] + L".tmp", "stale"));
           SetFileAttributesW((paths[0] + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);

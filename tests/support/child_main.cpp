@@ -4,9 +4,10 @@
 //   load         load kwindel-x64.dll, print its shared policy words, give the recovery that
 //                the load starts in the background up to 10 s to put back what is parked, end;
 //                every debug line of the process (the tear-down included) is printed as it comes
-//   copy load|hook end|kill DST SRC...  load the DLL (or wait 10 s for the global hook to bring
-//                it in), queue a copy of the sources through the shell copy engine, print
-//                "loaded HRESULT", then end normally or be killed (no tear-down)
+//   copy load|hook end|kill|wait DST SRC...  load the DLL (or wait 10 s for the global hook to
+//                bring it in), queue a copy of the sources through the shell copy engine, print
+//                "loaded HRESULT", then end normally, be killed (no tear-down), or (wait) signal
+//                the event "kwtest-queued", wait for "kwtest-perform" and run the copy first
 #include "kwtest.h"
 
 #include <fcntl.h>
@@ -57,8 +58,15 @@ int wmain(int argc, wchar_t** argv) {
     std::printf("loaded %08lx\n", static_cast<unsigned long>(hr));
     std::fflush(stdout);
     if (argv[3] == std::wstring(L"kill")) TerminateProcess(GetCurrentProcess(), 9);
+    if (argv[3] == std::wstring(L"wait")) {
+      OwnedHandle queued(CreateEventW(nullptr, TRUE, FALSE, L"kwtest-queued"));
+      OwnedHandle perform(CreateEventW(nullptr, TRUE, FALSE, L"kwtest-perform"));
+      SetEvent(queued.get());
+      WaitForSingleObject(perform.get(), 60000);
+      op->PerformOperations();
+    }
     return 0;
   }
-  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|hook end|kill DST SRC...\n");
+  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|hook end|kill|wait DST SRC...\n");
   return 100;
 }

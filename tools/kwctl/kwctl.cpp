@@ -74,8 +74,13 @@ int recover() {
     return 6;
   }
   for (const ParkedOriginal& p : left) {
-    std::wprintf(L"kwctl: left parked: %ls (its place holds another file; the original is %ls)\n", p.source.c_str(),
-                 p.parked.c_str());
+    if (GetFileAttributesW(p.parked.c_str()) == INVALID_FILE_ATTRIBUTES) {
+      std::wprintf(L"kwctl: missing: %ls (its parked original %ls is gone; the record is kept)\n", p.source.c_str(),
+                   p.parked.c_str());
+    } else {
+      std::wprintf(L"kwctl: left parked: %ls (its place holds another file; the original is %ls)\n", p.source.c_str(),
+                   p.parked.c_str());
+    }
   }
   std::wprintf(L"kwctl: recovery put back %d original(s); %d left parked\n", restored, static_cast<int>(left.size()));
   return kOk;
