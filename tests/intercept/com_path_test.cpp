@@ -326,6 +326,17 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
     for (const std::wstring& p : paths) remove_tree(p), remove_tree(p + L".tmp");
     remove_tree(dst + L"\\carried.doc");
   }
+  // The parking folder lets only the user and the system in.
+  const std::wstring own = parking_folder().substr(0, parking_folder().size() - 8);  // the library's own folder
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  wchar_t* sddl = nullptr;
+  ASSERT_EQ(GetNamedSecurityInfoW(own.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, nullptr, nullptr, &descriptor), 0u);
+  ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &sddl, nullptr));
+  std::string entries = narrow(sddl);
+  if (entries.compare(0, 3, "D:P") == 0) entries.erase(2, 1);  // Wine 8 does not keep the protected flag
+  EXPECT_EQ(entries, "D:(A;OICI;FA;;;SY)(A;OICI;FA;;;" + user_sid() + ")");
+  LocalFree(sddl);
+  LocalFree(descriptor);
 }
 
 // The one decision of the copy and move interceptors, as a table: policy, classes of the first

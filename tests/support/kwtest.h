@@ -8,6 +8,7 @@
 #include "host/owners.h"
 
 #include <gtest/gtest.h>
+#include <aclapi.h>
 #include <sddl.h>
 #include <shellapi.h>
 #include <shlobj.h>
@@ -557,7 +558,7 @@ inline std::string request_document(const std::vector<std::wstring>& sources, co
 }
 // The copy audit document of this process and user with time "T"; `without_time` makes a
 // received one comparable.
-inline std::string audit_document(const std::string& operation, const std::wstring& destination, const std::vector<std::wstring>& files) {
+inline std::string user_sid() {  // this process's user, S-1-5-...
   OwnedHandle token;
   OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
   char user[256];
@@ -565,9 +566,13 @@ inline std::string audit_document(const std::string& operation, const std::wstri
   wchar_t* sid = nullptr;
   GetTokenInformation(token.get(), TokenUser, user, sizeof user, &size);
   ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user)->User.Sid, &sid);
-  std::string doc = "<FilesCopy processname=\"" + process_name() + "\" operation=\"" + operation +
-        "\" flags=\"0\" time=\"T\" dstfloder=\"" + narrow(destination) + "\" usersid=\"" + narrow(sid) + "\"";
+  const std::string text = narrow(sid);
   LocalFree(sid);
+  return text;
+}
+inline std::string audit_document(const std::string& operation, const std::wstring& destination, const std::vector<std::wstring>& files) {
+  std::string doc = "<FilesCopy processname=\"" + process_name() + "\" operation=\"" + operation +
+        "\" flags=\"0\" time=\"T\" dstfloder=\"" + narrow(destination) + "\" usersid=\"" + user_sid() + "\"";
   doc += files.empty() ? "/>" : ">";  // the compact form of an empty element
   for (const auto& f : files) doc += "<File filename=\"" + narrow(f) + "\"/>";
   return files.empty() ? doc : doc + "</FilesCopy>";
