@@ -1,7 +1,8 @@
 #include "host/policy_block.h"
 
-// "shared" makes the loader map this section once for all processes of the desktop.
-__attribute__((section(".hook"), shared)) PolicyBlock g_policy_block = {0, 0, 0, 0, nullptr, nullptr};
+// The DLL's link marks ".hook" shared (src/CMakeLists.txt): the loader maps it once for all
+// processes of the desktop.
+__attribute__((section(".hook"))) PolicyBlock g_policy_block = {0, 0, 0, 0, nullptr, nullptr};
 
 bool destination_class_watched(uint32_t mask, int dest_class) {
   if ((mask & 1) && dest_class == 0) return true;

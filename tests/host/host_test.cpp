@@ -2,8 +2,11 @@
 // tear-down, through the real DLL. Each test runs in a process of its own (once anything is
 // patched the DLL stays for the process's life; a process that ends runs the tear-down), in
 // host_tests (6.x: the three IFileOperation methods patched) and host_xp_tests (winxp64: the four
-// flat functions hooked by the engine; an EasyHook64.dll is used only from beside the DLL).
+// flat functions hooked by the engine; an EasyHook64.dll is used only from beside the DLL). A
+// crash inside the DLL is named the way a debugger does it, through dbghelp and the PDB.
 #include "kwtest.h"
+
+#include <dbghelp.h>
 
 namespace {
 
@@ -169,6 +172,59 @@ TEST_F(Exports, EachGlobalHookInjectsAndScreensUntilRemoved) {
   EXPECT_EQ(audits[0].find("<FilesCopy processname=\"kwtest-child.exe\" operation=\"6\""), 0u);
   EXPECT_EQ(content(a), "alpha");
   EXPECT_TRUE(parked_records().empty());
+}
+
+// A crash inside the DLL, seen as its debugger sees it: dbghelp names the faulting function, one
+// the export table does not name, and its source from the PDB beside the DLL that matches by GUID
+// and age (without it dbghelp names nothing here, or at best the export KwindelTestFault).
+TEST(Symbols, ACrashInsideTheLibraryIsNamedFromItsPdb) {
+  STARTUPINFOW startup = {sizeof startup};
+  PROCESS_INFORMATION child = {};
+  std::wstring command = L"\"" + child_path() + L"\" fault";
+  ASSERT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS, nullptr, nullptr, &startup, &child));
+  OwnedHandle process(child.hProcess), thread(child.hThread);
+  DWORD64 fault = 0;
+  DEBUG_EVENT event = {};
+  while (fault == 0 && WaitForDebugEvent(&event, 30000) && event.dwDebugEventCode != EXIT_PROCESS_DEBUG_EVENT) {
+    const EXCEPTION_RECORD& record = event.u.Exception.ExceptionRecord;
+    if (event.dwDebugEventCode == LOAD_DLL_DEBUG_EVENT) CloseHandle(event.u.LoadDll.hFile);
+    if (event.dwDebugEventCode == CREATE_PROCESS_DEBUG_EVENT) CloseHandle(event.u.CreateProcessInfo.hFile);
+    if (event.dwDebugEventCode == EXCEPTION_DEBUG_EVENT && record.ExceptionCode == EXCEPTION_ACCESS_VIOLATION)
+      fault = reinterpret_cast<DWORD64>(record.ExceptionAddress);
+    else
+      ContinueDebugEvent(event.dwProcessId, event.dwThreadId, DBG_CONTINUE);
+  }
+  ASSERT_NE(fault, 0u) << "the child did not fault";
+  SymSetOptions(SYMOPT_UNDNAME | SYMOPT_LOAD_LINES | SYMOPT_FAIL_CRITICAL_ERRORS);
+  ASSERT_TRUE(SymInitializeW(process.get(), exe_dir().c_str(), TRUE)) << GetLastError();
+  IMAGEHLP_MODULEW64 module = {sizeof module};
+  ASSERT_TRUE(SymGetModuleInfoW64(process.get(), fault, &module)) << GetLastError();
+  struct {
+    SYMBOL_INFOW info;
+    wchar_t more[256];
+  } symbol = {};
+  symbol.info.SizeOfStruct = sizeof symbol.info;
+  symbol.info.MaxNameLen = 256;
+  DWORD64 displacement = 0;
+  ASSERT_TRUE(SymFromAddrW(process.get(), fault, &displacement, &symbol.info)) << GetLastError();
+  IMAGEHLP_LINEW64 line = {sizeof line};
+  DWORD column = 0;
+  const bool has_line = SymGetLineFromAddrW64(process.get(), fault, &column, &line);
+  std::printf("crash at %s+0x%llx: %s+0x%llx (%s:%lu), symbols %s, age %lu\n", narrow(module.ModuleName).c_str(),
+              static_cast<unsigned long long>(fault - module.BaseOfImage), narrow(symbol.info.Name).c_str(),
+              static_cast<unsigned long long>(displacement), has_line ? narrow(line.FileName).c_str() : "?",
+              has_line ? line.LineNumber : 0, narrow(module.LoadedPdbName).c_str(), module.PdbAge);
+  EXPECT_EQ(std::wstring(module.ModuleName), L"kwindel-x64");
+  EXPECT_EQ(module.SymType, SymPdb);
+  EXPECT_EQ(std::wstring(symbol.info.Name), L"test_fault_write");
+  ASSERT_TRUE(has_line);
+  std::wstring file = line.FileName;  // as the objects name it; Wine puts it on drive Z:
+  std::replace(file.begin(), file.end(), L'\\', L'/');
+  EXPECT_EQ(file.substr(file.find(L"/kwindel/")), L"/kwindel/src/host/test_fault.cpp");
+  SymCleanup(process.get());
+  TerminateProcess(process.get(), 9);
+  ContinueDebugEvent(event.dwProcessId, event.dwThreadId, DBG_CONTINUE);
+  WaitForSingleObject(process.get(), 30000);
 }
 
 }  // namespace

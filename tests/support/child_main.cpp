@@ -8,6 +8,7 @@
 //                bring it in), queue a copy of the sources through the shell copy engine, print
 //                "loaded HRESULT", then end normally, be killed (no tear-down), or (wait) signal
 //                the event "kwtest-queued", wait for "kwtest-perform" and run the copy first
+//   fault        load the DLL and call the test build's export that faults inside it
 #include "kwtest.h"
 
 #include <fcntl.h>
@@ -67,6 +68,11 @@ int wmain(int argc, wchar_t** argv) {
     }
     return 0;
   }
-  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|hook end|kill|wait DST SRC...\n");
+  if (mode == L"fault") {
+    auto fault = fn<void(WINAPI*)(volatile int*)>(LoadLibraryW(dll_path().c_str()), "KwindelTestFault");
+    if (fault != nullptr) fault(nullptr);
+    return 3;
+  }
+  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|hook end|kill|wait DST SRC... | fault\n");
   return 100;
 }
