@@ -4,7 +4,7 @@
 # Quick (a few dpkg queries) when everything is present.
 set -euo pipefail
 pkgs=(mingw-w64 g++-mingw-w64-x86-64-posix wine64 cmake ninja-build googletest make xz-utils ca-certificates
-      apt-utils libzydis-dev libcapstone-dev python3-capstone openssl clang libclang-rt-14-dev llvm
+      apt-utils libzydis-dev libcapstone-dev python3-capstone openssl clang libclang-rt-14-dev llvm clang-16 lld-16
       git python3 unzip osslsigncode)
 missing=()
 for p in "${pkgs[@]}"; do

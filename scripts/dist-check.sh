@@ -2,13 +2,20 @@
 # Checks the release package (make dist-check):
 #  1. `make dist` in two clean clones of the last commit, in folders of different names and
 #     depths, one after the other (so at different times), the second in another time zone and
-#     with another umask: the DLL, the tools, the import library and both zips must be equal
-#     byte for byte, and no binary may name a build folder;
-#  2. the version in the zip's name, the DLL's version resource and `kwctl/kwagent --version`
+#     with another umask: the DLL, the tools, their PDBs, the import library and the three zips
+#     must be equal byte for byte, and no binary or PDB may name a build folder;
+#  2. every shipped binary carries no debug information of its own and names its PDB, which the
+#     symbols zip holds with the same GUID and age, and the symbol store files both under the
+#     keys a debugger asks for; the DLL's PDB has the exports and the interceptors;
+#  3. the version in the zip's name, the DLL's version resource and `kwctl/kwagent --version`
 #     must agree;
-#  3. `make dist` with a throw-away certificate signs the binaries; `osslsigncode verify` must
+#  4. `make dist` with a throw-away certificate signs the binaries; `osslsigncode verify` must
 #     pass on each, and the signed binaries must still work under Wine: the demo runs on them
-#     (screened copies through the real DLL, proved by kwdecrypt). The demo needs UDP port 7886.
+#     (screened copies through the real DLL, proved by kwdecrypt). The demo needs UDP port 7886;
+#  5. services consume the signed package: tests/package builds against the unpacked zip through
+#     find_package(kwindel) with MinGW-w64's GCC, and its object links against the import library
+#     with lld-link (the MSVC linker's ABI); both programs run under Wine and get the documented
+#     answers from the DLL.
 # Usage: dist-check.sh WORK_DIR
 set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd)
@@ -33,12 +40,13 @@ build "$b" Asia/Kathmandu 077
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$a/build/release/CMakeCache.txt")
 name=kwindel-$version-x64
 shipped=build/release/dist/$name/bin/kwindel-x64.dll
-for f in build/release/bin/kwindel-x64.dll build/release/bin/kwctl.exe build/release/bin/kwagent.exe \
-         build/release/bin/kwdecrypt.exe build/release/lib/kwindel-x64.lib "$shipped" dist/$name.zip dist/$name-symbols.zip; do
+binaries=(kwindel-x64.dll kwctl.exe kwagent.exe kwdecrypt.exe)
+for f in "${binaries[@]/#/build/release/bin/}" build/release/bin/{kwindel-x64,kwctl,kwagent,kwdecrypt}.pdb \
+         build/release/lib/kwindel-x64.lib "$shipped" dist/$name.zip dist/$name-symbols.zip dist/$name-symstore.zip; do
   [ -f "$a/$f" ] || fail "$f was not built"
   cmp -s "$a/$f" "$b/$f" || fail "$f differs between the two builds"
 done
-echo "dist-check: identical in both builds: DLL (built and shipped), tools, import library, $name.zip, $name-symbols.zip"
+echo "dist-check: identical in both builds: DLL (built and shipped), tools, PDBs, import library, $name.zip, $name-symbols.zip, $name-symstore.zip"
 for f in "$shipped" "dist/$name.zip"; do
   echo "  $(sha256sum "$a/$f" | cut -c1-64)  a: $f"
   echo "  $(sha256sum "$b/$f" | cut -c1-64)  b: $f"
@@ -47,12 +55,40 @@ done
 # The unsigned package: its own sums, no build folder in any file, the version everywhere.
 unzip -q "$a/dist/$name.zip" -d "$work/unsigned"
 unzip -q "$a/dist/$name-symbols.zip" -d "$work/unsigned"
-(cd "$work/unsigned/$name" && sha256sum --quiet -c SHA256SUMS) || fail "SHA256SUMS of the package"
-(cd "$work/unsigned/$name-symbols" && sha256sum --quiet -c SHA256SUMS) || fail "SHA256SUMS of the symbols"
+unzip -q "$a/dist/$name-symstore.zip" -d "$work/unsigned"
+for d in "$name" "$name-symbols" "$name-symstore"; do
+  (cd "$work/unsigned/$d" && sha256sum --quiet -c SHA256SUMS) || fail "SHA256SUMS of $d"
+done
 ! grep -rlF -e "$work" -e "$src" -e "${XDG_CACHE_HOME:-$HOME/.cache}/kwindel" "$work/unsigned" "$a/build/release/bin" || fail "build folders named in the files above"
 fv=$(x86_64-w64-mingw32-strings -el "$work/unsigned/$name/bin/kwindel-x64.dll" | grep -A1 -x FileVersion | tail -1)
 [ "$fv" = "$version" ] || fail "the DLL's FileVersion is '$fv', the package's version $version"
 echo "dist-check: package verified by its SHA256SUMS, no build folder named, FileVersion $fv"
+
+# The symbols: each binary names its PDB; the PDB's own GUID and age (llvm-pdbutil) are the key
+# under which the store files it, beside the binary under its stamp and size.
+sym=$work/unsigned/$name-symbols store=$work/unsigned/$name-symstore
+for f in "${binaries[@]}"; do
+  bin=$work/unsigned/$name/bin/$f pdb=${f%.*}.pdb
+  headers=$(x86_64-w64-mingw32-objdump -h "$bin") record=$(llvm-readobj --file-headers --coff-debug-directory "$bin")
+  ! grep -q ' \.debug' <<<"$headers" || fail "$f carries debug sections"
+  grep -qx " *PDBFileName: $pdb" <<<"$record" || fail "$f does not name $pdb"
+  stamp=$(sed -n 's/^  TimeDateStamp: .*(0x\(.*\))$/\1/p' <<<"$record") size=$(sed -n 's/^  SizeOfImage: //p' <<<"$record")
+  cmp -s "$bin" "$store/$f/$(printf '%08X%x' "0x$stamp" "$size")/$f" || fail "the store does not hold $f under its stamp and size"
+  summary=$(llvm-pdbutil dump -summary "$sym/$pdb") || fail "llvm-pdbutil cannot read $pdb"
+  key=$(sed -n 's/^ *GUID: {\(.*\)}$/\1/p' <<<"$summary" | tr -d -)$(sed -n 's/^ *Age: //p' <<<"$summary")
+  cmp -s "$sym/$pdb" "$store/$pdb/$key/$pdb" || fail "the store has no $pdb/$key/$pdb equal to the symbols' $pdb"
+done
+publics=$(llvm-pdbutil dump -publics "$sym/kwindel-x64.pdb") procs=$(llvm-pdbutil dump -symbols "$sym/kwindel-x64.pdb" | grep S_GPROC32)
+for e in InstallHook InstallHookProc RemoveHook SetPolicy; do grep -q "S_PUB32 .*\`$e\`" <<<"$publics" || fail "no export $e in kwindel-x64.pdb"; done
+for i in CopyItems_new MoveItems_new CopyItem_new MoveItem_new PerformOperations_new Release_new Hook_CopyFileW \
+         Hook_CopyFileExW Hook_MoveFileWithProgressW Hook_SHFileOperationW HookApi UnHookApi; do
+  grep -q "\`$i\`" <<<"$procs" || fail "no function $i in kwindel-x64.pdb"
+done
+echo "dist-check: each binary names its PDB, matched by GUID and age in the symbols and the store; kwindel-x64.pdb:"
+llvm-pdbutil dump -summary "$sym/kwindel-x64.pdb" | grep -E '^ *(GUID|Age):' | sed 's/^ */  /'
+grep -E "S_PUB32 .*\`(InstallHook|SetPolicy)\`" <<<"$publics" | sed 's/^ */  /'
+grep -E "\`(CopyItems_new|Hook_CopyFileW)\`" <<<"$procs" | sed 's/^ */  /'
+(cd "$store" && find . -type f ! -name SHA256SUMS | LC_ALL=C sort | sed 's/^\./  store:/')
 
 # The signed package: a throw-away code-signing certificate, the signatures verified, the demo run.
 openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=kwindel dist-check" \
@@ -77,5 +113,22 @@ for t in kwctl kwagent; do
   v=$(wine "$pkg/bin/$t.exe" --version </dev/null | tr -d '\r')
   [ "$v" = "$t $version" ] || fail "$t --version printed '$v'"
 done
+echo "dist-check: kwctl and kwagent print version $version"
+
+# A service's builds against the signed package: CMake with GCC, and an object linked by lld-link.
+consumer=$work/consumer
+cmake -S "$src/tests/package" -B "$consumer/cmake" -G Ninja -DCMAKE_SYSTEM_NAME=Windows \
+  -DCMAKE_C_COMPILER=x86_64-w64-mingw32-gcc-posix -DCMAKE_PREFIX_PATH="$work/signed" >"$consumer.log" 2>&1 \
+  && cmake --build "$consumer/cmake" >>"$consumer.log" 2>&1 || { tail -20 "$consumer.log"; fail "the CMake consumer did not build"; }
+mkdir -p "$consumer/lld-link"
+clang-16 --target=x86_64-w64-mingw32 -O2 -c -DKWINDEL_CONSUMER_ENTRY -I"$pkg/include" "$src/tests/package/consumer.c" \
+  -o "$consumer/lld-link/consumer.obj" || fail "the consumer object did not compile"
+lld-link-16 /nologo /entry:consumer_main /subsystem:console /nodefaultlib "$consumer/lld-link/consumer.obj" \
+  "$pkg/lib/kwindel-x64.lib" /out:"$consumer/lld-link/consumer.exe" || fail "lld-link did not link the consumer"
+cp "$pkg/bin/kwindel-x64.dll" "$consumer/lld-link/"
+for exe in "$consumer/cmake/consumer.exe" "$consumer/lld-link/consumer.exe"; do
+  rc=0; wine "$exe" </dev/null >/dev/null 2>&1 || rc=$?
+  [ "$rc" = 0 ] || fail "$exe ended with $rc"
+done
 wineserver -k
-echo "dist-check: kwctl and kwagent print version $version; all checks passed"
+echo "dist-check: the package's consumers (find_package with GCC, the import library with lld-link) run under Wine; all checks passed"

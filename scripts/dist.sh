@@ -1,12 +1,18 @@
 #!/usr/bin/env bash
-# The release package from a release build: OUT_DIR/kwindel-<version>-x64.zip (stripped DLL and
-# tools with a debug link, import library and .def, header, docs, README, licences, SHA256SUMS)
-# and OUT_DIR/kwindel-<version>-x64-symbols.zip (the debug information, one .debug file per
-# binary). Both are byte-for-byte reproducible: members sorted, times from SOURCE_DATE_EPOCH
-# (default: the last commit's time), fixed permissions.
+# The release package from a release build:
+#  OUT_DIR/kwindel-<version>-x64.zip: the DLL and tools (no debug information in them; each
+#    names its PDB by a CodeView record), import library and .def, header, CMake package
+#    (lib/cmake/kwindel), docs, README, licences, SHA256SUMS;
+#  OUT_DIR/kwindel-<version>-x64-symbols.zip: the PDB of each binary;
+#  OUT_DIR/kwindel-<version>-x64-symstore.zip: the same PDBs and the binaries in the layout
+#    Windows debuggers fetch from a symbol server (<name>.pdb/<GUID><age>/<name>.pdb,
+#    <name>/<TIMESTAMP><SizeOfImage>/<name>), to publish as it is.
+# All are byte-for-byte reproducible: members sorted, times from SOURCE_DATE_EPOCH (default: the
+# last commit's time), fixed permissions.
 # Signing: SIGN_CERT and SIGN_KEY (PEM or DER; SIGN_PASSFILE for an encrypted key) sign the DLL
 # and the tools with Authenticode through osslsigncode; SIGN_TSA names a time-stamping server,
-# and when it cannot be reached the signature goes without a time stamp.
+# and when it cannot be reached the signature goes without a time stamp. Signing keeps the stamp
+# and size that the symbol store files the binaries under.
 # Usage: dist.sh BUILD_DIR OUT_DIR
 set -euo pipefail
 build=$(cd "${1:?usage: dist.sh BUILD_DIR OUT_DIR}" && pwd)
@@ -14,7 +20,6 @@ out=${2:?usage: dist.sh BUILD_DIR OUT_DIR}
 src=$(cd "$(dirname "$0")/.." && pwd)
 die() { echo "dist: $*" >&2; exit 1; }
 need() { command -v "$1" >/dev/null || die "$1 is missing: run scripts/bootstrap.sh as root (apt-get install $2)"; }
-need x86_64-w64-mingw32-objcopy binutils-mingw-w64-x86-64
 need python3 python3
 
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
@@ -28,20 +33,19 @@ fi
 
 name=kwindel-$version-x64
 stage=$build/dist
-rm -rf "$stage" "$out/$name.zip" "$out/$name-symbols.zip"  # no stale package after a failure
-pkg=$stage/$name sym=$stage/$name-symbols
-mkdir -p "$pkg/bin" "$pkg/lib" "$pkg/include" "$pkg/docs" "$pkg/licenses" "$sym"
+rm -rf "$stage" "$out/$name.zip" "$out/$name-symbols.zip" "$out/$name-symstore.zip"  # no stale package after a failure
+pkg=$stage/$name sym=$stage/$name-symbols store=$stage/$name-symstore
+mkdir -p "$pkg/bin" "$pkg/lib/cmake/kwindel" "$pkg/include" "$pkg/docs" "$pkg/licenses" "$sym" "$store"
 
-# The debug information and symbols move out; the shipped binaries keep a debug link (name and
-# CRC-32 of the .debug file) by which debuggers and addr2line find it. objcopy stamps the PE
-# header it writes with SOURCE_DATE_EPOCH, else the current time: 0 keeps the linker's 0.
+# The build leaves the binaries as they ship (their debug information is in the PDBs only).
 for f in kwindel-x64.dll kwctl.exe kwagent.exe kwdecrypt.exe; do
   [ -f "$build/bin/$f" ] || die "$build/bin/$f is missing: build the release preset first"
-  SOURCE_DATE_EPOCH=0 x86_64-w64-mingw32-objcopy --only-keep-debug "$build/bin/$f" "$sym/$f.debug"
-  (cd "$sym" && SOURCE_DATE_EPOCH=0 x86_64-w64-mingw32-objcopy --strip-all --add-gnu-debuglink="$f.debug" \
-     "$build/bin/$f" "$pkg/bin/$f")
+  [ -f "$build/bin/${f%.*}.pdb" ] || die "$build/bin/${f%.*}.pdb is missing: the release preset links a PDB beside each binary"
+  cp "$build/bin/$f" "$pkg/bin/"
+  cp "$build/bin/${f%.*}.pdb" "$sym/"
 done
 cp "$build/lib/kwindel-x64.lib" "$pkg/lib/"
+cp "$src/cmake/package/kwindelConfig.cmake" "$build/package/kwindelConfigVersion.cmake" "$pkg/lib/cmake/kwindel/"
 cp "$src/src/kwindel.def" "$pkg/lib/kwindel-x64.def"
 cp "$src/include/kwindel.h" "$pkg/include/"
 cp "$src"/docs/*.md "$pkg/docs/"
@@ -67,14 +71,50 @@ if [ -n "${SIGN_CERT:-}${SIGN_KEY:-}" ]; then
   echo "dist: signed $(cd "$pkg/bin" && echo *) with $SIGN_CERT"
 fi
 
+# The symbol store, from the binaries as they ship: each PDB under its GUID and age, each binary
+# under its PE time stamp and SizeOfImage, all read from the binary's headers and CodeView record.
+for f in "$pkg"/bin/*; do
+  python3 - "$f" "$sym" "$store" <<'PY' || die "no CodeView record naming a PDB in $(basename "$f")"
+import os, shutil, struct, sys
+path, sym, store = sys.argv[1:]
+pe = open(path, "rb").read()
+nt = struct.unpack_from("<I", pe, 0x3C)[0]
+stamp, = struct.unpack_from("<I", pe, nt + 8)
+opt = nt + 24
+size_of_image, = struct.unpack_from("<I", pe, opt + 56)
+directories = opt + (112 if struct.unpack_from("<H", pe, opt)[0] == 0x20B else 96)  # PE32+ or PE32
+debug_rva, debug_size = struct.unpack_from("<II", pe, directories + 6 * 8)
+sections = [struct.unpack_from("<IIII", pe, opt + struct.unpack_from("<H", pe, nt + 20)[0] + 40 * i + 8)
+            for i in range(struct.unpack_from("<H", pe, nt + 6)[0])]
+def offset(rva):
+    return next(raw + rva - va for vsize, va, rsize, raw in sections if va <= rva < va + max(vsize, rsize))
+record = None
+for d in range(offset(debug_rva), offset(debug_rva) + debug_size, 28):
+    kind, size, rva = struct.unpack_from("<III", pe, d + 12)
+    if kind == 2 and pe[offset(rva):offset(rva) + 4] == b"RSDS":  # CodeView: GUID, age, PDB name
+        record = pe[offset(rva):offset(rva) + size]
+if record is None:
+    sys.exit(1)
+d1, d2, d3 = struct.unpack_from("<IHH", record, 4)
+age, = struct.unpack_from("<I", record, 20)
+pdb = record[24:].split(b"\0")[0].decode()
+key = "%08X%04X%04X%s%X" % (d1, d2, d3, record[12:20].hex().upper(), age)
+name = os.path.basename(path)
+for folder, file in ((os.path.join(store, pdb, key), os.path.join(sym, pdb)),
+                     (os.path.join(store, name, "%08X%x" % (stamp, size_of_image)), path)):
+    os.makedirs(folder)
+    shutil.copyfile(file, os.path.join(folder, os.path.basename(file)))
+PY
+done
+
 # SHA256SUMS lists every other file of the package, by its path inside the package.
-for d in "$pkg" "$sym"; do
+for d in "$pkg" "$sym" "$store"; do
   (cd "$d" && find . -type f -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum >"$stage/sums")
   mv "$stage/sums" "$d/SHA256SUMS"
 done
 
 mkdir -p "$out"
-for d in "$name" "$name-symbols"; do
+for d in "$name" "$name-symbols" "$name-symstore"; do
   python3 - "$stage" "$d" "$out/$d.zip" "$SOURCE_DATE_EPOCH" <<'PY'
 import os, sys, time, zipfile
 root, top, dest, epoch = sys.argv[1], sys.argv[2], sys.argv[3], int(sys.argv[4])
@@ -92,4 +132,4 @@ with zipfile.ZipFile(dest + ".tmp", "w") as z:
 os.replace(dest + ".tmp", dest)
 PY
 done
-echo "dist: $out/$name.zip and $out/$name-symbols.zip (version $version, times $(date -u -d "@$SOURCE_DATE_EPOCH" +%F\ %T) UTC)"
+echo "dist: $out/$name.zip, $out/$name-symbols.zip and $out/$name-symstore.zip (version $version, times $(date -u -d "@$SOURCE_DATE_EPOCH" +%F\ %T) UTC)"
