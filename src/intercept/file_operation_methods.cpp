@@ -282,19 +282,25 @@ uint32_t get_filepaths_from_comobject(IUnknown* items, std::vector<std::string>&
 }
 
 HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination) {
+  const LastError caller;
   DebugTrace("CopyItems_new", 1150, "[ZELTRAP:KWINDEL] CopyItems_new g_secretcopy_audit=%d",
              static_cast<int>(g_policy_block.g_secret_audit));
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  if (screen_items("CopyItems_new", self, false, kCopyItemsTraces, items, name.get()) == Outcome::kRefuse) return kRefused;
+  const Outcome outcome = screen_items("CopyItems_new", self, false, kCopyItemsTraces, items, name.get());
+  caller.put_back();
+  if (outcome == Outcome::kRefuse) return kRefused;
   return g_real_copy_items(self, items, destination);
 }
 
 HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination) {
+  const LastError caller;
   DebugTrace("MoveItems_new", 1325, "[ZELTRAP:KWINDEL] MoveItems_new");
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  switch (screen_items("MoveItems_new", self, true, kMoveTraces, items, name.get())) {
+  const Outcome outcome = screen_items("MoveItems_new", self, true, kMoveTraces, items, name.get());
+  caller.put_back();
+  switch (outcome) {
     case Outcome::kRefuse:
       return kRefused;
     case Outcome::kQueueAsCopy:
@@ -308,22 +314,26 @@ HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, I
 
 HRESULT STDMETHODCALLTYPE CopyItem_new(IFileOperation* self, IShellItem* item, IShellItem* destination,
                                        LPCWSTR new_name, IFileOperationProgressSink* sink) {
+  const LastError caller;
   DebugTrace("CopyItem_new", 1240, "[ZELTRAP:KWINDEL] CopyItem_new g_secretcopy_audit=%d",
              static_cast<int>(g_policy_block.g_secret_audit));
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  if (screen_item("CopyItem_new", self, false, kCopyItemTraces, item, name.get(), new_name) == Outcome::kRefuse) {
-    return kRefused;
-  }
+  const Outcome outcome = screen_item("CopyItem_new", self, false, kCopyItemTraces, item, name.get(), new_name);
+  caller.put_back();
+  if (outcome == Outcome::kRefuse) return kRefused;
   return g_real_copy_item(self, item, destination, new_name, sink);
 }
 
 HRESULT STDMETHODCALLTYPE MoveItem_new(IFileOperation* self, IShellItem* item, IShellItem* destination,
                                        LPCWSTR new_name, IFileOperationProgressSink* sink) {
+  const LastError caller;
   DebugTrace("MoveItem_new", 1335, "[ZELTRAP:KWINDEL] MoveItem_new");
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  switch (screen_item("MoveItem_new", self, true, kMoveTraces, item, name.get(), new_name)) {
+  const Outcome outcome = screen_item("MoveItem_new", self, true, kMoveTraces, item, name.get(), new_name);
+  caller.put_back();
+  switch (outcome) {
     case Outcome::kRefuse:
       return kRefused;
     case Outcome::kQueueAsCopy:
@@ -335,19 +345,22 @@ HRESULT STDMETHODCALLTYPE MoveItem_new(IFileOperation* self, IShellItem* item, I
 }
 
 HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self) {
+  const LastError caller;
   const bool refuse = at_boundary("PerformOperations_new", false, true, [&] { return take_refusal(self); });
+  if (!refuse) DebugTrace("PerformOperations_new", 1290, "[ZELTRAP:KWINDEL] PerformOperations_new");
+  caller.put_back();
   if (refuse) return kRefused;  // this operation's sources stay swapped until it runs or goes
-  DebugTrace("PerformOperations_new", 1290, "[ZELTRAP:KWINDEL] PerformOperations_new");
   const HRESULT result = g_real_perform_operations(self);
-  LastErrorKeeper keep;
+  const LastError real;
   // Also when the real method failed or was cancelled: a source still in its place gets its
   // original back, one the engine carried away leaves its encrypted form at the destination.
   at_boundary("PerformOperations_new", 0, 0, [&] { return finish_operation(self), 0; });
+  real.put_back();
   return result;
 }
 
 ULONG STDMETHODCALLTYPE Release_new(IFileOperation* self) {
-  LastErrorKeeper keep;
+  const LastError caller;
   at_boundary("Release_new", 0, 0, [&] {
     if (!operation_holds_swaps(self) && !refusal_armed(self)) return 0;
     // Only the last reference settles the operation: counted by taking and dropping one.
@@ -357,5 +370,6 @@ ULONG STDMETHODCALLTYPE Release_new(IFileOperation* self) {
     take_refusal(self);
     return 0;
   });
+  caller.put_back();
   return g_real_release(self);
 }
