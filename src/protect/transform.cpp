@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <locale>
 #include <memory>
 #include <new>
 
@@ -179,7 +178,6 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
       whole = written && FlushFileBuffers(output.get());
     }
   }
-  std::locale::global(std::locale::classic());
   if (in_place) {
     DeleteFileW(wide_source.c_str());
     whole = MoveFileW(wide_destination.c_str(), wide_source.c_str()) && whole;
