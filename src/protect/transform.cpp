@@ -179,8 +179,9 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
     }
   }
   if (in_place) {
-    DeleteFileW(wide_source.c_str());
-    whole = MoveFileW(wide_destination.c_str(), wide_source.c_str()) && whole;
+    // The source is replaced in one step, and only by a whole encrypted form.
+    whole = whole && MoveFileExW(wide_destination.c_str(), wide_source.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+    if (!whole) DeleteFileW(wide_destination.c_str());
   }
   return result;
 }
