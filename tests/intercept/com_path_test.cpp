@@ -158,8 +158,9 @@ TEST_F(ComPath, Scenarios) {
 
 // The source swap as scripts of steps on real files. Each step is a call of operation A or B (B's
 // calls on a second thread) or an act of the test, and names what every file holds afterwards:
-// E its encrypted form, O its original, - nothing; "/N": N parked originals recorded. A call's
-// sources are named secret with a password (s), forbidden (f) or not secret (n) by the agent.
+// E its encrypted form, O its original, - nothing; "/N": N parked originals recorded. The agent
+// names a call's files secret with a password (s), or the paths its request named (r: a source
+// read cut short would be a path the agent does not know), forbids them (f) or names none (n).
 // Files: names in the scratch folder; "%x": in the temporary folder; "long": a path of 300
 // characters; "vol": on another volume. Wine's methods copy and move nothing (E_NOTIMPL), so every
 // executed operation is one that failed.
@@ -187,7 +188,7 @@ const SwapRow kSwapRows[] = {
     {"one source queued twice by one operation", {L"twice.doc"},
      {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
     {"a source in the temporary folder", {L"%in-temp.doc"}, {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
-    {"a source path of 300 characters", {L"long"}, {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
+    {"a source path of 300 characters", {L"long"}, {{'A', 'c', "0", 'r', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
     {"a source on another volume", {L"vol"}, {{'A', 'c', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
     {"left-over .tmp names: a read-only file, a folder", {L"ro.doc", L"dir.doc"},
      {{'T', 's', "", 0, P, "OO/0"}, {'A', 'c', "01", 's', P, "EE/2"}, {'A', 'p', "", 0, P, "OO/0"}}},
@@ -264,7 +265,7 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
         if (step.call == '0') set_policy(kCopyAudit);
         if (step.call == 'q') {
           ResetEvent(queued.get()), ResetEvent(perform.get());
-          TestAgent agent(AgentScript{true, {secret_answer({narrow(paths[0])}, "pw", 1)}});
+          TestAgent agent(all_secret());
           ASSERT_TRUE(agent.ok());
           other_process.reset(start_process(child_path(), L"copy load wait \"" + dst + L"\" \"" + paths[0] + L"\"", nullptr));
           ASSERT_TRUE(other_process.ok());
@@ -285,7 +286,8 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
         std::vector<std::wstring> sources;
         std::vector<std::string> named;
         for (const char* i = step.files; *i != '\0'; ++i) sources.push_back(paths[*i - '0']), named.push_back(narrow(sources.back()));
-        TestAgent agent(AgentScript{true, {secret_answer(step.answer == 'n' ? std::vector<std::string>() : named, "pw", step.answer == 'f' ? 0 : 1)}});
+        TestAgent agent(step.answer == 'r' ? all_secret()
+                        : AgentScript{true, {secret_answer(step.answer == 'n' ? std::vector<std::string>() : named, "pw", step.answer == 'f' ? 0 : 1)}});
         ASSERT_TRUE(agent.ok());
         HRESULT result = S_OK;
         auto call = [&] {
