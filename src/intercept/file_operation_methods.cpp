@@ -117,22 +117,31 @@ void destination_name(IShellItem* destination, CoTaskMem<wchar_t>& name) {
   if (destination != nullptr) destination->GetDisplayName(SIGDN_FILESYSPATH, name.put());
 }
 
-// The part of a path after its last backslash.
-std::wstring leaf(const std::string& path) {
-  const std::wstring wide = utf8_to_wide(path);
-  return wide.substr(wide.rfind(L'\\') + 1);
+// Where a move to `destination` carries the secret file `secret`: the moved item (one of
+// `sources`) is `secret` itself or a folder holding it, and arrives under its own name or
+// `new_name`. "" when no source holds it.
+std::wstring arrival(const std::string& secret, const std::vector<std::string>& sources, const std::string& destination,
+                     const wchar_t* new_name) {
+  const std::wstring file = utf8_to_wide(secret);
+  for (const std::string& source : sources) {
+    const std::wstring item = utf8_to_wide(source);
+    const bool inside = file.size() > item.size() && file[item.size()] == L'\\' &&
+                        _wcsnicmp(file.c_str(), item.c_str(), item.size()) == 0;
+    if (!inside && _wcsicmp(file.c_str(), item.c_str()) != 0) continue;
+    const std::wstring name = new_name != nullptr ? std::wstring(new_name) : item.substr(item.rfind(L'\\') + 1);
+    return utf8_to_wide(destination) + L"\\" + name + file.substr(item.size());
+  }
+  return std::wstring();
 }
 
 // Swaps each secret source for its encrypted form for operation `op` (its original parked until
-// the operation has run). A move's source is expected at `destination` under its own name or
-// `new_name`. False when one cannot be swapped: this call's swaps are then undone and the call
-// must be refused.
-bool swap_sources(IFileOperation* op, const SecretAuditResult& result, bool move, const std::string& destination,
-                  const wchar_t* new_name) {
+// the operation has run); a move's source is expected where the move carries it. False when one
+// cannot be swapped: this call's swaps are then undone and the call must be refused.
+bool swap_sources(IFileOperation* op, const SecretAuditResult& result, bool move, const std::vector<std::string>& sources,
+                  const std::string& destination, const wchar_t* new_name) {
   std::vector<std::string> swapped;
   for (const std::string& source : result.secret_files) {
-    std::wstring moved_to;
-    if (move) moved_to = utf8_to_wide(destination) + L"\\" + (new_name != nullptr ? std::wstring(new_name) : leaf(source));
+    const std::wstring moved_to = move ? arrival(source, sources, destination, new_name) : std::wstring();
     const SwapOutcome outcome = swap_source(op, source, result.encrypted_pwd, moved_to);
     if (outcome == SwapOutcome::kSwapped || outcome == SwapOutcome::kHeld) swapped.push_back(source);
     if (outcome == SwapOutcome::kFailed) {
@@ -193,7 +202,7 @@ Outcome screen(const Queued& q) {
     return q.move ? Outcome::kQueueAsCopy : Outcome::kPassOn;
   }
   // A secret file with a password never reaches the destination in plaintext.
-  if (verdict == Verdict::kProtect && !swap_sources(q.op, result, q.move, destination, q.new_name)) return Outcome::kRefuse;
+  if (verdict == Verdict::kProtect && !swap_sources(q.op, result, q.move, q.sources, destination, q.new_name)) return Outcome::kRefuse;
   audit_copy(g_policy_block, q.move ? kCopyAuditMove : kCopyAuditCopy, destination, q.sources);
   return Outcome::kPassOn;
 }
