@@ -9,7 +9,7 @@
 
 #include "agent/copy_audit.h"
 #include "agent/secret_audit.h"
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/debug_trace.h"
 #include "host/owners.h"
 #include "host/policy_block.h"

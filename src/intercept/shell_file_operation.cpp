@@ -2,7 +2,7 @@
 
 #include "agent/copy_audit.h"
 #include "agent/secret_audit.h"
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/debug_trace.h"
 #include "host/policy_block.h"
 #include "intercept/copy_screening.h"

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/debug_trace.h"
 #include "host/owners.h"
 #include "protect/long_path.h"

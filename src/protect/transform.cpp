@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/owners.h"
 #include "protect/block_cipher.h"
 #include "protect/key_mask.h"

@@ -1,6 +1,6 @@
 #include <winsock2.h>  // before windows.h, which hook_setup.h includes
 
-#include "host/hook_setup.h"
+#include "setup/hook_setup.h"
 
 #include <windows.h>
 #include <objbase.h>
