@@ -33,5 +33,5 @@ split=$(for i in 1 2 3 4 5; do kwbench default setup; done)
 col() { echo "$split" | awk -v k="$1" '{ for (i = 1; i < NF; i++) if ($i == k) print $(i + 1) }' | median_of; }
 printf '  set-up split (6.1, median of 5 fresh processes): COM start-up %s ms, file-operation object %s ms,\n' \
   "$(col com_ms)" "$(col object_ms)"
-printf '    patching three methods %s ms, Winsock %s ms; the DLL entry after them (its own work) %s ms\n' \
+printf '    patching the methods %s ms, Winsock %s ms; the DLL entry after them (its own work) %s ms\n' \
   "$(col patch_ms)" "$(col winsock_ms)" "$(col entry_after_ms)"

@@ -32,7 +32,7 @@
 #include "agent/agent_channel.h"
 #include "agent/agent_frame.h"
 #include "agent/copy_audit.h"
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "hookengine/inline_hook.h"
 #include "host/owners.h"
 #include "kwindel.h"

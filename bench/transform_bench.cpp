@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/owners.h"
 #include "protect/block_cipher.h"
 #include "protect/md5.h"

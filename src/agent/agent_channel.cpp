@@ -1,6 +1,7 @@
 #include "agent/agent_channel.h"
 
 #include <cstring>
+#include <utility>
 
 namespace agent {
 
@@ -23,7 +24,13 @@ DatagramAddress agent_address(uint16_t port) {
   return result;
 }
 
-AgentChannel::AgentChannel() : socket_(socket(AF_INET, SOCK_DGRAM, 0)), destination_(agent_address()) {}
+AgentChannel::AgentChannel() : destination_(agent_address()) {
+  // Bound before the first send, so that the system never binds it to every address: only
+  // datagrams sent to 127.0.0.1 can reach it.
+  OwnedSocket s(socket(AF_INET, SOCK_DGRAM, 0));
+  const DatagramAddress local = agent_address(0);
+  if (s.ok() && bind(s.get(), reinterpret_cast<const sockaddr*>(local.bytes), local.length) == 0) socket_ = std::move(s);
+}
 
 void AgentChannel::SetReceiveTimeout(DWORD milliseconds) {
   setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&milliseconds),
@@ -38,7 +45,7 @@ int AgentChannel::ReceiveFrom(char* buffer, int capacity, DatagramAddress* from)
   int length = sizeof from->bytes;
   const int count =
       recvfrom(socket_.get(), buffer, capacity, 0, reinterpret_cast<sockaddr*>(from->bytes), &length);
-  from->length = count > 0 ? length : 0;
+  from->length = count >= 0 ? length : 0;  // an empty datagram has a sender too
   return count;
 }
 

@@ -1,5 +1,6 @@
-// The socket transport to the local agent: one IPv4 UDP socket per message, sending to
-// 127.0.0.1 port 7886, plus the Winsock start-up pair that some message kinds make themselves.
+// The socket transport to the local agent: one IPv4 UDP socket per message, bound to 127.0.0.1
+// and sending to 127.0.0.1 port 7886, plus the Winsock start-up pair that some message kinds make
+// themselves.
 #pragma once
 #include <winsock2.h>
 #include <windows.h>
@@ -25,7 +26,8 @@ class WinsockSession {
 // The agent's address: AF_INET, htons(port), inet_addr("127.0.0.1"), length 16.
 DatagramAddress agent_address(uint16_t port = kAgentPort);
 
-// One message's socket (socket(AF_INET, SOCK_DGRAM, 0)), closed at the end of the scope.
+// One message's socket (socket(AF_INET, SOCK_DGRAM, 0)) bound to 127.0.0.1, port 0, before
+// anything is sent; not ok() when either step fails. Closed at the end of the scope.
 class AgentChannel : public DatagramIo {
  public:
   AgentChannel();

@@ -11,6 +11,27 @@ const char kSecretAuditResponseTag[] = "<FILECOPY_SECRETAUDIT_RESPONSE>";
 const char kCopyAuditTag[] = "<FILECOPYAUDIT_DATA>";
 const char kOperationResultTag[] = "<FILECOPY_OPERATION_RESULT>";
 
+namespace {
+
+// Only the local agent may answer: an IPv4 sender in 127.0.0.0/8. The bytes are a sockaddr_in:
+// the family (2, little-endian) at 0, the address in network order from 4.
+bool from_loopback(const DatagramAddress& from) {
+  return from.length >= 8 && from.bytes[0] == 2 && from.bytes[1] == 0 && from.bytes[4] == 127;
+}
+
+// Receives the next datagram from loopback into the zero-filled `buffer`; a datagram from
+// anywhere else (even an empty one) is dropped and the wait goes on, with the buffer zeroed again.
+int receive_from_loopback(DatagramIo& io, char* buffer, int capacity, DatagramAddress* from) {
+  for (;;) {
+    *from = DatagramAddress();
+    const int count = io.ReceiveFrom(buffer, capacity, from);
+    if (count < 0 || from_loopback(*from)) return count;
+    std::memset(buffer, 0, static_cast<size_t>(capacity));
+  }
+}
+
+}  // namespace
+
 bool AgentFrame::Allocate(size_t size) {
   Reset();
   if (size == 0) return true;
@@ -53,7 +74,7 @@ SendStatus SendFrame(DatagramIo& io, const DatagramAddress& destination, const A
     if (offset < frame.size()) {
       char ack[kAckSize] = {};  // content ignored
       DatagramAddress from;
-      if (io.ReceiveFrom(ack, kAckSize, &from) <= 0) return SendStatus::kAckMissing;
+      if (receive_from_loopback(io, ack, kAckSize, &from) <= 0) return SendStatus::kAckMissing;
     }
   }
   return SendStatus::kSent;
@@ -72,7 +93,7 @@ ReceiveOutcome ReceiveFrame(DatagramIo& io, const char* expected_tag, AgentFrame
   std::unique_ptr<char[]> buffer(new (std::nothrow) char[kChunkSize]());
   if (!buffer) return ReceiveOutcome::kNoFrame;
   DatagramAddress sender;
-  const int received = io.ReceiveFrom(buffer.get(), kChunkSize, &sender);
+  const int received = receive_from_loopback(io, buffer.get(), kChunkSize, &sender);
   if (received <= 0) return ReceiveOutcome::kNoFrame;
   const size_t first = received > kChunkSize ? kChunkSize : static_cast<size_t>(received);
 
@@ -101,8 +122,8 @@ ReceiveOutcome ReceiveFrame(DatagramIo& io, const char* expected_tag, AgentFrame
       return ReceiveOutcome::kFailed;
     }
     std::memset(buffer.get(), 0, kChunkSize);
-    DatagramAddress from;  // accepted from anyone, like the acknowledgements of a send
-    const int count = io.ReceiveFrom(buffer.get(), kChunkSize, &from);
+    DatagramAddress from;  // any loopback sender, like the acknowledgements of a send
+    const int count = receive_from_loopback(io, buffer.get(), kChunkSize, &from);
     if (count <= 0) {
       frame->Reset();
       return ReceiveOutcome::kFailed;

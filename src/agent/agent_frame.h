@@ -23,7 +23,8 @@ extern const char kSecretAuditResponseTag[];  // "<FILECOPY_SECRETAUDIT_RESPONSE
 extern const char kCopyAuditTag[];            // "<FILECOPYAUDIT_DATA>"
 extern const char kOperationResultTag[];      // "<FILECOPY_OPERATION_RESULT>"
 
-// An opaque datagram address (a sockaddr_in for the socket transport).
+// A datagram address laid out as a sockaddr_in (family, port, IPv4 address); the exchange reads
+// only whether it is a loopback sender.
 struct DatagramAddress {
   unsigned char bytes[16] = {};
   int32_t length = 0;
@@ -35,7 +36,8 @@ class DatagramIo {
  public:
   virtual ~DatagramIo() = default;
   virtual int SendTo(const char* data, int size, const DatagramAddress& to) = 0;
-  // Receives one datagram of at most `capacity` bytes; `from` gets the sender's address.
+  // Receives one datagram of at most `capacity` bytes; `from` gets the sender's address (also for
+  // an empty datagram, whose result is 0).
   virtual int ReceiveFrom(char* buffer, int capacity, DatagramAddress* from) = 0;
 };
 
@@ -72,8 +74,9 @@ enum class SendStatus {
 };
 
 // Sends `frame` to `destination` in chunks of at most 8192 bytes, in place, receiving one
-// acknowledgement of up to 128 bytes (from anyone) after every chunk but the last. An empty
-// frame counts as a failed send.
+// acknowledgement of up to 128 bytes (from any loopback sender) after every chunk but the last.
+// In every receive of the exchange, a datagram from outside 127.0.0.0/8 is dropped unread and
+// the wait goes on. An empty frame counts as a failed send.
 SendStatus SendFrame(DatagramIo& io, const DatagramAddress& destination, const AgentFrame& frame);
 // Builds the frame for `tag` and `xml_text`, then sends it as above; a frame that cannot be
 // built counts as a failed send.
@@ -90,9 +93,10 @@ enum class ReceiveOutcome {
                  // returned 0 or less; `frame` is emptied
 };
 
-// Receives one frame tagged `expected_tag`: the first datagram decides the outcome; a longer
-// frame is reassembled from the following datagrams, each preceded by an all-zero 128-byte
-// acknowledgement to the first datagram's sender. Bytes beyond the announced length are dropped.
+// Receives one frame tagged `expected_tag`: the first datagram from loopback decides the outcome;
+// a longer frame is reassembled from the following loopback datagrams, each preceded by an
+// all-zero 128-byte acknowledgement to the first datagram's sender. Bytes beyond the announced
+// length are dropped.
 ReceiveOutcome ReceiveFrame(DatagramIo& io, const char* expected_tag, AgentFrame* frame);
 
 }  // namespace agent

@@ -4,6 +4,7 @@
 
 #include "agent/agent_channel.h"
 #include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/policy_block.h"
 
 namespace {

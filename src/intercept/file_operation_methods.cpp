@@ -9,7 +9,7 @@
 
 #include "agent/copy_audit.h"
 #include "agent/secret_audit.h"
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/debug_trace.h"
 #include "host/owners.h"
 #include "host/policy_block.h"
@@ -117,22 +117,31 @@ void destination_name(IShellItem* destination, CoTaskMem<wchar_t>& name) {
   if (destination != nullptr) destination->GetDisplayName(SIGDN_FILESYSPATH, name.put());
 }
 
-// The part of a path after its last backslash.
-std::wstring leaf(const std::string& path) {
-  const std::wstring wide = utf8_to_wide(path);
-  return wide.substr(wide.rfind(L'\\') + 1);
+// Where a move to `destination` carries the secret file `secret`: the moved item (one of
+// `sources`) is `secret` itself or a folder holding it, and arrives under its own name or
+// `new_name`. "" when no source holds it.
+std::wstring arrival(const std::string& secret, const std::vector<std::string>& sources, const std::string& destination,
+                     const wchar_t* new_name) {
+  const std::wstring file = utf8_to_wide(secret);
+  for (const std::string& source : sources) {
+    const std::wstring item = utf8_to_wide(source);
+    const bool inside = file.size() > item.size() && file[item.size()] == L'\\' &&
+                        _wcsnicmp(file.c_str(), item.c_str(), item.size()) == 0;
+    if (!inside && _wcsicmp(file.c_str(), item.c_str()) != 0) continue;
+    const std::wstring name = new_name != nullptr ? std::wstring(new_name) : item.substr(item.rfind(L'\\') + 1);
+    return utf8_to_wide(destination) + L"\\" + name + file.substr(item.size());
+  }
+  return std::wstring();
 }
 
 // Swaps each secret source for its encrypted form for operation `op` (its original parked until
-// the operation has run). A move's source is expected at `destination` under its own name or
-// `new_name`. False when one cannot be swapped: this call's swaps are then undone and the call
-// must be refused.
-bool swap_sources(IFileOperation* op, const SecretAuditResult& result, bool move, const std::string& destination,
-                  const wchar_t* new_name) {
+// the operation has run); a move's source is expected where the move carries it. False when one
+// cannot be swapped: this call's swaps are then undone and the call must be refused.
+bool swap_sources(IFileOperation* op, const SecretAuditResult& result, bool move, const std::vector<std::string>& sources,
+                  const std::string& destination, const wchar_t* new_name) {
   std::vector<std::string> swapped;
   for (const std::string& source : result.secret_files) {
-    std::wstring moved_to;
-    if (move) moved_to = utf8_to_wide(destination) + L"\\" + (new_name != nullptr ? std::wstring(new_name) : leaf(source));
+    const std::wstring moved_to = move ? arrival(source, sources, destination, new_name) : std::wstring();
     const SwapOutcome outcome = swap_source(op, source, result.encrypted_pwd, moved_to);
     if (outcome == SwapOutcome::kSwapped || outcome == SwapOutcome::kHeld) swapped.push_back(source);
     if (outcome == SwapOutcome::kFailed) {
@@ -193,7 +202,7 @@ Outcome screen(const Queued& q) {
     return q.move ? Outcome::kQueueAsCopy : Outcome::kPassOn;
   }
   // A secret file with a password never reaches the destination in plaintext.
-  if (verdict == Verdict::kProtect && !swap_sources(q.op, result, q.move, destination, q.new_name)) return Outcome::kRefuse;
+  if (verdict == Verdict::kProtect && !swap_sources(q.op, result, q.move, q.sources, destination, q.new_name)) return Outcome::kRefuse;
   audit_copy(g_policy_block, q.move ? kCopyAuditMove : kCopyAuditCopy, destination, q.sources);
   return Outcome::kPassOn;
 }
@@ -282,19 +291,25 @@ uint32_t get_filepaths_from_comobject(IUnknown* items, std::vector<std::string>&
 }
 
 HRESULT STDMETHODCALLTYPE CopyItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination) {
+  const LastError caller;
   DebugTrace("CopyItems_new", 1150, "[ZELTRAP:KWINDEL] CopyItems_new g_secretcopy_audit=%d",
              static_cast<int>(g_policy_block.g_secret_audit));
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  if (screen_items("CopyItems_new", self, false, kCopyItemsTraces, items, name.get()) == Outcome::kRefuse) return kRefused;
+  const Outcome outcome = screen_items("CopyItems_new", self, false, kCopyItemsTraces, items, name.get());
+  caller.put_back();
+  if (outcome == Outcome::kRefuse) return kRefused;
   return g_real_copy_items(self, items, destination);
 }
 
 HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, IShellItem* destination) {
+  const LastError caller;
   DebugTrace("MoveItems_new", 1325, "[ZELTRAP:KWINDEL] MoveItems_new");
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  switch (screen_items("MoveItems_new", self, true, kMoveTraces, items, name.get())) {
+  const Outcome outcome = screen_items("MoveItems_new", self, true, kMoveTraces, items, name.get());
+  caller.put_back();
+  switch (outcome) {
     case Outcome::kRefuse:
       return kRefused;
     case Outcome::kQueueAsCopy:
@@ -308,22 +323,26 @@ HRESULT STDMETHODCALLTYPE MoveItems_new(IFileOperation* self, IUnknown* items, I
 
 HRESULT STDMETHODCALLTYPE CopyItem_new(IFileOperation* self, IShellItem* item, IShellItem* destination,
                                        LPCWSTR new_name, IFileOperationProgressSink* sink) {
+  const LastError caller;
   DebugTrace("CopyItem_new", 1240, "[ZELTRAP:KWINDEL] CopyItem_new g_secretcopy_audit=%d",
              static_cast<int>(g_policy_block.g_secret_audit));
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  if (screen_item("CopyItem_new", self, false, kCopyItemTraces, item, name.get(), new_name) == Outcome::kRefuse) {
-    return kRefused;
-  }
+  const Outcome outcome = screen_item("CopyItem_new", self, false, kCopyItemTraces, item, name.get(), new_name);
+  caller.put_back();
+  if (outcome == Outcome::kRefuse) return kRefused;
   return g_real_copy_item(self, item, destination, new_name, sink);
 }
 
 HRESULT STDMETHODCALLTYPE MoveItem_new(IFileOperation* self, IShellItem* item, IShellItem* destination,
                                        LPCWSTR new_name, IFileOperationProgressSink* sink) {
+  const LastError caller;
   DebugTrace("MoveItem_new", 1335, "[ZELTRAP:KWINDEL] MoveItem_new");
   CoTaskMem<wchar_t> name;
   destination_name(destination, name);
-  switch (screen_item("MoveItem_new", self, true, kMoveTraces, item, name.get(), new_name)) {
+  const Outcome outcome = screen_item("MoveItem_new", self, true, kMoveTraces, item, name.get(), new_name);
+  caller.put_back();
+  switch (outcome) {
     case Outcome::kRefuse:
       return kRefused;
     case Outcome::kQueueAsCopy:
@@ -335,19 +354,22 @@ HRESULT STDMETHODCALLTYPE MoveItem_new(IFileOperation* self, IShellItem* item, I
 }
 
 HRESULT STDMETHODCALLTYPE PerformOperations_new(IFileOperation* self) {
+  const LastError caller;
   const bool refuse = at_boundary("PerformOperations_new", false, true, [&] { return take_refusal(self); });
+  if (!refuse) DebugTrace("PerformOperations_new", 1290, "[ZELTRAP:KWINDEL] PerformOperations_new");
+  caller.put_back();
   if (refuse) return kRefused;  // this operation's sources stay swapped until it runs or goes
-  DebugTrace("PerformOperations_new", 1290, "[ZELTRAP:KWINDEL] PerformOperations_new");
   const HRESULT result = g_real_perform_operations(self);
-  LastErrorKeeper keep;
+  const LastError real;
   // Also when the real method failed or was cancelled: a source still in its place gets its
   // original back, one the engine carried away leaves its encrypted form at the destination.
   at_boundary("PerformOperations_new", 0, 0, [&] { return finish_operation(self), 0; });
+  real.put_back();
   return result;
 }
 
 ULONG STDMETHODCALLTYPE Release_new(IFileOperation* self) {
-  LastErrorKeeper keep;
+  const LastError caller;
   at_boundary("Release_new", 0, 0, [&] {
     if (!operation_holds_swaps(self) && !refusal_armed(self)) return 0;
     // Only the last reference settles the operation: counted by taking and dropping one.
@@ -357,5 +379,6 @@ ULONG STDMETHODCALLTYPE Release_new(IFileOperation* self) {
     take_refusal(self);
     return 0;
   });
+  caller.put_back();
   return g_real_release(self);
 }

@@ -15,8 +15,9 @@ decltype(&MoveFileWithProgressW) g_MoveFileWithProgressW = nullptr;
 namespace {
 
 void protect_copy(const char* replacement, LPCWSTR existing, LPCWSTR new_name, bool moved) {
-  LastErrorKeeper keep;
+  const LastError real;
   at_boundary(replacement, 0, 0, [&] { return TakeAndTransform(existing, new_name, moved), 0; });
+  real.put_back();
 }
 
 }  // namespace
@@ -36,7 +37,9 @@ BOOL WINAPI Hook_CopyFileExW(LPCWSTR existing, LPCWSTR new_name, LPPROGRESS_ROUT
 
 BOOL WINAPI Hook_MoveFileWithProgressW(LPCWSTR existing, LPCWSTR new_name, LPPROGRESS_ROUTINE progress,
                                        LPVOID data, DWORD flags) {
+  const LastError caller;
   DebugTrace("Hook_MoveFileWithProgressW", 963, "MoveFileWithProgressW");
+  caller.put_back();
   const BOOL result = g_MoveFileWithProgressW(existing, new_name, progress, data, flags);
   // A null new name schedules a deletion at restart: there is no moved file to encrypt.
   if (result && new_name != nullptr) protect_copy("Hook_MoveFileWithProgressW", existing, new_name, true);

@@ -24,14 +24,14 @@ Outcome at_boundary(const char* replacement, Outcome pass_on, Outcome refuse, Wo
   }
 }
 
-// Keeps the thread's last-error value across the library's own work after a real call.
-class LastErrorKeeper {
+// The thread's last-error value when made; put_back() sets it again. A replacement puts the
+// caller's value back before it calls the real function or refuses, and the real function's value
+// back after its own work that follows the call: the host sees the value it would see unhooked.
+class LastError {
  public:
-  LastErrorKeeper() : error_(GetLastError()) {}
-  ~LastErrorKeeper() { SetLastError(error_); }
-  LastErrorKeeper(const LastErrorKeeper&) = delete;
-  LastErrorKeeper& operator=(const LastErrorKeeper&) = delete;
+  LastError() : value_(GetLastError()) {}
+  void put_back() const { SetLastError(value_); }
 
  private:
-  DWORD error_;
+  DWORD value_;
 };

@@ -2,7 +2,7 @@
 
 #include "agent/copy_audit.h"
 #include "agent/secret_audit.h"
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/debug_trace.h"
 #include "host/policy_block.h"
 #include "intercept/copy_screening.h"
@@ -82,17 +82,23 @@ void protect_moved_sources(LPSHFILEOPSTRUCTW op, const std::vector<std::string>&
 }  // namespace
 
 int WINAPI Hook_SHFileOperationW(LPSHFILEOPSTRUCTW op) {
+  const LastError caller;
   DebugTrace("Hook_SHFileOperationW", 826, "SHFileOperationW");
-  if (g_policy_block.g_secret_audit == 0 && g_policy_block.g_copy_audit == 0) return g_SHFileOperationW(op);
-  if (op == nullptr || (op->wFunc != FO_COPY && op->wFunc != FO_MOVE)) return g_SHFileOperationW(op);
-  if (op->pFrom == nullptr || op->pTo == nullptr) return g_SHFileOperationW(op);
-
+  const bool screened = g_policy_block.g_secret_audit != 0 || g_policy_block.g_copy_audit != 0;
+  if (!screened || op == nullptr || (op->wFunc != FO_COPY && op->wFunc != FO_MOVE) || op->pFrom == nullptr ||
+      op->pTo == nullptr) {
+    caller.put_back();
+    return g_SHFileOperationW(op);
+  }
   std::vector<std::string> registered;
-  if (!at_boundary("Hook_SHFileOperationW", true, false, [&] { return screen(op, &registered); })) return kRefused;
+  const bool let_through = at_boundary("Hook_SHFileOperationW", true, false, [&] { return screen(op, &registered); });
+  caller.put_back();
+  if (!let_through) return kRefused;
   const int result = g_SHFileOperationW(op);
   if (op->wFunc == FO_MOVE && !registered.empty()) {
-    LastErrorKeeper keep;
+    const LastError real;
     at_boundary("Hook_SHFileOperationW", 0, 0, [&] { return protect_moved_sources(op, registered), 0; });
+    real.put_back();
   }
   return result;
 }

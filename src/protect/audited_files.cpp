@@ -4,7 +4,7 @@
 
 #include <boost/filesystem.hpp>
 
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "protect/folder_walk.h"
 
 namespace {

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/debug_trace.h"
 #include "host/owners.h"
 #include "protect/long_path.h"
@@ -333,7 +334,9 @@ void restore_from_other_process(const std::string& source) {
 void release_hold(Hold& hold) {
   SourceLock lock(hold.source, kSourceLockWaitMs);
   hold.event.reset();
-  if (held_anywhere(hold.source)) return;  // another operation still copies from it
+  // Another operation still copies from it; or the source's lock could not be had (a later
+  // finish puts this process's own entry back).
+  if (!lock.owns() || held_anywhere(hold.source)) return;
   const auto entry = SwappedSourceFiles.find(hold.source);
   if (entry != SwappedSourceFiles.end()) {
     restore_entry(entry, kRestoreRetries);
@@ -446,16 +449,18 @@ std::wstring parking_root() {
 SwapOutcome swap_source(OperationKey op, const std::string& source, const std::string& password,
                         const std::wstring& moved_to) {
   protect::TableLock lock;  // held through the transformation: one swap of a source at a time
-  std::vector<Hold>& holds = g_holds[op];
-  for (const Hold& hold : holds) {
-    if (hold.source == source) return SwapOutcome::kSkipped;
+  const auto held = g_holds.find(op);
+  if (held != g_holds.end()) {
+    for (const Hold& hold : held->second) {
+      if (hold.source == source) return SwapOutcome::kSkipped;
+    }
   }
   SourceLock source_lock(source, kSourceLockWaitMs);
   if (!source_lock.owns()) return SwapOutcome::kFailed;
   Hold hold{source, OwnedHandle(CreateEventW(nullptr, TRUE, FALSE, source_object_name(L"hold", source).c_str()))};
   if (!hold.event.ok()) return SwapOutcome::kFailed;
   if (SwappedSourceFiles.count(source) != 0) {
-    holds.push_back(std::move(hold));
+    g_holds[op].push_back(std::move(hold));
     return SwapOutcome::kHeld;
   }
   const std::wstring wide_source = long_path(utf8_to_wide(source));
@@ -466,7 +471,7 @@ SwapOutcome swap_source(OperationKey op, const std::string& source, const std::s
   }
   if ((attributes & FILE_ATTRIBUTE_DIRECTORY) || inside_parking_root(wide_source)) return SwapOutcome::kFailed;
   if (is_encrypted_form(wide_source)) {  // swapped by another process: its last holder restores it
-    holds.push_back(std::move(hold));
+    g_holds[op].push_back(std::move(hold));
     return SwapOutcome::kHeld;
   }
   const std::wstring& folder = process_folder();
@@ -489,7 +494,7 @@ SwapOutcome swap_source(OperationKey op, const std::string& source, const std::s
   }
   if (MoveFileExW(encrypted.c_str(), wide_source.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
     SwappedSourceFiles.emplace(source, Swapped{index, digest, moved_to});
-    holds.push_back(std::move(hold));
+    g_holds[op].push_back(std::move(hold));
     return SwapOutcome::kSwapped;
   }
   DeleteFileW(encrypted.c_str());

@@ -4,7 +4,7 @@
 #include <list>
 #include <string>
 
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "protect/parked_originals.h"
 #include "protect/table_lock.h"
 

@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <locale>
 #include <memory>
 #include <new>
 
-#include "host/caller_context.h"
+#include "host/utf_conversion.h"
 #include "host/owners.h"
 #include "protect/block_cipher.h"
 #include "protect/key_mask.h"
@@ -179,10 +178,10 @@ bool TransformFile(const char* source, const char* destination, const uint8_t pa
       whole = written && FlushFileBuffers(output.get());
     }
   }
-  std::locale::global(std::locale::classic());
   if (in_place) {
-    DeleteFileW(wide_source.c_str());
-    whole = MoveFileW(wide_destination.c_str(), wide_source.c_str()) && whole;
+    // The source is replaced in one step, and only by a whole encrypted form.
+    whole = whole && MoveFileExW(wide_destination.c_str(), wide_source.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+    if (!whole) DeleteFileW(wide_destination.c_str());
   }
   return result;
 }

@@ -24,10 +24,11 @@ std::string FileDigestHex(const std::wstring& path);
 
 // Writes the encrypted form of `source` (UTF-8 path) to `destination` (UTF-8) under the
 // password buffer. When both name the same file exactly, works through destination + ".tmp"
-// and then replaces the source with it. The destination is created (empty) even when the
+// and then replaces the source with it in one step, only when that was written whole (otherwise
+// the source stays as it was and the ".tmp" goes). The destination is created (empty) even when the
 // source cannot be opened. True when the source could be opened. encrypt = false deciphers
-// the blocks instead (still writing a fresh header); no caller uses it. Leaves the process's
-// global C++ locale as "C". `complete`, when given, is set true only when the output holds the
+// the blocks instead (still writing a fresh header); no caller uses it. Leaves the host's C and
+// C++ locales as they were. `complete`, when given, is set true only when the output holds the
 // whole encrypted form: every byte read and written and flushed (and, in place, moved over the
 // source); callers that replace a file check it, never the result alone.
 bool TransformFile(const char* source, const char* destination, const uint8_t password_buffer[32], bool encrypt,

@@ -36,12 +36,18 @@ std::string describe(bool verdict, const SecretAuditResult& r) {
   return s + " pwd=" + r.encrypted_pwd + " action=" + std::to_string(r.action);
 }
 
-// Datagrams from memory: each receive takes the next scripted datagram and its sender's port (an
-// empty one reads as a failed receive, 0); an empty script reads as a receive error (-1). Sends are
-// logged as "size@port " ("z" after the size: all zero bytes) and fail from the (fail_from + 1)-th on.
-using In = std::pair<std::string, uint16_t>;
-In dgram(const std::string& bytes, uint16_t port = 5000) { return {bytes, port}; }
+// Datagrams from memory: each receive takes the next scripted datagram and its sender (an IPv4
+// address, 127.0.0.1 unless given, and a port; an empty one reads as a failed receive, 0); an empty
+// script reads as a receive error (-1). Sends are logged as "size@port " ("z" after the size: all
+// zero bytes) and fail from the (fail_from + 1)-th on.
+struct In {
+  std::string bytes;
+  uint16_t port;
+  uint32_t ip = 0x7f000001;
+};
+In dgram(const std::string& bytes, uint16_t port = 5000, uint32_t ip = 0x7f000001) { return {bytes, port, ip}; }
 const In kFails = {"", 0};
+const uint32_t kForeign = 0x0a000005;  // 10.0.0.5: another machine
 
 struct MemoryIo : agent::DatagramIo {
   MemoryIo(const std::vector<In>& script, int fail_from) : in(script.begin(), script.end()), fail_from(fail_from) {}
@@ -56,9 +62,13 @@ struct MemoryIo : agent::DatagramIo {
     if (in.empty()) return -1;
     const In next = in.front();
     in.pop_front();
-    const int n = std::min(static_cast<int>(next.first.size()), capacity);
-    std::memcpy(buffer, next.first.data(), n);
-    from->bytes[2] = static_cast<unsigned char>(next.second >> 8), from->bytes[3] = static_cast<unsigned char>(next.second);
+    const int n = std::min(static_cast<int>(next.bytes.size()), capacity);
+    std::memcpy(buffer, next.bytes.data(), n);
+    const unsigned char address[8] = {2, 0, static_cast<unsigned char>(next.port >> 8), static_cast<unsigned char>(next.port),
+                                      static_cast<unsigned char>(next.ip >> 24), static_cast<unsigned char>(next.ip >> 16),
+                                      static_cast<unsigned char>(next.ip >> 8), static_cast<unsigned char>(next.ip)};
+    std::memcpy(from->bytes, address, sizeof address);  // a sockaddr_in
+    from->length = 16;
     return n;
   }
   std::deque<In> in;
@@ -114,15 +124,19 @@ TEST(AgentChannel, SendingReceivingAndVerdicts) {
   const auto answer = [](const std::string& xml) { return std::vector<In>{dgram(response(xml))}; };
   const std::string refused = "true pwd= action=0";
   const Row rows[] = {
-      // Chunks of 8192 bytes; an acknowledgement (any bytes, from anyone) after every chunk but the last.
+      // Chunks of 8192 bytes; an acknowledgement (any bytes, from any loopback sender: another machine
+      // is not heard) after every chunk but the last.
       {"one chunk", kSend, {}, "sent", "8192@7886 ", 0, 8155},
       {"the NUL alone", kSend, {dgram(kAck)}, "sent", "8192@7886 1z@7886 ", 1, 8156},
-      {"three chunks", kSend, {dgram(kAck, 1111), dgram("zzzzz", 2222)}, "sent", "8192@7886 8192@7886 37@7886 ", 2, 16384},
+      {"three chunks", kSend, {dgram(kAck, 1111), dgram("zzzzz", 2222, 0x7f010203)}, "sent", "8192@7886 8192@7886 37@7886 ", 2, 16384},
+      {"a foreign ack", kSend, {dgram(kAck, 1111, kForeign), dgram(kAck)}, "sent", "8192@7886 1z@7886 ", 2, 8156},
       {"failed send", kSend, {}, "send failed", "8192@7886 ", 0, 9000, 0},
       {"missing ack", kSend, {kFails}, "ack missing", "8192@7886 ", 1, 9000},
       // Reassembly: each further chunk preceded by a 128-byte zero acknowledgement to the first sender.
       {"three ports", kReceive, {dgram(big.substr(0, 8192), 41), dgram(big.substr(8192, 8192), 42), dgram(big.substr(16384), 43)},
        "frame " + big, "128z@41 128z@41 ", 3},
+      {"a foreign chunk", kReceive, {dgram(nine.substr(0, 8192)), dgram(std::string(808, 'F'), 41, kForeign),
+       dgram(nine.substr(8192))}, "frame " + nine, "128z@5000 ", 3},
       {"more than announced", kReceive, {dgram(wire.substr(0, 8192)), dgram(wire.substr(8192) + std::string(8000, 'E')),
        dgram(std::string(8192, 'E'))}, "frame " + wire, "128z@5000 ", 2},
       {"one datagram, more than announced", kReceive, first(response("<a/>") + "EEEE"), "frame " + response("<a/>"), "", 1},
@@ -150,6 +164,8 @@ TEST(AgentChannel, SendingReceivingAndVerdicts) {
       {"empty answer", kExchange, {dgram(header(2) + "<SecretCheckResult><SecretFile path=\"x\"/>")}, "false pwd= action=0", "47@7886 ", 1},
       {"wrong tag", kExchange, {dgram(TestAgent::frame(agent::kCopyAuditTag, "<SecretCheckResult/>"))}, refused, "47@7886 ", 1},
       {"nothing received", kExchange, {}, refused, "47@7886 ", 1},
+      {"foreign answers", kExchange, {dgram("", 6000, kForeign), dgram(none, 5000, kForeign), dgram(response("<SecretCheckResult "
+       "action=\"1\"><SecretFile path=\"C:\\s\"/></SecretCheckResult>"))}, "true S:C:\\s pwd= action=1", "47@7886 ", 3},
       {"failed reassembly", kExchange, {dgram(nine.substr(0, 8192)), kFails}, refused, "47@7886 128z@5000 ", 2},
       {"send fails: no wait", kExchange, {dgram(none)}, refused, "47@7886 ", 0, 10, 0},
       {"missing ack ends only the sending", kExchange, {kFails, dgram(none)}, "false pwd= action=0", "8192@7886 ", 2, 9000},
@@ -201,7 +217,9 @@ TEST(OverThePort, GatesRequestRecordAndReport) {
 }
 
 // A record waits 1000 ms for an acknowledgement, then gives up with 0 (a one-datagram record
-// awaits none); a request has no time-out: still waiting after that, it takes a late answer.
+// awaits none); a request has no time-out: still waiting after that, it takes a late answer. Its
+// socket is bound to 127.0.0.1: an answer sent before to its port at another address of the
+// machine (127.0.0.2 stands for one) never reaches it.
 TEST(OverThePort, TimeOutsAndASilentAgent) {
   kwtest::AgentScript script;
   script.acknowledge = false;
@@ -213,6 +231,12 @@ TEST(OverThePort, TimeOutsAndASilentAgent) {
   bool verdict = false;
   std::thread caller([&] { verdict = RequestSecretAudit({"C:\\a.txt"}, {"E:\\"}, r), done = true; });
   const bool asked = agent.wait_for_frames(1, 5000);
+  const OwnedSocket stranger(socket(AF_INET, SOCK_DGRAM, 0));
+  sockaddr_in elsewhere = {AF_INET, htons(agent.requester_port())};
+  elsewhere.sin_addr.s_addr = inet_addr("127.0.0.2");
+  const std::string go_on = response("<SecretCheckResult/>");
+  EXPECT_TRUE(asked && sendto(stranger.get(), go_on.data(), static_cast<int>(go_on.size()), 0,
+                              reinterpret_cast<const sockaddr*>(&elsewhere), sizeof elsewhere) == static_cast<int>(go_on.size()));
   EXPECT_EQ(1, SendCopyAudit(std::string(8155, 'x')));
   const ULONGLONG start = GetTickCount64();
   EXPECT_EQ(0, SendCopyAudit(std::string(8156, 'x')));

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <locale>
 #include <random>
 
@@ -78,9 +79,22 @@ DWORD kwdecrypt(const std::wstring& args, std::string* output = nullptr) {
   return r.finished ? r.exit_code : 999;
 }
 
+// A facet of the host's own, which only its global C++ locale holds.
+struct HostFacet : std::locale::facet {
+  static std::locale::id id;
+};
+std::locale::id HostFacet::id;
+
 // Each row: the block cipher with a key of that size on every engine, and the file format of
-// `size` random bytes under the password (in place: the source becomes its encrypted form).
+// `size` random bytes under the password (in place: the source becomes its encrypted form). The
+// host's C locale (German) and its global C++ locale (with a facet of its own) stay as they were.
 TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
+  struct HostLocales {
+    std::string c_locale = setlocale(LC_ALL, "German") ? setlocale(LC_ALL, nullptr) : "setlocale failed";
+    std::locale previous = std::locale::global(std::locale(std::locale::classic(), new HostFacet));
+    ~HostLocales() { std::locale::global(previous), setlocale(LC_ALL, "C"); }
+  } host;
+  ASSERT_EQ("German_Germany.1252", host.c_locale);
   std::vector<BlockCipher::Engine> engines = {BlockCipher::Engine::portable};
   if (BlockCipher::aes_ni_available()) engines.push_back(BlockCipher::Engine::aes_ni);
   const struct {
@@ -130,7 +144,8 @@ TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
     EXPECT_TRUE(kwtest::content(dir.file(L"back.bin")) == plain);
     if (!plain.empty()) EXPECT_EQ(1u, kwdecrypt(L"--verify \"" + dst + L"\" !" + pw.substr(1)));  // '!': not in the mask
   }
-  EXPECT_EQ("C", std::locale().name());
+  EXPECT_EQ(host.c_locale, setlocale(LC_ALL, nullptr));
+  EXPECT_TRUE(std::has_facet<HostFacet>(std::locale()));
 }
 
 // An unreadable source leaves an empty output, never a ".tmp"; kwdecrypt gives 3 for what is not

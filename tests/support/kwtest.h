@@ -427,6 +427,7 @@ class TestAgent {
     sendto(s.get(), kFlush, sizeof kFlush, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
     return wait(10000, [&] { return flushes_ >= target; });
   }
+  uint16_t requester_port() const { return locked([&] { return requester_port_; }); }  // 0 before any request
   // Sends one datagram to the sender of the last complete request (false before any request).
   bool send_to_requester(const std::string& bytes) {
     const sockaddr_in to = loopback(locked([&] { return requester_port_; }));

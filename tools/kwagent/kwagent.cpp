@@ -1,6 +1,6 @@
-// kwagent.exe: a reference agent for kwindel-x64.dll. Listens on UDP 127.0.0.1:7886, reassembles
-// the library's chunked frames (acknowledging every chunk but the last), answers secret-audit
-// requests from a rules file, and prints one JSON line per message received.
+// kwagent.exe: a reference agent for kwindel-x64.dll. Listens on UDP 127.0.0.1:7886 (bound
+// exclusively), reassembles the library's chunked frames (acknowledging every chunk but the last),
+// answers secret-audit requests from a rules file, and prints one JSON line per message received.
 // Answers go to the address a request came from. Files: rules (the rules file and the answers),
 // frame (the frame code), message (what a message says and its JSON line and summary), and this
 // one (options and the socket loop).
@@ -192,7 +192,8 @@ struct Winsock {
   }
 };
 
-// A UDP socket bound to 127.0.0.1:port with a short receive time-out; kOk or the exit status.
+// A UDP socket bound exclusively to 127.0.0.1:port with a short receive time-out; kOk or the exit
+// status.
 int open_socket(unsigned port, OwnedSocket* s) {
   s->reset(socket(AF_INET, SOCK_DGRAM, 0));
   if (!s->ok()) {
@@ -203,6 +204,13 @@ int open_socket(unsigned port, OwnedSocket* s) {
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<u_short>(port));
   address.sin_addr.s_addr = inet_addr("127.0.0.1");
+  // Exclusive, so that no other program can bind the port beside it and take requests meant for it.
+  const BOOL exclusive = TRUE;
+  if (setsockopt(s->get(), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&exclusive),
+                 sizeof exclusive) != 0) {
+    std::fprintf(stderr, "kwagent: cannot claim UDP port %u exclusively (error %d)\n", port, WSAGetLastError());
+    return kSocketError;
+  }
   if (bind(s->get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     const int error = WSAGetLastError();
     const bool taken = error == WSAEADDRINUSE || error == WSAEACCES;

@@ -20,19 +20,21 @@ namespace {
 using Datagram = std::pair<const uint8_t*, size_t>;  // bytes and size; size kFails: a failed receive
 constexpr size_t kFails = ~size_t{0};
 
-// Datagram i comes from sender 0x10 + i.
+// Datagram i comes from 127.0.0.1, port 0x10 + i.
 struct ScriptedIo : agent::DatagramIo {
   ScriptedIo(const std::vector<Datagram>& s, unsigned failing) : script(s), failing_ack(failing) {}
   int SendTo(const char* data, int size, const agent::DatagramAddress& to) override {
     assert(size == agent::kAckSize && std::count(data, data + size, 0) == size);
-    assert(to.length == 16 && to.bytes[0] == 0x10 && to.bytes[1] == 0);  // to the first datagram's sender
+    assert(to.length == 16 && to.bytes[2] == 0 && to.bytes[3] == 0x10);  // to the first datagram's sender
     return acks++ == failing_ack ? -1 : size;
   }
   int ReceiveFrom(char* buffer, int capacity, agent::DatagramAddress* from) override {
     if (next >= script.size()) return -1;
     if (script[next].second == kFails) return ++next, -1;
     *from = agent::DatagramAddress{};
-    from->bytes[0] = static_cast<unsigned char>(0x10 + next), from->bytes[1] = static_cast<unsigned char>(next >> 8);
+    const unsigned char address[8] = {2, 0, static_cast<unsigned char>((0x10 + next) >> 8),
+                                      static_cast<unsigned char>(0x10 + next), 127, 0, 0, 1};  // a sockaddr_in
+    std::memcpy(from->bytes, address, sizeof address);
     from->length = 16;
     const size_t n = std::min(script[next].second, static_cast<size_t>(capacity));  // cut to the buffer, as recvfrom does
     std::memcpy(buffer, script[next++].first, n);

@@ -1,4 +1,4 @@
-#include "host/exports.h"
+#include "setup/exports.h"
 
 #include "host/policy_block.h"
 #include "kwindel.h"

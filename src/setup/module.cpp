@@ -2,7 +2,7 @@
 // the library is unmapped. Never fails a load.
 #include <windows.h>
 
-#include "host/hook_setup.h"
+#include "setup/hook_setup.h"
 #include "host/policy_block.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID /*reserved*/) {

@@ -1,6 +1,6 @@
 #include <winsock2.h>  // before windows.h, which hook_setup.h includes
 
-#include "host/hook_setup.h"
+#include "setup/hook_setup.h"
 
 #include <windows.h>
 #include <objbase.h>
@@ -100,6 +100,9 @@ void hook_com_methods() {
     return;
   }
   DebugTrace("HookApi", 1462, "[ZELTRAP:KWINDEL] com initial finished");
+  struct ComScope {  // the loading thread is the host's: it leaves as COM found it, on every path
+    ~ComScope() { CoUninitialize(); }
+  } com_scope;
   IFileOperation* operation = nullptr;
   const HRESULT created = CoCreateInstance(kClsidFileOperation, nullptr, 0x15, kIidFileOperation,
                                            reinterpret_cast<void**>(&operation));
@@ -148,7 +151,6 @@ void hook_com_methods() {
       DebugTrace("HookApi", 1523, "[ZELTRAP:KWINDEL] hook com succeed");
     }
   }
-  CoUninitialize();
 }
 
 void hook_flat_function(void* entry, void* replacement, HookTraceInfo* handle, const char* name, int message_number) {
