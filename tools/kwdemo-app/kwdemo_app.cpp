@@ -77,9 +77,10 @@ int shell_engine(const std::wstring& destination, const std::vector<std::wstring
     std::printf("kwdemo-app: %s(%ls) was let through (0x%08lx from Wine's copy engine, which only queues)\n", verb,
                 leaf(source).c_str(), static_cast<unsigned long>(queued));
     // Wine's engine does not carry out queued operations, so do its work here: read the source
-    // now, while the queued operation would be reading it, and let the result appear only if
-    // PerformOperations runs.
-    const std::wstring result = destination + L"\\" + leaf(source), staged = result + L".staged";
+    // now, while the queued operation would be reading it, and let a copy appear only if
+    // PerformOperations runs. A move stands where the engine puts it before PerformOperations
+    // returns, which is where the library looks for what the move carried off.
+    const std::wstring result = destination + L"\\" + leaf(source), staged = move ? result : result + L".staged";
     if (move) MoveFileExW(source.c_str(), staged.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED);
     else CopyFileW(source.c_str(), staged.c_str(), FALSE);
     const HRESULT performed = op->PerformOperations();
@@ -88,7 +89,7 @@ int shell_engine(const std::wstring& destination, const std::vector<std::wstring
       else DeleteFileW(staged.c_str());
       std::printf("kwdemo-app: PerformOperations was REFUSED (0xFFFFFFFF): nothing is %s\n", move ? "moved" : "copied");
     } else {
-      MoveFileExW(staged.c_str(), result.c_str(), MOVEFILE_REPLACE_EXISTING);
+      if (!move) MoveFileExW(staged.c_str(), result.c_str(), MOVEFILE_REPLACE_EXISTING);
       std::printf("kwdemo-app: PerformOperations ran (0x%08lx); the %s stands at %ls\n",
                   static_cast<unsigned long>(performed), move ? "moved file" : "copy", result.c_str());
     }
