@@ -6,13 +6,11 @@ bin=$build/bin
 for program in kwbench.exe kwbench-child.exe kwagent.exe kwindel-x64.dll; do
   [ -f "$bin/$program" ] || { echo "bench: $bin/$program is missing (cmake --build $build --target benchmarks)" >&2; exit 1; }
 done
-# The DLL as it ships: make dist strips the debug information, which would otherwise make the
-# loader read some 12 MB of sections into every process the DLL enters (the release build keeps
-# it for debugging). The programs are copied beside it, where kwbench looks for the DLL.
+# The DLL as it ships (the build leaves it without debug information; its PDB stays beside the
+# build's copy). The programs are copied beside it, where kwbench looks for the DLL.
 shipped=$build/bench/bin
 mkdir -p "$shipped"
-cp -p "$bin/kwbench.exe" "$bin/kwbench-child.exe" "$bin/kwagent.exe" "$shipped/"
-x86_64-w64-mingw32-objcopy --strip-all "$bin/kwindel-x64.dll" "$shipped/kwindel-x64.dll"
+cp -p "$bin/kwbench.exe" "$bin/kwbench-child.exe" "$bin/kwagent.exe" "$bin/kwindel-x64.dll" "$shipped/"
 bin=$shipped
 # default: a new prefix, which reports Windows 6.1 (the shell copy engine's path);
 # xp: winecfg -v winxp64, which reports 5.2 (the flat-function path).
