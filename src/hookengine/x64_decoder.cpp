@@ -892,14 +892,15 @@ bool lock_allowed(unsigned map, uint8_t op, uint8_t modrm, bool has_modrm) {
 }
 
 // Forms that exist in 64-bit mode only, of opcodes that 32-bit mode has too: swapgs, rd/wr
-// fs/gs base, user interrupts, SEV-SNP page management, and the AMX tile instructions (VEX 0F 38,
-// map 6 here).
+// fs/gs base, user interrupts, SEV-SNP page management, TDX module calls, and the AMX tile
+// instructions (VEX 0F 38, map 6 here).
 bool long_mode_only(unsigned map, uint8_t op, Mandatory prefix, uint8_t modrm) {
   const bool reg_form = (modrm >> 6) == 3;
   const uint8_t reg = (modrm >> 3) & 7;
-  if (map == 1 && op == 0x01)  // swapgs; uiret, testui, clui, stui; rmpadjust, rmpupdate, psmash
-    return modrm == 0xF8 || (prefix == kF3 && ((modrm >= 0xEC && modrm <= 0xEF) || modrm >= 0xFE)) ||
-           (modrm == 0xFE && prefix == kF2);
+  if (map == 1 && op == 0x01)  // swapgs; uiret, testui, clui, stui; rmpadjust, rmpupdate, psmash;
+    return modrm == 0xF8 ||     // seamret, seamops, seamcall
+           (prefix == kF3 && ((modrm >= 0xEC && modrm <= 0xEF) || modrm >= 0xFE)) ||
+           (modrm == 0xFE && prefix == kF2) || (prefix == k66 && modrm >= 0xCD && modrm <= 0xCF);
   if (map == 1 && op == 0xAE) return reg_form && reg < 4 && prefix == kF3;
   if (map == 1 && op == 0xC7) return reg_form && reg == 6 && prefix == kF3;
   return map == 6 && (op == 0x49 || op == 0x4B || op == 0x5C || op == 0x5E);
@@ -1218,6 +1219,11 @@ bool evex_allowed(const Opcode& o, uint8_t modrm, uint8_t sib) {
   const unsigned w = p1 >> 7, ll = (p2 >> 5) & 3, b = (p2 >> 4) & 1, z = p2 >> 7;
   const bool masked = (p2 & 7) != 0, v_high = (p2 & 8) == 0, vvvv_set = ((p1 >> 3) & 0xF) != 0xF;
   if (((rule.wlb >> (w + 2 * ll + 8 * b)) & 1) == 0) return false;
+  if (o.low_registers && w == 1 &&  // 32-bit mode: no 64-bit integer source of these conversions
+      ((o.map == 1 && o.pp == kF2 && (o.op == 0x2A || o.op == 0x7B) && b == 1) ||  // (rounding)
+       (o.map == 5 && o.pp == kF3 && (o.op == 0x2A || o.op == 0x2C || o.op == 0x2D || o.op == 0x78 ||
+                                      o.op == 0x79 || o.op == 0x7B))))
+    return false;
   if (((rule.masks >> (z + 2 * masked)) & 1) == 0) return false;
   if (((rule.vvvv >> (v_high + 2 * vvvv_set)) & 1) == 0) return false;
   if ((p0 & 0x10) == 0 && !rule.r_high) return false;
