@@ -10,6 +10,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -24,6 +25,17 @@ using namespace hookengine;
 namespace {
 
 constexpr bool k64 = sizeof(void*) == 8;
+
+// A crash in any thread fails the program at once: a 32-bit process under Wine's WoW64 whose
+// worker thread crashed while the main one went on was seen to end with exit code 0.
+LONG WINAPI fail_on_crash(EXCEPTION_POINTERS* e) {
+  std::fprintf(stderr, "unhandled exception %08lx at %p\n", e->ExceptionRecord->ExceptionCode,
+               e->ExceptionRecord->ExceptionAddress);
+  std::fflush(stderr);
+  TerminateProcess(GetCurrentProcess(), 3);
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+const LPTOP_LEVEL_EXCEPTION_FILTER g_previous_filter = SetUnhandledExceptionFilter(&fail_on_crash);
 
 // The one replacement: counts the call and passes its three arguments to the original.
 using Fn3 = uintptr_t(WINAPI*)(uintptr_t, uintptr_t, uintptr_t);
