@@ -162,8 +162,14 @@ RelocateStatus relocate_branch(const Instruction& insn, const uint8_t* code, uin
   const uint8_t op = code[insn.opcode_offset];
   switch (insn.branch) {
     case BranchKind::kCallRel32:
-      if (insn.mode == Mode::k32 && calls_next(insn, code, address)) {
-        e->byte(0x68).u32(static_cast<uint32_t>(dest));  // push: what the call would have pushed
+      if (insn.mode == Mode::k32) {
+        // push <the original return address>; jmp dest (none when that is the next instruction).
+        // A call kept is the last copied instruction, so the callee returns straight to where the
+        // jump back would lead, and code reading its return address (call $+5; pop reg, a call of
+        // a pc thunk) gets the original one.
+        const uint64_t next = (address + insn.length) & 0xFFFFFFFFu;
+        e->byte(0x68).u32(static_cast<uint32_t>(next));
+        if (dest != next) e->jmp(dest);
       } else if (e->reaches(e->here() + 5, dest)) {
         e->byte(0xE8).rel32_to(dest);
       } else {

@@ -46,8 +46,10 @@ constexpr size_t kMaxTrampolineLength = 256;
 // Relative branches keep their targets (rel32 when it reaches, else absolute forms); RIP-relative
 // operands keep their addresses (new disp32, or beyond its reach lea -> mov imm and other
 // instructions rebuilt on [rsi]/[rdi] loaded with the address, that register saved around them).
-// In 32-bit mode every rel32 reaches; a call of its own next instruction (call $+5; pop reg reads
-// the instruction pointer) becomes push <its original return address>.
+// In 32-bit mode every rel32 reaches, and a call becomes push <its original return address>; jmp
+// <its target> (no jmp for a call of its own next instruction): the callee returns into the
+// original code, and code that reads its return address (call $+5; pop reg, a call of a pc thunk)
+// gets the original one.
 // Writes nothing to `out` or `result` unless it succeeds, and never past out_capacity.
 RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t target_address,
                                 size_t patch_size, uint8_t* out, size_t out_capacity,

@@ -69,8 +69,9 @@ TEST(Relocator, FormsAndRefusals) {
       {"ff 35 00 10 00 00", 5, kFar, S::kRipOutOfRange}, {"48 8b 25 00 10 00 00", 5, kFar, S::kRipOutOfRange},
       {"c5 f9 6f 05 00 10 00 00", 5, kFar, S::kRipOutOfRange}, {"8f 05 00 10 00 00", 5, kFar, S::kRipOutOfRange},
       // 32-bit mode: hot-patch and stack re-aligning prologues, absolute operands copied as they are,
-      // short branches widened (also across the 4 GB wrap), call $+5 rebuilt as a push of its return
-      // address (also when the patch covers the pop), other calls into the copied bytes refused.
+      // short branches widened (also across the 4 GB wrap), calls rebuilt as a push of their
+      // original return address and a jmp (call $+5: the push alone, also when the patch covers the
+      // pop), other calls into the copied bytes refused.
       {"8b ff 55 8b ec 5d ff 25 00 10 00 10", 5, kWrap32, S::kOk, Mode::k32},
       {"8d 4c 24 04 83 e4 f0 ff 71 fc", 5, kNear32, S::kOk, Mode::k32},
       {"f6 05 00 10 00 10 01 75 0c b8 01 40 00 80 c3", 5, kWrap32, S::kOk, Mode::k32},

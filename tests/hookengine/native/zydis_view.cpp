@@ -142,9 +142,13 @@ bool branch_ok(const RefInsn& o, uint64_t orig_next, uint64_t dest, const uint8_
   const Step a = step_at(tramp, len, base, seg);
   const size_t after = seg + a.r.insn.length;
   if (m == ZYDIS_MNEMONIC_JMP || m == ZYDIS_MNEMONIC_XBEGIN) return is(a, m, dest) && seg + a.span == seg_end;
-  if (m == ZYDIS_MNEMONIC_CALL && g_mode == Mode::k32 && dest == orig_next)  // call $+5: push its return address
-    return a.r.insn.mnemonic == ZYDIS_MNEMONIC_PUSH && a.r.ops[0].type == ZYDIS_OPERAND_TYPE_IMMEDIATE &&
-           (a.r.ops[0].imm.value.u & 0xFFFFFFFFu) == dest && after == seg_end;
+  if (m == ZYDIS_MNEMONIC_CALL && g_mode == Mode::k32) {  // push its original return address; jmp dest
+    const bool pushed = a.r.insn.mnemonic == ZYDIS_MNEMONIC_PUSH && a.r.ops[0].type == ZYDIS_OPERAND_TYPE_IMMEDIATE &&
+                        (a.r.ops[0].imm.value.u & 0xFFFFFFFFu) == orig_next;
+    if (dest == orig_next) return pushed && after == seg_end;  // call $+5: nothing to jump to
+    const Step j = step_at(tramp, len, base, after);
+    return pushed && is(j, ZYDIS_MNEMONIC_JMP, dest) && after + j.span == seg_end;
+  }
   if (m == ZYDIS_MNEMONIC_CALL) return is(a, m, dest) && (after == seg_end || is(step_at(tramp, len, base, after), ZYDIS_MNEMONIC_JMP, next));
   const bool loop = m == ZYDIS_MNEMONIC_LOOP || m == ZYDIS_MNEMONIC_LOOPE || m == ZYDIS_MNEMONIC_LOOPNE ||
                     m == ZYDIS_MNEMONIC_JRCXZ || m == ZYDIS_MNEMONIC_JECXZ || m == ZYDIS_MNEMONIC_JCXZ;

@@ -24,6 +24,7 @@ struct Built {
 // read by Zydis, reaches the same branch targets (same conditions) and RIP-relative addresses as
 // the original instructions, keeps every other byte, jumps back to the end of the copied bytes,
 // maps exactly the copied instruction starts, and one byte less capacity is refused cleanly.
-// 32-bit mode: a call of its next instruction must have become a push of its return address.
+// 32-bit mode: a call must have become a push of its original return address and a jmp to its
+// target (the push alone for a call of its next instruction).
 std::string build_checked(const uint8_t* code, size_t n, uint64_t target, size_t patch_size, uint64_t out_address,
                           Built* b, hookengine::Mode mode = hookengine::Mode::k64);
