@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # start PREFIX [winxp64]: creates the Wine prefix once (wineboot -i, output to PREFIX.log), sets
-#   the Windows version when asked, and starts a persistent wineserver for the test run.
+#   the Windows version when asked, and starts a persistent wineserver for the test run. The prefix
+#   records the Wine installation it was made with (wine64, wine32 and their versions) and is made
+#   afresh under another one: a prefix made before wine32 was installed cannot run 32-bit programs.
 # stop PREFIX: ends that wineserver and every Wine process of the prefix.
 set -eu
 cmd=${1:?usage: wine-prefix.sh start|stop PREFIX [winxp64]}
@@ -8,11 +10,17 @@ prefix=${2:?prefix}
 version=${3:-}
 export WINEPREFIX=$prefix WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=
 log=$prefix.log
+# What the prefix is made with: the Wine packages and versions (dpkg), else wine's own version.
+installation() {
+  { dpkg-query -W -f='${binary:Package}=${Version}\n' wine64 wine32:i386 2>/dev/null | grep -v '=$' ||
+      wine --version; } | sort | tr '\n' ' '
+}
 case $cmd in
   start)
     command -v wine >/dev/null || { echo "wine-prefix: wine is not installed (apt-get install wine64)" >&2; exit 1; }
     mkdir -p "$(dirname "$prefix")"
-    if [ ! -f "$prefix/.kwindel-ready" ]; then
+    made_with=$(installation)
+    if [ "$(cat "$prefix/.kwindel-ready" 2>/dev/null)" != "$made_with" ]; then
       rm -rf "$prefix"
       wineboot -i >"$log" 2>&1 </dev/null || { echo "wine-prefix: wineboot -i failed, see $log" >&2; exit 1; }
       wineserver -w
@@ -20,7 +28,7 @@ case $cmd in
         winecfg -v "$version" >>"$log" 2>&1 </dev/null
         wineserver -w
       fi
-      touch "$prefix/.kwindel-ready"
+      echo "$made_with" >"$prefix/.kwindel-ready"
     fi
     # Background Wine processes inherit our stdio: keep them off CTest's pipes.
     setsid wineserver -p >>"$log" 2>&1 </dev/null &

@@ -4,8 +4,8 @@
 
 #include "agent/agent_channel.h"
 #include "host/caller_context.h"
-#include "host/utf_conversion.h"
 #include "host/policy_block.h"
+#include "host/utf_conversion.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The engine's own executable pages: relays and trampolines are carved out of 64 KB blocks
-// reserved near the code they serve, never from the process heap, and never returned (a thread
+// reserved near the code they serve (anywhere in a 32-bit process), never from the process heap, and never returned (a thread
 // may still be running in them long after an unhook). Code pages are execute-read; they are
 // writable only inside a CodeWriteScope, while the engine itself writes under its lock.
 #pragma once

@@ -71,7 +71,7 @@ FlatHookApi bind_flat_hook_api(HMODULE own_module) {
   const size_t slash = n > 0 && n < path.size() ? path.rfind(L'\\', n) : std::wstring::npos;
   if (slash != std::wstring::npos) {
     path.resize(slash + 1);
-    path += L"EasyHook64.dll";
+    path += sizeof(void*) == 8 ? L"EasyHook64.dll" : L"EasyHook32.dll";
     library = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
   }
   if (library == nullptr) return own_flat_hook_api();

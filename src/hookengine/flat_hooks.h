@@ -1,5 +1,6 @@
 // The flat-function hooks of the pre-6 platforms, through EasyHook's four entry points: bound at
-// run time to EasyHook64.dll when it can be found, otherwise to the engine's own equivalents.
+// run time to EasyHook64.dll (EasyHook32.dll in a 32-bit process) when it can be found, otherwise
+// to the engine's own equivalents.
 #pragma once
 #include <windows.h>
 

@@ -14,8 +14,8 @@ namespace hookengine {
 
 namespace {
 
-constexpr size_t kNearPatch = 5;       // E9 rel32
-constexpr size_t kAbsolutePatch = 14;  // FF 25 00000000 + 64-bit address
+constexpr size_t kNearPatch = 5;       // E9 rel32: in a 32-bit process it reaches every address
+constexpr size_t kAbsolutePatch = 14;  // FF 25 00000000 + 64-bit address (64-bit only)
 constexpr size_t kRelaySpace = 128;
 constexpr size_t kChunkSize = kRelaySpace + kMaxTrampolineLength;
 constexpr size_t kMaxRead = 64;
@@ -58,23 +58,47 @@ volatile HookStatus g_last_status = HookStatus::kOk;
 
 uint32_t g_barrier_count = 0;
 
-extern "C" uint64_t kwindel_barrier_enter(HookRecord* record, uint64_t* return_slot);
+extern "C" uintptr_t kwindel_barrier_enter(HookRecord* record, uintptr_t* return_slot);
 
-// A relay that jumps straight to the replacement: jmp [rip+2]; int3 x2; dq replacement. The
-// address sits 8-aligned (the relay is 16-aligned), so a later re-hook with another replacement
-// changes it in one store while a thread may be passing through.
+uint32_t address32(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
+
+// A relay that jumps straight to the replacement: jmp [rip+2] (32-bit: jmp [relay+8]); int3 x2;
+// the replacement's address. It sits 8-aligned (the relay is 16-aligned), so a later re-hook with
+// another replacement changes it in one store while a thread may be passing through.
 void emit_plain_relay(uint8_t* relay, void* replacement) {
-  CodeEmitter(relay, 8).bytes({0xFF, 0x25, 2, 0, 0, 0, 0xCC, 0xCC});
+  if (kHostMode == Mode::k32) {
+    CodeEmitter(relay, 8).bytes({0xFF, 0x25}).u32(address32(relay + 8)).bytes({0xCC, 0xCC});
+  } else {
+    CodeEmitter(relay, 8).bytes({0xFF, 0x25, 2, 0, 0, 0, 0xCC, 0xCC});
+  }
   InterlockedExchangePointer(reinterpret_cast<void* volatile*>(relay + 8), replacement);
+}
+
+// The 32-bit barrier relay: the stack is left exactly as the caller made it (the original and the
+// replacement are stdcall, cdecl or thiscall alike), and eax, ecx and edx are kept.
+void emit_barrier_relay_32(uint8_t* relay, HookRecord* record) {
+  uint8_t* data = relay + 96;  // [enter function]
+  const uintptr_t enter = reinterpret_cast<uintptr_t>(&kwindel_barrier_enter);
+  std::memcpy(data, &enter, sizeof enter);
+  CodeEmitter(relay, 96)
+      .bytes({0x50, 0x50, 0x51, 0x52})                         // push eax (slot), eax, ecx, edx
+      .bytes({0x8D, 0x44, 0x24, 0x10})                         // lea eax, [esp+16] (return slot)
+      .bytes({0x50})                                           // push eax
+      .byte(0x68).u32(address32(record))                       // push record
+      .bytes({0xFF, 0x15}).u32(address32(data))                // call [enter] (cdecl)
+      .bytes({0x83, 0xC4, 0x08})                               // add esp, 8
+      .bytes({0x89, 0x44, 0x24, 0x0C})                         // mov [esp+12], eax (the slot)
+      .bytes({0x5A, 0x59, 0x58, 0xC3});                        // pop edx, ecx, eax; ret (to it)
 }
 
 // A relay that asks kwindel_barrier_enter where to go (replacement or trampoline), keeping the
 // argument registers: rcx, rdx, r8, r9 and xmm0-xmm3.
 void emit_barrier_relay(uint8_t* relay, HookRecord* record) {
+  if (kHostMode == Mode::k32) return emit_barrier_relay_32(relay, record);
   uint8_t* data = relay + 96;  // [record][enter function]
-  std::memcpy(data, &record, 8);
-  const uint64_t enter = reinterpret_cast<uint64_t>(&kwindel_barrier_enter);
-  std::memcpy(data + 8, &enter, 8);
+  std::memcpy(data, &record, sizeof record);
+  const uintptr_t enter = reinterpret_cast<uintptr_t>(&kwindel_barrier_enter);
+  std::memcpy(data + 8, &enter, sizeof enter);
   CodeEmitter(relay, 96)
       .bytes({0x51, 0x52, 0x41, 0x50, 0x41, 0x51})             // push rcx, rdx, r8, r9
       .bytes({0x48, 0x83, 0xEC, 0x68})                         // sub rsp, 0x68 (aligned again)
@@ -104,12 +128,12 @@ bool thread_listed(const HookRecord* record, DWORD thread) {
 
 }  // namespace
 
-extern "C" uint64_t kwindel_barrier_enter(HookRecord* record, uint64_t* return_slot) {
+extern "C" uintptr_t kwindel_barrier_enter(HookRecord* record, uintptr_t* return_slot) {
   const bool listed = thread_listed(record, GetCurrentThreadId());
   if (record->active && listed != record->acl_exclusive && enter_thread_barrier(record->barrier_index, return_slot)) {
-    return reinterpret_cast<uint64_t>(record->replacement);
+    return reinterpret_cast<uintptr_t>(record->replacement);
   }
-  return reinterpret_cast<uint64_t>(record->trampoline);
+  return reinterpret_cast<uintptr_t>(record->trampoline);
 }
 
 namespace {
@@ -128,6 +152,7 @@ constexpr struct {
     {RelocateStatus::kRipOutOfRange, HookStatus::kRipOutOfRange},
     {RelocateStatus::kBufferTooSmall, HookStatus::kTrampolineTooLong},
     {RelocateStatus::kCallReturnsIntoPatch, HookStatus::kCallReturnsIntoPatch},
+    {RelocateStatus::kCallIntoPatch, HookStatus::kCallIntoPatch},
 };
 
 HookStatus from_relocate(RelocateStatus status) {
@@ -253,13 +278,15 @@ size_t write_code(const CodeChange* changes, size_t count, HookStatus* failure) 
 }
 
 // A new record for `target`: relay and trampoline space (near the target when it can be had),
-// the trampoline built, the patch bytes made; the record is not yet active.
+// the trampoline built, the patch bytes made; the record is not yet active. In a 32-bit process
+// the space can be anywhere and the patch is always the near jump.
 HookStatus new_record_locked(uint64_t target, size_t readable, const HookOptions& options, HookRecord** out) {
-  uint8_t* chunk = allocate_code_near(target, kChunkSize);
+  constexpr bool k32 = kHostMode == Mode::k32;
+  uint8_t* chunk = k32 ? nullptr : allocate_code_near(target, kChunkSize);
   const bool near_chunk = chunk != nullptr && rel32_reaches(target, kNearPatch, reinterpret_cast<uint64_t>(chunk));
   if (!near_chunk) chunk = allocate_code_anywhere(kChunkSize);
   if (chunk == nullptr) return HookStatus::kNoCodeMemory;
-  const size_t patch_size = near_chunk && !options.force_absolute ? kNearPatch : kAbsolutePatch;
+  const size_t patch_size = k32 || (near_chunk && !options.force_absolute) ? kNearPatch : kAbsolutePatch;
   if (readable < patch_size) return HookStatus::kUnreadableTarget;
 
   CodeWriteScope write(chunk, kChunkSize);
@@ -268,7 +295,7 @@ HookStatus new_record_locked(uint64_t target, size_t readable, const HookOptions
   Relocation relocation;
   const RelocateStatus relocated =
       build_trampoline(reinterpret_cast<const uint8_t*>(target), readable, target, patch_size, trampoline,
-                       kMaxTrampolineLength, reinterpret_cast<uint64_t>(trampoline), &relocation);
+                       kMaxTrampolineLength, reinterpret_cast<uintptr_t>(trampoline), &relocation, kHostMode);
   if (relocated != RelocateStatus::kOk) return from_relocate(relocated);  // the chunk stays for later hooks
   if (relocation.copied_length > sizeof(HookRecord::original)) return HookStatus::kTrampolineTooLong;
   if (options.barrier && g_barrier_count == kMaxBarrierHooks) return HookStatus::kTooManyHooks;
@@ -284,7 +311,7 @@ HookStatus new_record_locked(uint64_t target, size_t readable, const HookOptions
   record->barrier = options.barrier;
   record->force_absolute = options.force_absolute;
   record->barrier_index = options.barrier ? g_barrier_count++ : 0;
-  CodeEmitter patch(record->patch, sizeof(record->patch), target);
+  CodeEmitter patch(record->patch, sizeof(record->patch), target, kHostMode);
   if (patch_size == kNearPatch) {
     patch.byte(0xE9).rel32_to(reinterpret_cast<uint64_t>(chunk));
   } else {

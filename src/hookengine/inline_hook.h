@@ -30,11 +30,15 @@ enum class HookStatus : uint8_t {
   kPatchNotOurs,       // unhook: the target no longer holds this engine's patch; code left alone
   kCallReturnsIntoPatch,  // a call among the covered bytes would return into the middle of the
                           // patch (a thread blocked in that call would resume inside the jump)
+  kCallIntoPatch,  // 32-bit: a call in the function's first bytes lands inside the moved bytes
+                   // (a call of its own next instruction, call $+5; pop reg, is rebuilt instead)
 };
 const char* to_string(HookStatus status);
 
+// In a 32-bit process the patch is always the 5-byte jmp rel32, which reaches every address; relays
+// and trampolines keep the stack as the caller made it (stdcall callees pop their arguments).
 struct HookOptions {
-  // Always patch with the 14-byte absolute jump, even when a near relay could be had.
+  // Always patch with the 14-byte absolute jump, even when a near relay could be had (64-bit only).
   bool force_absolute = false;
   // Per-thread, per-hook barrier: while a thread runs this hook's replacement, its further calls
   // of the hooked function go to the original; which threads are intercepted is set by
@@ -85,7 +89,7 @@ struct HookInfo {
   uint64_t target = 0;
   uint64_t trampoline = 0;
   uint64_t relay = 0;
-  size_t patch_size = 0;     // 5 (near relay) or 14 (absolute jump)
+  size_t patch_size = 0;     // 5 (near relay, always in 32-bit) or 14 (absolute jump)
   size_t copied_length = 0;  // whole instructions moved into the trampoline
   bool active = false;
 };

@@ -36,25 +36,34 @@ bool is_padding(const Instruction& insn, const uint8_t* code) {
   return false;
 }
 
+// A call of the instruction right after it: 32-bit code's way of reading the instruction pointer.
+bool calls_next(const Instruction& insn, const uint8_t* code, uint64_t address) {
+  return insn.branch == BranchKind::kCallRel32 && branch_target(insn, code, address) == address + insn.length;
+}
+
 // Relative branches in the first bytes of the function that land strictly inside the patched
-// range (a branch to the very start stays valid: the start holds the patch's jump).
-bool branches_into(const uint8_t* target, size_t readable, uint64_t target_address,
-                   size_t copied_length) {
+// range (a branch to the very start stays valid: the start holds the patch's jump). In 32-bit
+// mode a call there has a status of its own, and a call of its next instruction is rebuilt.
+RelocateStatus branches_into(const uint8_t* target, size_t readable, uint64_t target_address,
+                             size_t copied_length, Mode mode) {
   size_t pos = 0;
   const size_t limit = readable < kScanLength ? readable : kScanLength;
   bool ended = false;  // a ret/jmp was seen: stop at the padding that marks the function's end
   while (pos < limit) {
     Instruction insn;
-    if (!decode(target + pos, readable - pos, &insn)) break;
+    if (!decode(target + pos, readable - pos, &insn, mode)) break;
     if (ended && is_padding(insn, target + pos)) break;
     if (insn.branch != BranchKind::kNone) {
       const uint64_t dest = branch_target(insn, target + pos, target_address + pos);
-      if (dest > target_address && dest < target_address + copied_length) return true;
+      const bool call = mode == Mode::k32 && insn.branch == BranchKind::kCallRel32;
+      if (dest > target_address && dest < target_address + copied_length &&
+          !(call && calls_next(insn, target + pos, target_address + pos)))
+        return call ? RelocateStatus::kCallIntoPatch : RelocateStatus::kBranchIntoPatch;
     }
     if (insn.flow != FlowKind::kNormal) ended = true;
     pos += insn.length;
   }
-  return false;
+  return RelocateStatus::kOk;
 }
 
 // Opcodes whose ModRM reg field extends the opcode (/digit) instead of naming a register.
@@ -153,7 +162,15 @@ RelocateStatus relocate_branch(const Instruction& insn, const uint8_t* code, uin
   const uint8_t op = code[insn.opcode_offset];
   switch (insn.branch) {
     case BranchKind::kCallRel32:
-      if (fits_rel32(static_cast<int64_t>(dest - (e->here() + 5)))) {
+      if (insn.mode == Mode::k32) {
+        // push <the original return address>; jmp dest (none when that is the next instruction).
+        // A call kept is the last copied instruction, so the callee returns straight to where the
+        // jump back would lead, and code reading its return address (call $+5; pop reg, a call of
+        // a pc thunk) gets the original one.
+        const uint64_t next = (address + insn.length) & 0xFFFFFFFFu;
+        e->byte(0x68).u32(static_cast<uint32_t>(next));
+        if (dest != next) e->jmp(dest);
+      } else if (e->reaches(e->here() + 5, dest)) {
         e->byte(0xE8).rel32_to(dest);
       } else {
         // call [rip+2]; jmp +8; dq dest  (the call returns to the short jmp over the address)
@@ -165,7 +182,7 @@ RelocateStatus relocate_branch(const Instruction& insn, const uint8_t* code, uin
     case BranchKind::kJccRel8:
     case BranchKind::kJccRel32: {
       const uint8_t cc = op & 0x0F;
-      if (fits_rel32(static_cast<int64_t>(dest - (e->here() + 6)))) {
+      if (e->reaches(e->here() + 6, dest)) {
         e->bytes({0x0F, static_cast<uint8_t>(0x80 | cc)}).rel32_to(dest);
       } else {
         // Inverted short Jcc over an absolute jmp.
@@ -178,7 +195,7 @@ RelocateStatus relocate_branch(const Instruction& insn, const uint8_t* code, uin
       // loop/jrcxz +2 (taken: to the far jmp); jmp short over it (not taken); jmp dest.
       // Prefixes are kept: 67 selects ECX.
       e->bytes(code, insn.opcode_offset).bytes({op, 2});
-      const size_t far_length = CodeEmitter::jmp_length(e->here() + 2, dest);
+      const size_t far_length = e->jmp_length(e->here() + 2, dest);
       e->bytes({0xEB, static_cast<uint8_t>(far_length)}).jmp(dest);
       return RelocateStatus::kOk;
     }
@@ -209,29 +226,33 @@ const char* to_string(RelocateStatus status) {
     case RelocateStatus::kRipOutOfRange: return "rip-relative out of range";
     case RelocateStatus::kBufferTooSmall: return "buffer too small";
     case RelocateStatus::kCallReturnsIntoPatch: return "call returns into patch";
+    case RelocateStatus::kCallIntoPatch: return "call into patch";
   }
   return "unknown";
 }
 
 RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t target_address,
                                 size_t patch_size, uint8_t* out, size_t out_capacity,
-                                uint64_t out_address, Relocation* result) {
+                                uint64_t out_address, Relocation* result, Mode mode) {
   if (target == nullptr || out == nullptr || result == nullptr || patch_size == 0)
     return RelocateStatus::kUndecodable;
   Relocation r;
   uint8_t buffer[kMaxTrampolineLength];  // the caller's memory is written only once all fits
-  CodeEmitter e(buffer, sizeof(buffer), out_address);
+  CodeEmitter e(buffer, sizeof(buffer), out_address, mode);
 
   // Whole instructions covering the patch; past a ret/jmp/int3 only padding may follow.
   size_t pos = 0;
   bool ended = false;
   while (pos < patch_size) {
     Instruction insn;
-    if (!decode(target + pos, readable > pos ? readable - pos : 0, &insn))
+    if (!decode(target + pos, readable > pos ? readable - pos : 0, &insn, mode))
       return ended ? RelocateStatus::kFunctionTooShort : RelocateStatus::kUndecodable;
     if (ended && !is_padding(insn, target + pos)) return RelocateStatus::kFunctionTooShort;
     if (r.boundary_count >= sizeof(r.original_offsets)) return RelocateStatus::kBufferTooSmall;
-    if (pos + insn.length < patch_size && is_call(insn, target + pos)) return RelocateStatus::kCallReturnsIntoPatch;
+    // (A rebuilt call of the next instruction pushes its address and never returns there.)
+    if (pos + insn.length < patch_size && is_call(insn, target + pos) &&
+        !(mode == Mode::k32 && calls_next(insn, target + pos, target_address + pos)))
+      return RelocateStatus::kCallReturnsIntoPatch;
     r.original_offsets[r.boundary_count] = static_cast<uint8_t>(pos);
     r.trampoline_offsets[r.boundary_count] = static_cast<uint8_t>(e.size());
     ++r.boundary_count;
@@ -241,8 +262,8 @@ RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t
     pos += insn.length;
   }
   r.copied_length = pos;
-  if (branches_into(target, readable, target_address, r.copied_length))
-    return RelocateStatus::kBranchIntoPatch;
+  const RelocateStatus into = branches_into(target, readable, target_address, r.copied_length, mode);
+  if (into != RelocateStatus::kOk) return into;
   e.jmp(target_address + r.copied_length);
   if (e.overflow() || e.size() > out_capacity) return RelocateStatus::kBufferTooSmall;
   std::memcpy(out, buffer, e.size());

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "hookengine/x64_decoder.h"
+
 namespace hookengine {
 
 enum class RelocateStatus : uint8_t {
@@ -19,6 +21,8 @@ enum class RelocateStatus : uint8_t {
   kBufferTooSmall,     // the trampoline does not fit in out_capacity
   kCallReturnsIntoPatch,  // a call ends inside the patch: its return address would point into
                           // the middle of the jump written over it
+  kCallIntoPatch,  // 32-bit: a call among the function's first bytes lands inside the copied
+                   // bytes (other than its own next instruction, which is rebuilt)
 };
 const char* to_string(RelocateStatus status);
 
@@ -42,10 +46,14 @@ constexpr size_t kMaxTrampolineLength = 256;
 // Relative branches keep their targets (rel32 when it reaches, else absolute forms); RIP-relative
 // operands keep their addresses (new disp32, or beyond its reach lea -> mov imm and other
 // instructions rebuilt on [rsi]/[rdi] loaded with the address, that register saved around them).
+// In 32-bit mode every rel32 reaches, and a call becomes push <its original return address>; jmp
+// <its target> (no jmp for a call of its own next instruction): the callee returns into the
+// original code, and code that reads its return address (call $+5; pop reg, a call of a pc thunk)
+// gets the original one.
 // Writes nothing to `out` or `result` unless it succeeds, and never past out_capacity.
 RelocateStatus build_trampoline(const uint8_t* target, size_t readable, uint64_t target_address,
                                 size_t patch_size, uint8_t* out, size_t out_capacity,
-                                uint64_t out_address, Relocation* result);
+                                uint64_t out_address, Relocation* result, Mode mode = Mode::k64);
 
 // Maps an instruction pointer inside the copied original bytes to the matching trampoline
 // address (threads frozen at an instruction boundary are moved there). Returns false when `ip`

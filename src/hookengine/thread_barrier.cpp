@@ -13,7 +13,7 @@ namespace {
 constexpr uint32_t kMaxDepth = 32;  // nested barrier entries per thread
 
 struct BarrierFrame {
-  uint64_t return_address;
+  uintptr_t return_address;
   uint32_t index;
 };
 struct ThreadBarrier {
@@ -23,26 +23,39 @@ struct ThreadBarrier {
 };
 void* const kAllocating = reinterpret_cast<void*>(1);
 
+// The absolute address of a literal in a stub (32-bit code reads it as [abs32]).
+uintptr_t literal_address(const uint8_t* literal) { return reinterpret_cast<uintptr_t>(literal); }
+
 DWORD g_fls = FLS_OUT_OF_INDEXES;
 uint8_t* g_leave_stub = nullptr;
 uint8_t* g_fls_callback = nullptr;
 
 }  // namespace
 
-extern "C" uint64_t kwindel_barrier_leave();
+extern "C" uintptr_t kwindel_barrier_leave();
 
 namespace {
 
 // Where a replacement entered through a barrier relay returns to: it asks
-// kwindel_barrier_leave for the caller's real return address, keeping rax and xmm0.
+// kwindel_barrier_leave for the caller's real return address, keeping rax and xmm0 (32-bit: eax
+// and edx, and the stack as the replacement left it: a stdcall replacement has popped its
+// arguments).
 uint8_t* make_leave_stub() {
   uint8_t* stub = allocate_code_anywhere(64);
   if (stub == nullptr) return nullptr;
   CodeWriteScope write(stub, 64);
   if (!write.writable()) return nullptr;
   uint8_t* data = stub + 48;
-  const uint64_t leave = reinterpret_cast<uint64_t>(&kwindel_barrier_leave);
-  std::memcpy(data, &leave, 8);
+  const uintptr_t leave = reinterpret_cast<uintptr_t>(&kwindel_barrier_leave);
+  std::memcpy(data, &leave, sizeof leave);
+  if (kHostMode == Mode::k32) {
+    CodeEmitter(stub, 48)
+        .bytes({0x50, 0x50, 0x52})                             // push eax (slot), push eax, push edx
+        .bytes({0xFF, 0x15}).u32(static_cast<uint32_t>(literal_address(data)))  // call [leave]
+        .bytes({0x89, 0x44, 0x24, 0x08})                       // mov [esp+8], eax
+        .bytes({0x5A, 0x58, 0xC3});                            // pop edx; pop eax; ret
+    return stub;
+  }
   CodeEmitter(stub, 48)
       .bytes({0x50, 0x50})                                     // push rax (slot), push rax
       .bytes({0x48, 0x83, 0xEC, 0x30})                         // sub rsp, 0x30
@@ -62,11 +75,20 @@ uint8_t* make_fls_callback() {
   CodeWriteScope write(stub, 48);
   if (!write.writable()) return nullptr;
   uint8_t* data = stub + 32;
-  const uint64_t heap = reinterpret_cast<uint64_t>(GetProcessHeap());
-  const uint64_t heap_free =
-      reinterpret_cast<uint64_t>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "HeapFree"));
-  std::memcpy(data, &heap, 8);
-  std::memcpy(data + 8, &heap_free, 8);
+  const uintptr_t heap = reinterpret_cast<uintptr_t>(GetProcessHeap());
+  const uintptr_t heap_free =
+      reinterpret_cast<uintptr_t>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "HeapFree"));
+  std::memcpy(data, &heap, sizeof heap);
+  std::memcpy(data + 8, &heap_free, sizeof heap_free);
+  if (kHostMode == Mode::k32) {  // stdcall both: the callback pops its one argument
+    CodeEmitter(stub, 32)
+        .bytes({0xFF, 0x74, 0x24, 0x04})                       // push [esp+4] (data)
+        .bytes({0x6A, 0x00})                                   // push 0
+        .bytes({0xFF, 0x35}).u32(static_cast<uint32_t>(literal_address(data)))  // push [heap]
+        .bytes({0xFF, 0x15}).u32(static_cast<uint32_t>(literal_address(data + 8)))  // call [HeapFree]
+        .bytes({0xC2, 0x04, 0x00});                            // ret 4
+    return stub;
+  }
   CodeEmitter(stub, 32)
       .bytes({0x49, 0x89, 0xC8})                               // mov r8, rcx
       .bytes({0x31, 0xD2})                                     // xor edx, edx
@@ -89,7 +111,7 @@ ThreadBarrier* thread_barrier() {
 
 }  // namespace
 
-extern "C" uint64_t kwindel_barrier_leave() {
+extern "C" uintptr_t kwindel_barrier_leave() {
   const DWORD error = GetLastError();
   ThreadBarrier* state = static_cast<ThreadBarrier*>(FlsGetValue(g_fls));
   // Only entries that recorded a frame return here, so the state and a frame exist.
@@ -108,7 +130,7 @@ bool prepare_thread_barrier() {
   return g_fls != FLS_OUT_OF_INDEXES;
 }
 
-bool enter_thread_barrier(uint32_t index, uint64_t* return_slot) {
+bool enter_thread_barrier(uint32_t index, uintptr_t* return_slot) {
   if (g_fls == FLS_OUT_OF_INDEXES) return false;
   const DWORD error = GetLastError();
   ThreadBarrier* state = thread_barrier();
@@ -119,7 +141,7 @@ bool enter_thread_barrier(uint32_t index, uint64_t* return_slot) {
     state->frames[state->depth].return_address = *return_slot;
     state->frames[state->depth].index = index;
     ++state->depth;
-    *return_slot = reinterpret_cast<uint64_t>(g_leave_stub);
+    *return_slot = reinterpret_cast<uintptr_t>(g_leave_stub);
   }
   SetLastError(error);
   return enter;

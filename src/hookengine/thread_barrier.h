@@ -5,6 +5,7 @@
 // thread's state is freed when the thread ends, by a destructor in the engine's own pages, so a
 // thread ending after the module was unloaded still finds it.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 
 namespace hookengine {
@@ -18,7 +19,7 @@ bool prepare_thread_barrier();
 // For a listed thread entering barrier hook `index` through its relay: unless the thread is
 // already inside it, records the entry, points *return_slot at the return stub and returns true
 // (go to the replacement); false: go to the original. Keeps the thread's last error.
-bool enter_thread_barrier(uint32_t index, uint64_t* return_slot);
+bool enter_thread_barrier(uint32_t index, uintptr_t* return_slot);
 
 // True when the calling thread is inside the replacement of barrier hook `index`.
 bool inside_thread_barrier(uint32_t index);

@@ -125,9 +125,14 @@ size_t ThreadFreeze::move_instruction_pointers(uint64_t (*map)(uint64_t, const v
     ZeroMemory(&ctx, sizeof ctx);
     ctx.ContextFlags = CONTEXT_CONTROL;
     if (!GetThreadContext(threads_[i], &ctx)) continue;
-    const uint64_t to = map(ctx.Rip, context);
-    if (to == ctx.Rip) continue;
-    ctx.Rip = to;
+#ifdef _WIN64
+    DWORD64& ip = ctx.Rip;
+#else
+    DWORD& ip = ctx.Eip;
+#endif
+    const uint64_t to = map(ip, context);
+    if (to == ip) continue;
+    ip = static_cast<uintptr_t>(to);
     ctx.ContextFlags = CONTEXT_CONTROL;
     if (SetThreadContext(threads_[i], &ctx)) ++moved;
   }

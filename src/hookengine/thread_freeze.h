@@ -31,8 +31,9 @@ class ThreadFreeze {
   ThreadFreeze& operator=(const ThreadFreeze&) = delete;
 
   size_t frozen_count() const { return count_; }
-  // For every frozen thread, passes its instruction pointer to `map`; when `map` returns a
-  // different address, the thread continues there. Returns how many threads were moved.
+  // For every frozen thread, passes its instruction pointer (Rip, or Eip in a 32-bit process) to
+  // `map`; when `map` returns a different address, the thread continues there. Returns how many
+  // threads were moved.
   size_t move_instruction_pointers(uint64_t (*map)(uint64_t rip, const void* context), const void* context);
 
  private:

@@ -19,9 +19,10 @@ enum Imm : uint8_t {
   kIz,     // imm16 with 66, else imm32
   kIv,     // imm64 with REX.W, imm16 with 66, else imm32 (B8-BF)
   kIwb,    // imm16 + imm8 (ENTER)
-  kMoffs,  // address-sized offset: 8 bytes, 4 with 67 (A0-A3)
+  kMoffs,  // address-sized offset: 8 bytes, 4 with 67 (A0-A3); 32-bit mode: 4, 2 with 67
   kRel8,
-  kRelz,  // rel32 (66 ignored on near branches in 64-bit mode, as Intel CPUs do)
+  kRelz,  // rel32 (66 ignored on near branches in 64-bit mode, as Intel CPUs do; rel16 in 32-bit)
+  kPtr,   // far pointer of 9A/EA in 32-bit mode: offset and selector, 6 bytes (4 with 66)
 };
 
 struct OpInfo {
@@ -41,6 +42,7 @@ constexpr OpInfo Z{true, false, kIz};
 constexpr OpInfo R8{true, false, kRel8};
 constexpr OpInfo RZ{true, false, kRelz};
 constexpr OpInfo P = X;  // prefixes and escapes: handled before the table is consulted
+constexpr OpInfo FAR{true, false, kPtr};
 
 // clang-format off
 const OpInfo kOneByte[256] = {
@@ -112,6 +114,23 @@ const OpInfo kTwoByte[256] = {
   // F0-FF: FF ud0
   M, M, M, M, M, M, M, M,   M, M, M, M, M, M, M, M,
 };
+
+// The one-byte opcodes 32-bit mode reads differently from kOneByte: push/pop of segment
+// registers, BCD adjusts, inc/dec (REX in 64-bit mode), pusha/popa, bound (62 unless EVEX), arpl
+// (63), 82 (an alias of 80), far call/jmp with a pointer, les/lds (C4/C5 unless VEX), into,
+// aam/aad with their base.
+OpInfo one_byte_32(uint8_t op) {
+  switch (op) {
+    case 0x06: case 0x07: case 0x0E: case 0x16: case 0x17: case 0x1E: case 0x1F:
+    case 0x27: case 0x2F: case 0x37: case 0x3F: case 0x60: case 0x61: case 0xCE: return N;
+    case 0x62: case 0x63: case 0xC4: case 0xC5: return M;
+    case 0x82: return MB;
+    case 0x9A: case 0xEA: return FAR;
+    case 0xD4: case 0xD5: return B;
+    case 0xD6: return N;  // salc
+    default: return (op & 0xF0) == 0x40 ? N : kOneByte[op];
+  }
+}
 
 // Which ModRM forms each opcode of the 0F, 0F 38 and 0F 3A maps defines, for each mandatory
 // prefix in the order none, 66, F3, F2: '.' undefined, 'a' any, 'm' memory operand only,
@@ -856,7 +875,7 @@ bool lock_allowed(unsigned map, uint8_t op, uint8_t modrm, bool has_modrm) {
   const uint8_t reg = (modrm >> 3) & 7;
   if (map == 0) {
     if (op < 0x40 && (op & 7) < 2 && (op & 0x38) != 0x38) return true;  // add..xor r/m, r (not cmp)
-    if (op == 0x80 || op == 0x81 || op == 0x83) return reg != 7;
+    if (op == 0x80 || op == 0x81 || op == 0x82 || op == 0x83) return reg != 7;  // 82: 32-bit only
     if (op == 0x86 || op == 0x87) return true;
     if (op == 0xF6 || op == 0xF7) return reg == 2 || reg == 3;
     if (op == 0xFE || op == 0xFF) return reg < 2;
@@ -870,6 +889,21 @@ bool lock_allowed(unsigned map, uint8_t op, uint8_t modrm, bool has_modrm) {
     if (op == 0xC7) return reg == 1;
   }
   return false;
+}
+
+// Forms that exist in 64-bit mode only, of opcodes that 32-bit mode has too: swapgs, rd/wr
+// fs/gs base, user interrupts, SEV-SNP page management, TDX module calls, and the AMX tile
+// instructions (VEX 0F 38, map 6 here).
+bool long_mode_only(unsigned map, uint8_t op, Mandatory prefix, uint8_t modrm) {
+  const bool reg_form = (modrm >> 6) == 3;
+  const uint8_t reg = (modrm >> 3) & 7;
+  if (map == 1 && op == 0x01)  // swapgs; uiret, testui, clui, stui; rmpadjust, rmpupdate, psmash;
+    return modrm == 0xF8 ||     // seamret, seamops, seamcall
+           (prefix == kF3 && ((modrm >= 0xEC && modrm <= 0xEF) || modrm >= 0xFE)) ||
+           (modrm == 0xFE && prefix == kF2) || (prefix == k66 && modrm >= 0xCD && modrm <= 0xCF);
+  if (map == 1 && op == 0xAE) return reg_form && reg < 4 && prefix == kF3;
+  if (map == 1 && op == 0xC7) return reg_form && reg == 6 && prefix == kF3;
+  return map == 6 && (op == 0x49 || op == 0x4B || op == 0x5C || op == 0x5E);
 }
 
 // Whether opcode `op` of `map` (0-3 legacy one-byte, 0F, 0F 38, 0F 3A; 5-7 VEX 0F, 0F 38,
@@ -902,7 +936,7 @@ bool form_defined(unsigned map, uint8_t op, Mandatory prefix, uint8_t modrm) {
 
 // Whether a VEX opcode (map 1-3) allows the L, W, vvvv and R fields it was encoded with.
 bool vex_fields_allowed(unsigned map, uint8_t op, Mandatory pp, uint8_t modrm, uint8_t l,
-                        uint8_t w, uint8_t vvvv, bool r) {
+                        uint8_t w, uint8_t vvvv, bool r, Mode mode) {
   const char* rules = map == 1 ? kRulesVex0F : map == 2 ? kRulesVex0F38 : kRulesVex0F3A;
   const char letter = rules[op * 5 + pp];
   if (letter < 'a' || letter >= 'a' + static_cast<int>(sizeof(kVexRules) / sizeof(kVexRules[0])))
@@ -912,7 +946,8 @@ bool vex_fields_allowed(unsigned map, uint8_t op, Mandatory pp, uint8_t modrm, u
       map == 1 && (op == 0x10 || op == 0x11) && (pp == kF3 || pp == kF2) && (modrm >> 6) != 3;
   if (((rule.lw >> (l + 2 * w)) & 1) == 0) return false;
   if ((rule.vvvv == kNoVvvv || scalar_move_to_memory) && vvvv != 0xF) return false;
-  if (rule.vvvv == kLowVvvv && (vvvv & 8) == 0) return false;  // encoded inverted
+  // Encoded inverted; 32-bit mode ignores the top bit of a register operand (not of an unused vvvv).
+  if (rule.vvvv == kLowVvvv && (vvvv & 8) == 0 && mode == Mode::k64) return false;
   return rule.r_allowed || !r;
 }
 
@@ -959,9 +994,10 @@ struct Opcode {
   uint8_t vex_l = 0, vex_w = 0, vvvv = 0xF;  // VEX fields (vvvv as encoded, 1111 = none)
   bool vex_r = false, vex_x = false, vex_b = false;  // VEX.R, X, B: reg, index, rm + 8
   uint8_t evex[3] = {};  // EVEX payload P0-P2
+  bool low_registers = false;  // 32-bit mode: register fields name registers 0-7 only
 };
 
-bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first) {
+bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first, Mode mode) {
   for (;;) {
     uint8_t b = 0;
     if (!c->take(&b)) return false;
@@ -977,7 +1013,7 @@ bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first) {
         p->lock = true;
       continue;
     }
-    if ((b & 0xF0) == 0x40) {
+    if ((b & 0xF0) == 0x40 && mode == Mode::k64) {  // inc/dec in 32-bit mode
       p->rex = b;
       continue;
     }
@@ -987,9 +1023,10 @@ bool read_prefixes(Cursor* c, Prefixes* p, uint8_t* first) {
 }
 
 // VEX (C4/C5) and EVEX (62): the payload, the map and the opcode byte.
-bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
+bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn, Mode mode) {
   if (p.rex != 0 || p.opsize || p.rep || p.lock) return false;  // REX/66/F2/F3/F0 first: #UD
   o->vex_like = true;
+  o->low_registers = mode == Mode::k32;
   uint8_t v[2];
   if (o->first == 0xC4 || o->first == 0xC5) {
     // C5: R vvvv L pp (W = 0, map 0F). C4: R X B map, then W vvvv L pp. R inverted.
@@ -999,7 +1036,7 @@ bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
     const uint8_t last = o->first == 0xC5 ? v[0] : v[1];
     o->vex_r = (v[0] & 0x80) == 0;
     o->vex_x = o->first == 0xC4 && (v[0] & 0x40) == 0;
-    o->vex_b = o->first == 0xC4 && (v[0] & 0x20) == 0;
+    o->vex_b = o->first == 0xC4 && (v[0] & 0x20) == 0 && mode == Mode::k64;  // ignored in 32-bit mode
     o->vex_w = o->first == 0xC5 ? 0 : last >> 7;
     o->vvvv = (last >> 3) & 0xF;
     o->vex_l = (last >> 2) & 1;
@@ -1012,6 +1049,10 @@ bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
     if ((e[0] & 0x08) != 0 || (e[1] & 0x04) == 0) return false;
     o->map = e[0] & 0x07;
     if (o->map == 0 || o->map == 4 || o->map == 7) return false;
+    if (mode == Mode::k32) {  // R' and B are ignored; V' must be set (no vector register above 7)
+      if ((e[2] & 0x08) == 0) return false;
+      e[0] |= 0x30;
+    }
     o->pp = static_cast<Mandatory>(e[1] & 3);
   }
   if (!c->take(&o->op)) return false;
@@ -1023,7 +1064,7 @@ bool read_vex(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
 }
 
 // Legacy opcodes: the escape bytes, the opcode and its immediate.
-bool read_legacy_opcode(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn) {
+bool read_legacy_opcode(Cursor* c, const Prefixes& p, Opcode* o, Instruction* insn, Mode mode) {
   o->op = o->first;
   OpInfo info;
   if (o->first == 0x0F) {
@@ -1043,7 +1084,7 @@ bool read_legacy_opcode(Cursor* c, const Prefixes& p, Opcode* o, Instruction* in
       }
     }
   } else {
-    info = kOneByte[o->first];
+    info = mode == Mode::k64 ? kOneByte[o->first] : one_byte_32(o->first);
     if (o->first == 0xC8)
       info = OpInfo{true, false, kIwb};
     else if (o->first >= 0xA0 && o->first <= 0xA3)
@@ -1064,9 +1105,10 @@ bool read_legacy_opcode(Cursor* c, const Prefixes& p, Opcode* o, Instruction* in
     case kIz: o->imm_size = p.opsize && !rex_w ? 2 : 4; break;  // REX.W overrides 66
     case kIv: o->imm_size = rex_w ? 8 : (p.opsize ? 2 : 4); break;
     case kIwb: o->imm_size = 3; break;
-    case kMoffs: o->imm_size = p.addrsize ? 4 : 8; break;
+    case kMoffs: o->imm_size = mode == Mode::k64 ? (p.addrsize ? 4 : 8) : (p.addrsize ? 2 : 4); break;
     case kRel8: o->imm_size = 1; break;
-    case kRelz: o->imm_size = 4; break;
+    case kRelz: o->imm_size = mode == Mode::k32 && p.opsize ? 2 : 4; break;
+    case kPtr: o->imm_size = p.opsize ? 4 : 6; break;
   }
   // 0F map opcodes without ModRM still depend on the mandatory prefix (e.g. 0F 77 emms).
   if (o->map != 0 && !o->has_modrm && !form_defined(o->map, o->op, p.mandatory(), 0xC0))
@@ -1076,8 +1118,9 @@ bool read_legacy_opcode(Cursor* c, const Prefixes& p, Opcode* o, Instruction* in
 
 // A legacy opcode's ModRM: whether it selects a defined form, and what it changes in the
 // immediate (F6/F7 test) or the branch (C7 F8 xbegin).
-bool check_legacy_modrm(const Prefixes& p, Opcode* o, uint8_t modrm, Instruction* insn) {
+bool check_legacy_modrm(const Prefixes& p, Opcode* o, uint8_t modrm, Instruction* insn, Mode mode) {
   if (!form_defined(o->map, o->op, p.mandatory(), modrm)) return false;
+  if (mode == Mode::k32 && long_mode_only(o->map, o->op, p.mandatory(), modrm)) return false;
   const uint8_t reg = (modrm >> 3) & 7;
   const bool rex_w = (p.rex & 0x08) != 0, rex_r = (p.rex & 0x04) != 0;
   if (o->map == 1 && o->op >= 0x20 && o->op <= 0x23 && rex_r) {
@@ -1089,8 +1132,9 @@ bool check_legacy_modrm(const Prefixes& p, Opcode* o, uint8_t modrm, Instruction
   const bool hint_nop = reg_form && (m == kNone || (m == kF3 && o->op == 0x1B));
   if (o->map == 1 && (o->op == 0x1A || o->op == 0x1B) && !hint_nop) {
     // MPX: bnd0-bnd3 only; bndldx/bndstx (no prefix) and bndmk (F3 0F 1B) take no [rip].
-    const bool rip = (modrm & 0xC7) == 0x05;
+    const bool rip = (modrm & 0xC7) == 0x05 && mode == Mode::k64;
     if (rex_r || (m == k66 && reg_form && (p.rex & 0x01) != 0)) return false;
+    if (mode == Mode::k32 && p.addrsize && !reg_form) return false;  // no 16-bit addressing for bounds
     if (rip && (m == kNone || (m == kF3 && o->op == 0x1B))) return false;
   }
   if (o->map != 0) return true;
@@ -1104,19 +1148,28 @@ bool check_legacy_modrm(const Prefixes& p, Opcode* o, uint8_t modrm, Instruction
 }
 
 // ModRM, SIB and displacement. mov cr/dr (0F 20-23) ignore mod: always a register operand.
-bool read_modrm(Cursor* c, const Opcode& o, uint8_t* modrm, uint8_t* sib, Instruction* insn) {
+// 16-bit addressing (67 in 32-bit mode) has no SIB: [disp16] is mod 00 rm 110.
+bool read_modrm(Cursor* c, const Opcode& o, bool addr16, uint8_t* modrm, uint8_t* sib, Instruction* insn) {
   if (!c->take(modrm)) return false;
   const uint8_t mod = *modrm >> 6, rm = *modrm & 7;
   const bool force_reg = !o.vex_like && o.map == 1 && o.op >= 0x20 && o.op <= 0x23;
   if (mod == 3 || force_reg) return true;
+  if (addr16) {
+    const bool absolute = mod == 0 && rm == 6;
+    insn->absolute_address = absolute;
+    if (mod != 0 || absolute) insn->disp_offset = static_cast<uint8_t>(c->pos);
+    return c->skip(mod == 1 ? 1 : mod == 2 || absolute ? 2 : 0);
+  }
   if (rm == 4) {
     if (!c->take(sib)) return false;
     if (mod == 0 && (*sib & 7) == 5) {
+      insn->absolute_address = ((*sib >> 3) & 7) == 4;  // no index, unless extended: see decode
       insn->disp_offset = static_cast<uint8_t>(c->pos);
       return c->skip(4);
     }
   } else if (mod == 0 && rm == 5) {
-    insn->rip_relative = true;
+    insn->rip_relative = insn->mode == Mode::k64;
+    insn->absolute_address = insn->mode == Mode::k32;
     insn->disp_offset = static_cast<uint8_t>(c->pos);
     return c->skip(4);
   }
@@ -1131,7 +1184,7 @@ bool read_modrm(Cursor* c, const Opcode& o, uint8_t* modrm, uint8_t* sib, Instru
 // and sources in different registers: destination, index and mask; or the three tiles.
 bool vex_registers_distinct(const Opcode& o, uint8_t modrm, uint8_t sib) {
   if (o.map != 2) return true;
-  const unsigned reg = ((modrm >> 3) & 7) | (o.vex_r ? 8 : 0), v = (~o.vvvv) & 0xF;
+  const unsigned reg = ((modrm >> 3) & 7) | (o.vex_r ? 8 : 0), v = (~o.vvvv) & (o.low_registers ? 7 : 0xF);
   if (o.pp == k66 && o.op >= 0x90 && o.op <= 0x93) {
     const unsigned index = ((sib >> 3) & 7) | (o.vex_x ? 8 : 0);
     return reg != index && reg != v && index != v;
@@ -1166,6 +1219,11 @@ bool evex_allowed(const Opcode& o, uint8_t modrm, uint8_t sib) {
   const unsigned w = p1 >> 7, ll = (p2 >> 5) & 3, b = (p2 >> 4) & 1, z = p2 >> 7;
   const bool masked = (p2 & 7) != 0, v_high = (p2 & 8) == 0, vvvv_set = ((p1 >> 3) & 0xF) != 0xF;
   if (((rule.wlb >> (w + 2 * ll + 8 * b)) & 1) == 0) return false;
+  if (o.low_registers && w == 1 &&  // 32-bit mode: no 64-bit integer source of these conversions
+      ((o.map == 1 && o.pp == kF2 && (o.op == 0x2A || o.op == 0x7B) && b == 1) ||  // (rounding)
+       (o.map == 5 && o.pp == kF3 && (o.op == 0x2A || o.op == 0x2C || o.op == 0x2D || o.op == 0x78 ||
+                                      o.op == 0x79 || o.op == 0x7B))))
+    return false;
   if (((rule.masks >> (z + 2 * masked)) & 1) == 0) return false;
   if (((rule.vvvv >> (v_high + 2 * vvvv_set)) & 1) == 0) return false;
   if ((p0 & 0x10) == 0 && !rule.r_high) return false;
@@ -1184,7 +1242,7 @@ bool evex_allowed(const Opcode& o, uint8_t modrm, uint8_t sib) {
   }
   if (o.map == 6 && (o.pp == kF3 || o.pp == kF2) && (o.op & 0x7E) == 0x56) {
     // Complex FP16 multiplies: the destination must differ from both sources.
-    const unsigned v = ((~p1 >> 3) & 0xF) | (v_high ? 16 : 0);
+    const unsigned v = ((~p1 >> 3) & (o.low_registers ? 7 : 0xF)) | (v_high ? 16 : 0);
     const unsigned rm = (modrm & 7) | ((p0 & 0x20) ? 0 : 8) | ((p0 & 0x40) ? 0 : 16);
     if (dest == v || (reg_form && dest == rm)) return false;
   }
@@ -1192,7 +1250,7 @@ bool evex_allowed(const Opcode& o, uint8_t modrm, uint8_t sib) {
 }
 
 // Relative branches and how the instruction ends the fall-through path.
-void classify(const Opcode& o, uint8_t modrm, Instruction* insn) {
+void classify(const Opcode& o, uint8_t modrm, Instruction* insn) {  // EA exists in 32-bit mode only
   if (o.vex_like) return;
   const uint8_t b = o.op;
   if (o.map == 0) {
@@ -1212,7 +1270,7 @@ void classify(const Opcode& o, uint8_t modrm, Instruction* insn) {
     const uint8_t reg = (modrm >> 3) & 7;
     if (b == 0xC2 || b == 0xC3 || b == 0xCA || b == 0xCB || b == 0xCF)
       insn->flow = FlowKind::kReturn;
-    else if (b == 0xE9 || b == 0xEB || (b == 0xFF && (reg == 4 || reg == 5)))
+    else if (b == 0xE9 || b == 0xEB || b == 0xEA || (b == 0xFF && (reg == 4 || reg == 5)))
       insn->flow = FlowKind::kJumpAlways;
     else if (b == 0xCC)
       insn->flow = FlowKind::kInt3;
@@ -1229,41 +1287,61 @@ bool fail(Instruction* out) {
 
 }  // namespace
 
-bool decode(const uint8_t* code, size_t available, Instruction* out) {
+bool decode(const uint8_t* code, size_t available, Instruction* out, Mode mode) {
   if (code == nullptr) return fail(out);
   Instruction insn;
+  insn.mode = mode;
   Cursor c{code, available < kMaxLength ? available : kMaxLength};
 
   Prefixes p;
   Opcode o;
-  if (!read_prefixes(&c, &p, &o.first)) return fail(out);
+  if (!read_prefixes(&c, &p, &o.first, mode)) return fail(out);
   insn.operand_size_prefix = p.opsize;
   insn.address_size_prefix = p.addrsize;
 
   // 8F is pop r/m (legacy) unless the next byte's map field is 8 or more: AMD's XOP, refused.
   uint8_t next = 0;
-  if (o.first == 0x8F && c.peek(&next) && (next & 0x1F) >= 8) return fail(out);
-  const bool vex = o.first == 0xC4 || o.first == 0xC5 || o.first == 0x62;
-  if (!(vex ? read_vex(&c, p, &o, &insn) : read_legacy_opcode(&c, p, &o, &insn)))
+  const bool has_next = c.peek(&next);
+  if (o.first == 0x8F && has_next && (next & 0x1F) >= 8) return fail(out);
+  // In 32-bit mode C4/C5/62 are les/lds/bound unless the next byte is a register-form ModRM
+  // (which those do not allow): then they are VEX/EVEX.
+  const bool vex = (o.first == 0xC4 || o.first == 0xC5 || o.first == 0x62) &&
+                   (mode == Mode::k64 || !has_next || (next & 0xC0) == 0xC0);
+  if (!(vex ? read_vex(&c, p, &o, &insn, mode) : read_legacy_opcode(&c, p, &o, &insn, mode)))
     return fail(out);
 
   uint8_t modrm = 0, sib = 0;
   if (o.has_modrm) {
     if (!c.peek(&modrm)) return fail(out);
-    if (!o.vex_like && !check_legacy_modrm(p, &o, modrm, &insn)) return fail(out);
-    if (!read_modrm(&c, o, &modrm, &sib, &insn)) return fail(out);
+    if (!o.vex_like && !check_legacy_modrm(p, &o, modrm, &insn, mode)) return fail(out);
+    if (!read_modrm(&c, o, mode == Mode::k32 && p.addrsize, &modrm, &sib, &insn)) return fail(out);
+    // A SIB index of 100 names a register when REX.X/VEX.X/EVEX.X extends it, or a vector
+    // register in the VSIB forms (gathers, scatters and their prefetches).
+    const bool vsib = o.vex_like && o.map == 2 && o.pp == k66 &&
+                      ((o.op >= 0x90 && o.op <= 0x93) ||
+                       (o.first == 0x62 && ((o.op >= 0xA0 && o.op <= 0xA3) || o.op == 0xC6 || o.op == 0xC7)));
+    const bool evex_x = o.first == 0x62 && o.vex_like && (o.evex[0] & 0x40) == 0;
+    if ((p.rex & 0x02) != 0 || o.vex_x || evex_x || vsib)
+      insn.absolute_address = insn.absolute_address && (modrm & 7) != 4;
+    if (vsib && mode == Mode::k32 && p.addrsize) return fail(out);  // 16-bit addressing has no SIB
   }
   const uint8_t form = o.has_modrm ? modrm : 0xC0;  // no ModRM (vzeroupper): as a register form
   if (o.vex_like && o.first != 0x62 &&
       (!form_defined(o.map + 4, o.op, o.pp, form) ||
-       !vex_fields_allowed(o.map, o.op, o.pp, form, o.vex_l, o.vex_w, o.vvvv, o.vex_r) ||
+       !vex_fields_allowed(o.map, o.op, o.pp, form, o.vex_l, o.vex_w, o.vvvv, o.vex_r, mode) ||
        !vex_registers_distinct(o, modrm, sib)))
     return fail(out);
-  if (o.first == 0x62 && !evex_allowed(o, modrm, sib)) return fail(out);
+  if (o.vex_like && o.first != 0x62 && mode == Mode::k32 && long_mode_only(o.map + 4, o.op, o.pp, form))
+    return fail(out);
+  if (o.first == 0x62 && o.vex_like && !evex_allowed(o, modrm, sib)) return fail(out);
   if (p.lock && !o.vex_like && !lock_allowed(o.map, o.op, modrm, o.has_modrm)) return fail(out);
 
   const size_t imm_offset = c.pos;
   if (!c.skip(o.imm_size)) return fail(out);
+  if (!o.vex_like && o.map == 0 && o.first >= 0xA0 && o.first <= 0xA3) {  // moffs
+    insn.absolute_address = true;
+    insn.disp_offset = static_cast<uint8_t>(imm_offset);
+  }
 
   classify(o, modrm, &insn);
   if (insn.branch != BranchKind::kNone) {
@@ -1299,7 +1377,8 @@ uint64_t branch_target(const Instruction& insn, const uint8_t* code, uint64_t ad
   const uint64_t next = address + insn.length;
   const uint64_t target =
       next + static_cast<uint64_t>(read_signed(code + insn.rel_offset, insn.rel_size));
-  if (insn.rel_size == 2) return target & 0xFFFF;  // xbegin with 66
+  if (insn.rel_size == 2) return target & 0xFFFF;  // xbegin with 66; rel16 in 32-bit mode
+  if (insn.mode == Mode::k32) return target & (insn.operand_size_prefix ? 0xFFFFu : 0xFFFFFFFFu);
   return target;
 }
 

@@ -9,11 +9,11 @@
 
 #include "agent/copy_audit.h"
 #include "agent/secret_audit.h"
-#include "host/utf_conversion.h"
 #include "host/debug_trace.h"
 #include "host/owners.h"
 #include "host/policy_block.h"
 #include "host/system_version.h"
+#include "host/utf_conversion.h"
 #include "intercept/copy_screening.h"
 #include "intercept/replacement_boundary.h"
 #include "protect/parked_originals.h"

@@ -4,8 +4,8 @@
 
 #include <boost/filesystem.hpp>
 
-#include "host/utf_conversion.h"
 #include "host/owners.h"
+#include "host/utf_conversion.h"
 
 namespace fs = boost::filesystem;
 

@@ -8,9 +8,9 @@
 #include <map>
 
 #include "host/caller_context.h"
-#include "host/utf_conversion.h"
 #include "host/debug_trace.h"
 #include "host/owners.h"
+#include "host/utf_conversion.h"
 #include "protect/long_path.h"
 #include "protect/md5.h"
 #include "protect/table_lock.h"

@@ -7,8 +7,8 @@
 #include <memory>
 #include <new>
 
-#include "host/utf_conversion.h"
 #include "host/owners.h"
+#include "host/utf_conversion.h"
 #include "protect/block_cipher.h"
 #include "protect/key_mask.h"
 #include "protect/md5.h"

@@ -2,11 +2,15 @@
 // harness (the patch leads to a relay in the engine's execute-read pages, the trampoline calls
 // the original through, refusals write nothing, a foreign patch is left alone, the removal
 // restores every byte; a row with threads calls the target from them while the hook is set and
-// removed), and the per-thread barrier of the own flat-hook functions.
+// removed), and the per-thread barrier of the own flat-hook functions. The program is built
+// twice, for 64-bit and for 32-bit processes (WoW64 under Wine): each runs the rows of its
+// bitness, and every function it hooks is WINAPI (stdcall in 32-bit code: the callee pops its
+// arguments, so a relay, stub or trampoline that moved the stack would show).
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -15,26 +19,53 @@
 #include "hookengine/code_memory.h"
 #include "hookengine/flat_hooks.h"
 #include "hookengine/inline_hook.h"
-#include "kwtest.h"
 
 using namespace hookengine;
 
 namespace {
 
-// The one replacement: counts the call and passes the four argument registers to the original.
-using Fn4 = uint64_t (*)(uint64_t, uint64_t, uint64_t, uint64_t);
+constexpr bool k64 = sizeof(void*) == 8;
+
+// A crash in any thread fails the program at once: a 32-bit process under Wine's WoW64 whose
+// worker thread crashed while the main one went on was seen to end with exit code 0.
+LONG WINAPI fail_on_crash(EXCEPTION_POINTERS* e) {
+  std::fprintf(stderr, "unhandled exception %08lx at %p\n", e->ExceptionRecord->ExceptionCode,
+               e->ExceptionRecord->ExceptionAddress);
+  std::fflush(stderr);
+  TerminateProcess(GetCurrentProcess(), 3);
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+const LPTOP_LEVEL_EXCEPTION_FILTER g_previous_filter = SetUnhandledExceptionFilter(&fail_on_crash);
+
+// The one replacement: counts the call and passes its three arguments to the original.
+using Fn3 = uintptr_t(WINAPI*)(uintptr_t, uintptr_t, uintptr_t);
 std::atomic<long> g_calls{0};
 void* g_real = nullptr;
-uint64_t probe(uint64_t a, uint64_t b, uint64_t c, uint64_t d) {
+uintptr_t WINAPI probe(uintptr_t a, uintptr_t b, uintptr_t c) {
   ++g_calls;
-  return reinterpret_cast<Fn4>(g_real)(a, b, c, d);
+  return reinterpret_cast<Fn3>(g_real)(a, b, c);
 }
 
-// A fresh writable code page: `bytes`, nops to 64, then zeros.
-uint8_t* code_page_with(const std::vector<uint8_t>& bytes) {
+// Where the jump at `code` (E9 rel32, or FF 25 through a literal) leads.
+uintptr_t jump_destination(const uint8_t* code) {
+  int32_t rel;
+  uintptr_t literal = 0;
+  std::memcpy(&rel, code + 2, 4);
+  if (code[0] == 0xE9) return std::memcpy(&rel, code + 1, 4), reinterpret_cast<uintptr_t>(code) + 5 + rel;
+  const uintptr_t at = k64 ? reinterpret_cast<uintptr_t>(code) + 6 + rel : static_cast<uint32_t>(rel);  // [rip+x], [x]
+  if (code[0] == 0xFF && code[1] == 0x25) std::memcpy(&literal, reinterpret_cast<const void*>(at), sizeof literal);
+  return literal;
+}
+
+// A fresh writable code page: `bytes`, nops to 64, then zeros. abs_at: the 4 bytes there hold an
+// offset into the page, made the absolute address it names (a 32-bit [disp32] operand).
+uint8_t* code_page_with(const std::vector<uint8_t>& bytes, size_t abs_at) {
   auto page = static_cast<uint8_t*>(VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE));
   std::memset(page, 0x90, 64);
   std::copy(bytes.begin(), bytes.end(), page);
+  uint32_t at = 0;
+  if (abs_at != 0) std::memcpy(&at, page + abs_at, 4), at += static_cast<uint32_t>(reinterpret_cast<uintptr_t>(page));
+  if (abs_at != 0) std::memcpy(page + abs_at, &at, 4);
   return page;
 }
 // call rax ending at offset 5, the middle of an absolute patch.
@@ -45,9 +76,30 @@ const std::vector<uint8_t> kTestRipJne = {0x48, 0x83, 0xEC, 0x28, 0xF6, 0x05, 0x
                                           0x03, 0x48, 0x31, 0xC9, 0x48, 0x89, 0xC8, 0x48, 0x83, 0xC4, 0x28, 0xC3};
 // mov rax,rcx; lock inc qword [rip+0F5h] (the counter at +100h); ret.
 const std::vector<uint8_t> kCounted = {0x48, 0x89, 0xC8, 0xF0, 0x48, 0xFF, 0x05, 0xF5, 0x00, 0x00, 0x00, 0xC3};
+// 32-bit, stdcall with three arguments. cmp eax,eax; je +5 (taken, out of the patch); xor eax,eax;
+// ret 12; mov eax,[esp+4]; test byte [page+20h],1 (odd); jne +2; xor eax,eax; ret 12.
+const std::vector<uint8_t> kJeAbs32 = {0x39, 0xC0, 0x74, 0x05, 0x31, 0xC0, 0xC2, 0x0C, 0x00, 0x8B, 0x44, 0x24, 0x04,
+                                       0xF6, 0x05, 0x20, 0, 0, 0, 0x01, 0x75, 0x02, 0x31, 0xC0, 0xC2, 0x0C, 0x00,
+                                       0x90, 0x90, 0x90, 0x90, 0x90, 0x01};
+// call $+5; pop ecx; mov eax,[ecx+1Bh] (the 42 at +20h when ecx holds the original +5); ret 12.
+const std::vector<uint8_t> kCallNext32 = {0xE8, 0, 0, 0, 0, 0x59, 0x8B, 0x41, 0x1B, 0xC2, 0x0C, 0x00, 0x90, 0x90,
+                                          0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90,
+                                          0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 42, 0, 0, 0};
+// xor eax,eax; call +29h (mov eax,[esp]; ret: a pc thunk); mov eax,[eax+19h] (the 42 at +20h when
+// the thunk returned the original +7); ret 12.
+const std::vector<uint8_t> kPcThunk32 = {
+    0x31, 0xC0, 0xE8, 0x29, 0, 0, 0, 0x8B, 0x40, 0x19, 0xC2, 0x0C, 0x00, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90,
+    0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 42,   0,    0,    0,    0x90, 0x90,
+    0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x8B, 0x04, 0x24, 0xC3};
+// push ebx; cpuid (slow: most threads the freeze stops here stand at the pop, inside the patch);
+// pop ebx; mov eax,[esp+4]; lock inc dword [page+100h]; ret 12.
+const std::vector<uint8_t> kCounted32 = {0x53, 0x0F, 0xA2, 0x5B, 0x8B, 0x44, 0x24, 0x04, 0xF0, 0xFF,
+                                         0x05, 0x00, 0x01, 0,    0,    0xC2, 0x0C, 0x00};
 
+enum Bitness { kBoth, k64Only, k32Only };
 struct Scenario {
   const char* name;
+  Bitness bitness;
   void* real;                    // a system function; null: `code` in a fresh page (none: a null target)
   std::vector<uint8_t> code;
   bool absolute;
@@ -55,19 +107,36 @@ struct Scenario {
   size_t patch_size = 0, copied = 0;  // expected when hooked; copied 0: any
   int64_t result = -1;                // what a call with (6, 7, 3) returns; -1: not called
   int threads = 0;                    // that call from this many threads (call_from_threads)
+  size_t abs_at = 0;                  // see code_page_with
 };
 
 const Scenario kScenarios[] = {
-    {"MulDiv", reinterpret_cast<void*>(&MulDiv), {}, false, HookStatus::kOk, 5, 0, 14},
-    {"test [rip] and jne near", nullptr, kTestRipJne, false, HookStatus::kOk, 5, 11, 6},
-    {"test [rip] and jne absolute", nullptr, kTestRipJne, true, HookStatus::kOk, 14, 16, 6},
-    {"threads frozen and moved", nullptr, kCounted, false, HookStatus::kOk, 5, 11, 6, 8},
-    {"call inside the absolute patch", nullptr, kCallAt5, true, HookStatus::kCallReturnsIntoPatch},
-    {"ret then code", nullptr, {0xC3, 0x48, 0x89, 0xC8, 0x48, 0x89, 0xC8}, false, HookStatus::kFunctionTooShort},
-    {"loop back into the patch", nullptr, {0x48, 0x89, 0xC8, 0x48, 0xFF, 0xC9, 0x75, 0xFA, 0xC3}, false,
+    {"MulDiv", kBoth, reinterpret_cast<void*>(&MulDiv), {}, false, HookStatus::kOk, 5, 0, 14},
+    {"test [rip] and jne near", k64Only, nullptr, kTestRipJne, false, HookStatus::kOk, 5, 11, 6},
+    {"test [rip] and jne absolute", k64Only, nullptr, kTestRipJne, true, HookStatus::kOk, 14, 16, 6},
+    {"threads frozen and moved", k64Only, nullptr, kCounted, false, HookStatus::kOk, 5, 11, 6, 8},
+    {"call inside the absolute patch", k64Only, nullptr, kCallAt5, true, HookStatus::kCallReturnsIntoPatch},
+    {"ret then code", kBoth, nullptr, {0xC3, 0x48, 0x89, 0xC8, 0x48, 0x89, 0xC8}, false, HookStatus::kFunctionTooShort},
+    {"loop back into the patch", kBoth, nullptr, {0x48, 0x89, 0xC8, 0x48, 0xFF, 0xC9, 0x75, 0xFA, 0xC3}, false,
      HookStatus::kBranchIntoPatch},
-    {"undecodable", nullptr, {0x06, 0x06, 0x06, 0x06, 0x06, 0x06}, false, HookStatus::kUndecodable},
+    {"undecodable", k64Only, nullptr, {0x06, 0x06, 0x06, 0x06, 0x06, 0x06}, false, HookStatus::kUndecodable},
+    {"undecodable", k32Only, nullptr, {0x0F, 0x04, 0x0F, 0x04, 0x0F, 0x04}, false, HookStatus::kUndecodable},
+    {"je widened, [abs32] kept", k32Only, nullptr, kJeAbs32, false, HookStatus::kOk, 5, 6, 6, 0, 15},
+    {"absolute asked, near given", k32Only, nullptr, kJeAbs32, true, HookStatus::kOk, 5, 6, 6, 0, 15},
+    {"call $+5; pop rebuilt", k32Only, nullptr, kCallNext32, false, HookStatus::kOk, 5, 5, 42},
+    {"pc thunk sees the original return address", k32Only, nullptr, kPcThunk32, false, HookStatus::kOk, 5, 7, 42},
+    {"threads frozen and moved", k32Only, nullptr, kCounted32, false, HookStatus::kOk, 5, 8, 6, 2, 11},
+    {"call into the patched bytes", k32Only, nullptr, {0x90, 0xE8, 0xFF, 0xFF, 0xFF, 0xFF, 0xC3}, false,
+     HookStatus::kCallIntoPatch},
+    {"call inside the patch", k32Only, nullptr, {0x90, 0x90, 0xFF, 0xD0, 0x90, 0x90}, false,
+     HookStatus::kCallReturnsIntoPatch},
 };
+std::vector<Scenario> this_bitness() {
+  std::vector<Scenario> rows;
+  for (const Scenario& s : kScenarios)
+    if (s.bitness == kBoth || (s.bitness == k64Only) == k64) rows.push_back(s);
+  return rows;
+}
 
 // Threads call the hooked target while the hook is removed and set again 2000 times: the other
 // threads are frozen while the patch is written and moved out of the bytes it covers, so no call
@@ -80,12 +149,12 @@ void call_from_threads(int count, uint8_t* entry) {
   std::vector<std::thread> threads;
   for (int t = 0; t < count; ++t) {
     threads.emplace_back([&, t] {
-      uint64_t n = t * 1000003ull;
+      uintptr_t n = t * 1000003u;
       for (; !stop.load(std::memory_order_relaxed); ++n) {
-        wrong += reinterpret_cast<Fn4>(entry)(n, 0, 0, 0) != n;
+        wrong += reinterpret_cast<Fn3>(entry)(n, 0, 0) != n;
         if ((n & 1023) == 0) Sleep(1);  // eight threads spinning on two cores would only slow each freeze
       }
-      calls += n - t * 1000003ull;
+      calls += n - t * 1000003u;
     });
   }
   int failures = 0;
@@ -104,7 +173,7 @@ class Engine : public ::testing::TestWithParam<Scenario> {};
 TEST_P(Engine, PatchesCallsThroughAndRestores) {
   const Scenario& s = GetParam();
   SCOPED_TRACE(s.name);
-  auto* entry = static_cast<uint8_t*>(s.real != nullptr ? s.real : s.code.empty() ? nullptr : code_page_with(s.code));
+  auto* entry = static_cast<uint8_t*>(s.real != nullptr ? s.real : s.code.empty() ? nullptr : code_page_with(s.code, s.abs_at));
   auto bytes = [&] { return std::string(reinterpret_cast<char*>(entry), 32); };
   const std::string before = entry != nullptr ? bytes() : "";
   HookOptions options{s.absolute};
@@ -114,12 +183,12 @@ TEST_P(Engine, PatchesCallsThroughAndRestores) {
   EXPECT_EQ(last_hook_status(), s.status);
   if (s.status != HookStatus::kOk) {
     EXPECT_EQ(g_real, entry);
-    if (entry != nullptr) EXPECT_EQ(bytes(), before) << "refused but written";
+    EXPECT_TRUE(entry == nullptr || bytes() == before) << "refused but written";
     return;
   }
   HookInfo info;
   ASSERT_TRUE(describe_hook(record, &info));
-  EXPECT_EQ(kwtest::jump_destination(entry), info.relay);
+  EXPECT_EQ(jump_destination(entry), info.relay);
   EXPECT_EQ(reinterpret_cast<uint64_t>(g_real), info.trampoline);
   EXPECT_EQ(info.patch_size, s.patch_size);
   EXPECT_EQ(info.copied_length, s.copied != 0 ? s.copied : info.copied_length);
@@ -138,7 +207,9 @@ TEST_P(Engine, PatchesCallsThroughAndRestores) {
     std::memcpy(entry, ours.data(), 5);
   }
   g_calls = 0;
-  if (s.result >= 0) EXPECT_EQ(static_cast<int64_t>(reinterpret_cast<Fn4>(entry)(6, 7, 3, 0)), s.result);
+  if (s.result >= 0) {
+    EXPECT_EQ(static_cast<int64_t>(reinterpret_cast<Fn3>(entry)(6, 7, 3)), s.result);
+  }
   EXPECT_EQ(g_calls.exchange(0), s.result >= 0 ? 1 : 0);
   if (s.threads > 0) call_from_threads(s.threads, entry);
   EXPECT_EQ(remove_hook(&g_real), HookStatus::kOk);
@@ -146,26 +217,27 @@ TEST_P(Engine, PatchesCallsThroughAndRestores) {
   EXPECT_EQ(g_real, entry);
   EXPECT_EQ(bytes(), before);
 }
-INSTANTIATE_TEST_SUITE_P(Scenarios, Engine, ::testing::ValuesIn(kScenarios));
+INSTANTIATE_TEST_SUITE_P(Scenarios, Engine, ::testing::ValuesIn(this_bitness()));
 
 // ---- the per-thread barrier of the own flat-hook functions ----
 std::atomic<int> g_count[4];  // calls of A's original, A's replacement, B's original, B's replacement
-long (*volatile g_a)(long) = nullptr, (*volatile g_b)(long) = nullptr;  // by their entries, as a replacement calls them
-extern "C" __attribute__((noinline)) long barrier_a(long x) {
+long(WINAPI* volatile g_a)(long) = nullptr;  // by their entries, as a replacement calls them
+long(WINAPI* volatile g_b)(long) = nullptr;
+extern "C" __attribute__((noinline)) long WINAPI barrier_a(long x) {
   ++g_count[0];
   SetLastError(1234);
   return x + 1;
 }
-extern "C" __attribute__((noinline)) long barrier_b(long x) {
+extern "C" __attribute__((noinline)) long WINAPI barrier_b(long x) {
   ++g_count[2];
   return x * 2;
 }
-extern "C" long a_replacement(long x) {
+extern "C" long WINAPI a_replacement(long x) {
   ++g_count[1];
   const long nested = g_b(x);    // another hooked function: intercepted
   return g_a(x) + nested * 100;  // itself by its entry: the original
 }
-extern "C" long b_replacement(long x) {
+extern "C" long WINAPI b_replacement(long x) {
   ++g_count[3];
   return g_b(x);
 }

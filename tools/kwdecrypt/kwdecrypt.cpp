@@ -13,8 +13,8 @@
 #include <memory>
 #include <string>
 
-#include "host/utf_conversion.h"
 #include "host/owners.h"
+#include "host/utf_conversion.h"
 #include "protect/block_cipher.h"
 #include "protect/md5.h"
 #include "protect/transform.h"

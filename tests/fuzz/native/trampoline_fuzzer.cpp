@@ -1,7 +1,8 @@
-// Arbitrary bytes through the x86-64 decoder and the trampoline builder. Byte 0 picks the patch
-// size (5..14, low nibble) and the placement (bits 4-5: near, far below, far above, or two
-// user-mode addresses from the next 16 bytes); the rest is the code, readable to its last byte
-// only (a heap copy of exactly that size, so AddressSanitizer sees any read beyond).
+// Arbitrary bytes through the x86 decoder and the trampoline builder, in both modes. Byte 0 picks
+// the patch size (5..14, low nibble), the placement (bits 4-5: near, far below, far above, or two
+// user-mode addresses from the next 16 bytes) and the mode (bit 6: 32-bit, the addresses then
+// brought below 4 GB); the rest is the code, readable to its last byte only (a heap copy of exactly
+// that size, so AddressSanitizer sees any read beyond).
 // Checked: the decoder agrees with Zydis on every instruction read linearly, and the trampoline
 // (or refusal) passes build_checked.
 #include <cstdint>
@@ -29,17 +30,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       std::memcpy(&out_address, data + 9, 8);
       target &= 0x00007FFFFFFFFFFFull, out_address &= 0x00007FFFFFFFFFFFull, header = 17;
   }
+  const hookengine::Mode mode = (data[0] & 0x40) ? hookengine::Mode::k32 : hookengine::Mode::k64;
+  // A 32-bit process's user-mode addresses end below 0xFFFF0000 (4 GB large-address-aware under WoW64).
+  if (mode == hookengine::Mode::k32) target %= 0xFFFE0000ull, out_address %= 0xFFFE0000ull;
   const std::vector<uint8_t> code(data + header, data + size);  // exactly its size: ASan sees a read beyond
   const size_t n = code.size();
   hookengine::Instruction insn;
   for (size_t at = 0; at < n; at += insn.length) {
-    const std::string diff = compare_with_zydis(code.data() + at, n - at);
+    const std::string diff = compare_with_zydis(code.data() + at, n - at, mode);
     if (!diff.empty()) std::fprintf(stderr, "decoder and Zydis differ at +%zu: %s\n", at, diff.c_str());
     assert(diff.empty());
-    if (!hookengine::decode(code.data() + at, n - at, &insn)) break;
+    if (!hookengine::decode(code.data() + at, n - at, &insn, mode)) break;
   }
   Built b;
-  const std::string wrong = build_checked(code.data(), n, target, patch_size, out_address, &b);
+  const std::string wrong = build_checked(code.data(), n, target, patch_size, out_address, &b, mode);
   if (!wrong.empty()) std::fprintf(stderr, "trampoline (%s): %s\n", hookengine::to_string(b.status), wrong.c_str());
   assert(wrong.empty());
   return 0;

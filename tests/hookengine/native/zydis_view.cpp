@@ -17,26 +17,35 @@ struct RefInsn {
   ZydisDecodedOperand ops[ZYDIS_MAX_OPERAND_COUNT]{};
   int rip_operand = -1;  // index of the [rip+disp32] / [eip+disp32] memory operand
   int rel_operand = -1;  // index of the relative immediate
+  int abs_operand = -1;  // index of a memory operand with neither base nor index
 };
 
+Mode g_mode = Mode::k64;  // of the comparison under way: the oracle decodes in it
+
 bool ref_decode(const uint8_t* code, size_t available, RefInsn* out) {
-  static ZydisDecoder decoder;
-  static const bool ready = ZYAN_SUCCESS(ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64));
+  static ZydisDecoder decoder64, decoder32;
+  static const bool ready =
+      ZYAN_SUCCESS(ZydisDecoderInit(&decoder64, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64)) &&
+      ZYAN_SUCCESS(ZydisDecoderInit(&decoder32, ZYDIS_MACHINE_MODE_LEGACY_32, ZYDIS_STACK_WIDTH_32));
+  const ZydisDecoder* decoder = g_mode == Mode::k64 ? &decoder64 : &decoder32;
   *out = RefInsn{};
-  if (!ready || !ZYAN_SUCCESS(ZydisDecoderDecodeFull(&decoder, code, available, &out->insn, out->ops))) return false;
+  if (!ready || !ZYAN_SUCCESS(ZydisDecoderDecodeFull(decoder, code, available, &out->insn, out->ops))) return false;
   for (int i = 0; i < out->insn.operand_count; ++i) {
     const ZydisDecodedOperand& op = out->ops[i];
     if (op.type == ZYDIS_OPERAND_TYPE_MEMORY && (op.mem.base == ZYDIS_REGISTER_RIP || op.mem.base == ZYDIS_REGISTER_EIP))
       out->rip_operand = i;
     if (op.type == ZYDIS_OPERAND_TYPE_IMMEDIATE && op.imm.is_relative) out->rel_operand = i;
+    if (op.type == ZYDIS_OPERAND_TYPE_MEMORY && op.mem.base == ZYDIS_REGISTER_NONE && op.mem.index == ZYDIS_REGISTER_NONE)
+      out->abs_operand = i;
   }
   return true;
 }
 
+// Zydis leaves a 32-bit mode target unwrapped; the processor wraps it at 4 GB.
 uint64_t ref_address(const RefInsn& r, int operand, uint64_t runtime_address) {
   ZyanU64 a = 0;
   ZydisCalcAbsoluteAddress(&r.insn, &r.ops[operand], runtime_address, &a);
-  return a;
+  return g_mode == Mode::k32 ? a & 0xFFFFFFFFu : a;
 }
 
 FlowKind expected_flow(ZydisMnemonic m) {
@@ -50,12 +59,14 @@ FlowKind expected_flow(ZydisMnemonic m) {
   }
 }
 
-// Knights Corner, 3DNow! and XOP: decoded by Zydis, refused by the decoder on purpose.
-bool deliberate_refusal(const RefInsn& r) {
+// Knights Corner, 3DNow! and XOP: decoded by Zydis, refused by the decoder on purpose. The
+// family's name, or null.
+const char* deliberate_refusal(const RefInsn& r) {
   const ZydisISAExt ext = r.insn.meta.isa_ext;
-  return ext == ZYDIS_ISA_EXT_KNC || ext == ZYDIS_ISA_EXT_KNCE || ext == ZYDIS_ISA_EXT_KNCV ||
-         r.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_3DNOW || r.insn.mnemonic == ZYDIS_MNEMONIC_FEMMS ||
-         r.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_XOP;
+  if (ext == ZYDIS_ISA_EXT_KNC || ext == ZYDIS_ISA_EXT_KNCE || ext == ZYDIS_ISA_EXT_KNCV) return "KNC";
+  if (r.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_3DNOW || r.insn.mnemonic == ZYDIS_MNEMONIC_FEMMS) return "3DNow!";
+  if (r.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_XOP) return "XOP";
+  return nullptr;
 }
 
 // One trampoline instruction: its mnemonic, condition, where it transfers control (a relative
@@ -124,16 +135,23 @@ bool far_rip_ok(const RefInsn& o, const uint8_t* ob, uint64_t ea, const uint8_t*
 }
 
 // The relocated form of a relative branch to `dest` occupying [seg, seg_end).
-bool branch_ok(const RefInsn& o, uint64_t dest, const uint8_t* tramp, size_t len, uint64_t base, size_t seg,
-               size_t seg_end) {
+bool branch_ok(const RefInsn& o, uint64_t orig_next, uint64_t dest, const uint8_t* tramp, size_t len, uint64_t base,
+               size_t seg, size_t seg_end) {
   const ZydisMnemonic m = o.insn.mnemonic;
   const uint64_t next = base + seg_end;
   const Step a = step_at(tramp, len, base, seg);
   const size_t after = seg + a.r.insn.length;
   if (m == ZYDIS_MNEMONIC_JMP || m == ZYDIS_MNEMONIC_XBEGIN) return is(a, m, dest) && seg + a.span == seg_end;
+  if (m == ZYDIS_MNEMONIC_CALL && g_mode == Mode::k32) {  // push its original return address; jmp dest
+    const bool pushed = a.r.insn.mnemonic == ZYDIS_MNEMONIC_PUSH && a.r.ops[0].type == ZYDIS_OPERAND_TYPE_IMMEDIATE &&
+                        (a.r.ops[0].imm.value.u & 0xFFFFFFFFu) == orig_next;
+    if (dest == orig_next) return pushed && after == seg_end;  // call $+5: nothing to jump to
+    const Step j = step_at(tramp, len, base, after);
+    return pushed && is(j, ZYDIS_MNEMONIC_JMP, dest) && after + j.span == seg_end;
+  }
   if (m == ZYDIS_MNEMONIC_CALL) return is(a, m, dest) && (after == seg_end || is(step_at(tramp, len, base, after), ZYDIS_MNEMONIC_JMP, next));
   const bool loop = m == ZYDIS_MNEMONIC_LOOP || m == ZYDIS_MNEMONIC_LOOPE || m == ZYDIS_MNEMONIC_LOOPNE ||
-                    m == ZYDIS_MNEMONIC_JRCXZ || m == ZYDIS_MNEMONIC_JECXZ;
+                    m == ZYDIS_MNEMONIC_JRCXZ || m == ZYDIS_MNEMONIC_JECXZ || m == ZYDIS_MNEMONIC_JCXZ;
   if (!loop) {
     const uint8_t cc = o.insn.opcode & 0x0F;
     if (is(a, m, dest) && after == seg_end && (a.r.insn.opcode & 0x0F) == cc) return true;
@@ -152,7 +170,8 @@ bool branch_ok(const RefInsn& o, uint64_t dest, const uint8_t* tramp, size_t len
 std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t target_address, const uint8_t* tramp,
                               const Relocation& r, uint64_t out_address) {
   const size_t len = r.trampoline_length;
-  const uint64_t end = target_address + r.copied_length;
+  const uint64_t wrap = g_mode == Mode::k32 ? 0xFFFFFFFFull : ~0ull;  // 32-bit addresses wrap at 4 GB
+  const uint64_t end = (target_address + r.copied_length) & wrap;
   if (r.boundary_count == 0 || r.original_offsets[0] != 0 || r.trampoline_offsets[0] != 0) return "first boundary not (0, 0)";
   // The jump back, E9 rel32 or the 14-byte absolute form: copied bytes can look like either, so
   // the one that reaches the end of the copied bytes counts.
@@ -169,7 +188,8 @@ std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t t
     RefInsn t;
     bool ok = seg <= seg_end && seg_end <= len;
     if (ok && o.rel_operand >= 0) {
-      ok = branch_ok(o, ref_address(o, o.rel_operand, o_addr), tramp, len, out_address, seg, seg_end);
+      ok = branch_ok(o, (o_addr + o.insn.length) & wrap, ref_address(o, o.rel_operand, o_addr), tramp, len, out_address,
+                     seg, seg_end);
     } else if (ok && o.rip_operand >= 0) {
       const uint64_t ea = ref_address(o, o.rip_operand, o_addr);
       const unsigned d = o.insn.raw.disp.offset;
@@ -190,18 +210,31 @@ std::string verify_trampoline(const uint8_t* target, size_t readable, uint64_t t
 
 }  // namespace
 
-std::string compare_with_zydis(const uint8_t* code, size_t available) {
+std::string compare_with_zydis(const uint8_t* code, size_t available, Mode mode, const char** refused) {
+  g_mode = mode;
+  if (refused != nullptr) *refused = nullptr;
   Instruction mine;
-  const bool ok = decode(code, available, &mine);
+  const bool ok = decode(code, available, &mine, mode);
   RefInsn ref;
   const bool ref_ok = ref_decode(code, available, &ref);
-  if (ok != mine.valid) return "return value and valid flag differ";
-  if (ok != ref_ok) return !ok && deliberate_refusal(ref) ? "" : "validity differs";
+  if (ok != mine.valid || (ok && mine.mode != mode)) return "return value and valid flag differ";
+  if (ok != ref_ok) {
+    const char* family = ok ? nullptr : deliberate_refusal(ref);
+    if (refused != nullptr) *refused = family;
+    return family != nullptr ? "" : ok ? "validity differs (decoded, Zydis refuses)" : "validity differs (refused, Zydis decodes)";
+  }
   if (!ok) return {};
   const auto& imm = ref.insn.raw.imm[0];  // the relative one, when there is one (its kind: by the trampolines)
   if (mine.length != ref.insn.length) return "length differs";
   if (mine.rip_relative != (ref.rip_operand >= 0) || (mine.rip_relative && mine.disp_offset != ref.insn.raw.disp.offset))
     return "rip-relative operand differs";
+  // (Zydis names r13d the base of a 67-prefixed SIB form whose REX.B extends "no base": [disp32].)
+  const auto& raw = ref.insn.raw;
+  const bool r13d_quirk = mode == Mode::k64 && raw.rex.B && !raw.rex.X && raw.modrm.mod == 0 && raw.modrm.rm == 4 &&
+                          raw.sib.base == 5 && raw.sib.index == 4 && ref.insn.encoding == ZYDIS_INSTRUCTION_ENCODING_LEGACY;
+  if (mine.absolute_address != (ref.abs_operand >= 0 || r13d_quirk) ||
+      (mine.absolute_address && mine.disp_offset != raw.disp.offset))
+    return "absolute operand differs";
   const bool branch = mine.branch != BranchKind::kNone;
   if (branch != (ref.rel_operand >= 0) || (branch && (mine.rel_offset != imm.offset || mine.rel_size * 8 != imm.size)))
     return "relative branch differs";
@@ -210,11 +243,12 @@ std::string compare_with_zydis(const uint8_t* code, size_t available) {
 }
 
 std::string build_checked(const uint8_t* code, size_t n, uint64_t target, size_t patch_size, uint64_t out_address,
-                          Built* b) {
+                          Built* b, Mode mode) {
+  g_mode = mode;
   std::memset(b->out, 0xA5, sizeof b->out);
   b->r = Relocation{};
   b->r.copied_length = 0xBAD;
-  b->status = build_trampoline(code, n, target, patch_size, b->out, kMaxTrampolineLength, out_address, &b->r);
+  b->status = build_trampoline(code, n, target, patch_size, b->out, kMaxTrampolineLength, out_address, &b->r, mode);
   const size_t len = b->status == RelocateStatus::kOk ? b->r.trampoline_length : 0;
   if (std::count(b->out + len, std::end(b->out), 0xA5) != std::end(b->out) - (b->out + len))
     return std::string("written beyond the trampoline: ") + to_string(b->status);
@@ -230,7 +264,7 @@ std::string build_checked(const uint8_t* code, size_t n, uint64_t target, size_t
   uint8_t small[kMaxTrampolineLength];
   std::memset(small, 0x5A, sizeof small);
   Relocation unused;
-  if (build_trampoline(code, n, target, patch_size, small, len - 1, out_address, &unused) != RelocateStatus::kBufferTooSmall ||
+  if (build_trampoline(code, n, target, patch_size, small, len - 1, out_address, &unused, mode) != RelocateStatus::kBufferTooSmall ||
       std::count(small, std::end(small), 0x5A) != sizeof small)
     return "a buffer one byte short was not refused cleanly";
   return verify_trampoline(code, n, target, b->out, b->r, out_address);

@@ -6,10 +6,12 @@
 
 #include "hookengine/relocator.h"
 
-// Empty when the decoder agrees with Zydis at `code` (validity, length, RIP-relative operand and
-// its disp32 position, relative branch position/width, flow), or when the decoder's refusal
-// is one x64_decoder.h lists as deliberate; else a one-line description of the difference.
-std::string compare_with_zydis(const uint8_t* code, size_t available);
+// Empty when the decoder agrees with Zydis in `mode` at `code` (validity, length, RIP-relative
+// and absolute operands and their displacement's position, relative branch position/width,
+// flow), or when the decoder's refusal is one x64_decoder.h lists as deliberate (*refused then
+// names its family: "KNC", "XOP", "3DNow!"); else a one-line description of the difference.
+std::string compare_with_zydis(const uint8_t* code, size_t available, hookengine::Mode mode = hookengine::Mode::k64,
+                               const char** refused = nullptr);
 
 struct Built {
   hookengine::RelocateStatus status;
@@ -22,5 +24,7 @@ struct Built {
 // read by Zydis, reaches the same branch targets (same conditions) and RIP-relative addresses as
 // the original instructions, keeps every other byte, jumps back to the end of the copied bytes,
 // maps exactly the copied instruction starts, and one byte less capacity is refused cleanly.
+// 32-bit mode: a call must have become a push of its original return address and a jmp to its
+// target (the push alone for a call of its next instruction).
 std::string build_checked(const uint8_t* code, size_t n, uint64_t target, size_t patch_size, uint64_t out_address,
-                          Built* b);
+                          Built* b, hookengine::Mode mode = hookengine::Mode::k64);
