@@ -7,7 +7,7 @@
 #  3. kwdemo-app (a desktop program with a message loop, so the DLL is injected into it) copies an
 #     ordinary file, a denied file and a secret file through the shell copy engine (IFileOperation);
 #     kwdecrypt proves the copy of the secret file is the original under the password; a secret
-#     file moved through the engine arrives encrypted for good;
+#     file moved through the engine arrives encrypted, and nothing of it stays at its place;
 #  4. the same through SHFileOperationW in a winxp64 prefix (the pre-6 path);
 #  5. the agent's log as readable lines.
 set -euo pipefail
@@ -106,7 +106,7 @@ scenario() {
   fi
   echo "   the source stays as it was: $(cat "$prefix/drive_c/demo/secret/plan.txt")"
   if [ "$mode" = shell-engine ]; then
-    say "[$label] The moved secret file memo.txt left its place in encrypted form, for good"
+    say "[$label] The moved secret file memo.txt arrived in encrypted form; nothing of it stays at its place"
     if wine "$bin/kwdecrypt.exe" --verify 'C:\demo\out\memo.txt' demo-password 2>&1 </dev/null | indent \
        && [ ! -e "$prefix/drive_c/demo/secret/memo.txt" ]; then
       echo "   C:\\demo\\out\\memo.txt decrypts to the original; C:\\demo\\secret\\memo.txt is gone"
@@ -141,7 +141,7 @@ cat <<SUMMARY
           an ordinary file was copied and audited, a denied file was refused, a secret file was
           copied in encrypted form ($proofs of 2 copies proved by kwdecrypt), once through the shell
           copy engine (IFileOperation, Windows 6 and later) and once through SHFileOperationW (older systems);
-          a secret file moved through the shell copy engine left its place encrypted for good.
+          a secret file moved through the shell copy engine arrived encrypted, nothing left behind.
    logs:  $log  ($(( $(date +%s) - started )) s)
 SUMMARY
 [ "$proofs" = 2 ]
