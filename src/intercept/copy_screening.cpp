@@ -28,6 +28,18 @@ ScreenedClasses classify_for_secret_check(const PolicyBlock& policy, const wchar
   return classes;
 }
 
+std::wstring arrival_of(const std::wstring& file, const std::vector<std::wstring>& moved, const std::wstring& destination,
+                        const wchar_t* new_name) {
+  for (const std::wstring& item : moved) {
+    const bool inside = file.size() > item.size() && file[item.size()] == L'\\' &&
+                        _wcsnicmp(file.c_str(), item.c_str(), item.size()) == 0;
+    if (!inside && _wcsicmp(file.c_str(), item.c_str()) != 0) continue;
+    const std::wstring name = new_name != nullptr ? std::wstring(new_name) : item.substr(item.rfind(L'\\') + 1);
+    return destination + L"\\" + name + file.substr(item.size());
+  }
+  return std::wstring();
+}
+
 void audit_copy(const PolicyBlock& policy, int operation, const std::string& destination,
                 const std::vector<std::string>& sources) {
   if (policy.g_copy_audit == 0) return;

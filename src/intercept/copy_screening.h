@@ -36,6 +36,12 @@ Verdict secret_verdict(const PolicyBlock& policy, const ScreenedClasses& classes
 ScreenedClasses classify_for_secret_check(const PolicyBlock& policy, const wchar_t* first_source,
                                           const wchar_t* destination);
 
+// Where a move to the folder `destination` carries `file`: the moved item (one of `moved`) is
+// `file` itself or a folder holding it, and arrives under its own name or `new_name`. "" when no
+// moved item holds it. Case is ignored, as the file system ignores it.
+std::wstring arrival_of(const std::wstring& file, const std::vector<std::wstring>& moved, const std::wstring& destination,
+                        const wchar_t* new_name);
+
 // When the policy audits copies: the record of `operation` (kCopyAuditCopy or kCopyAuditMove),
 // each source that is a folder replaced by the files below it, sent before the operation runs.
 void audit_copy(const PolicyBlock& policy, int operation, const std::string& destination,

@@ -3,6 +3,7 @@
 #include <shellapi.h>
 #include <shlobj.h>
 
+#include <atomic>
 #include <cstdio>
 #include <mutex>
 #include <set>
@@ -34,15 +35,22 @@ constexpr UINT kLongestPath = 32767;                            // UTF-16 units,
 std::mutex g_refusals_lock;
 std::set<const void*> g_refuse_next;
 
+std::atomic<size_t> g_armed{0};  // g_refuse_next.size(), read without the lock by every Release
+
 void arm_refusal(const void* op) {
   std::lock_guard<std::mutex> lock(g_refusals_lock);
   g_refuse_next.insert(op);
+  g_armed = g_refuse_next.size();
 }
 bool take_refusal(const void* op) {  // true once after arm_refusal
+  if (g_armed == 0) return false;
   std::lock_guard<std::mutex> lock(g_refusals_lock);
-  return g_refuse_next.erase(op) != 0;
+  const bool armed = g_refuse_next.erase(op) != 0;
+  g_armed = g_refuse_next.size();
+  return armed;
 }
 bool refusal_armed(const void* op) {
+  if (g_armed == 0) return false;
   std::lock_guard<std::mutex> lock(g_refusals_lock);
   return g_refuse_next.count(op) != 0;
 }
@@ -117,31 +125,17 @@ void destination_name(IShellItem* destination, CoTaskMem<wchar_t>& name) {
   if (destination != nullptr) destination->GetDisplayName(SIGDN_FILESYSPATH, name.put());
 }
 
-// Where a move to `destination` carries the secret file `secret`: the moved item (one of
-// `sources`) is `secret` itself or a folder holding it, and arrives under its own name or
-// `new_name`. "" when no source holds it.
-std::wstring arrival(const std::string& secret, const std::vector<std::string>& sources, const std::string& destination,
-                     const wchar_t* new_name) {
-  const std::wstring file = utf8_to_wide(secret);
-  for (const std::string& source : sources) {
-    const std::wstring item = utf8_to_wide(source);
-    const bool inside = file.size() > item.size() && file[item.size()] == L'\\' &&
-                        _wcsnicmp(file.c_str(), item.c_str(), item.size()) == 0;
-    if (!inside && _wcsicmp(file.c_str(), item.c_str()) != 0) continue;
-    const std::wstring name = new_name != nullptr ? std::wstring(new_name) : item.substr(item.rfind(L'\\') + 1);
-    return utf8_to_wide(destination) + L"\\" + name + file.substr(item.size());
-  }
-  return std::wstring();
-}
-
 // Swaps each secret source for its encrypted form for operation `op` (its original parked until
 // the operation has run); a move's source is expected where the move carries it. False when one
 // cannot be swapped: this call's swaps are then undone and the call must be refused.
 bool swap_sources(IFileOperation* op, const SecretAuditResult& result, bool move, const std::vector<std::string>& sources,
                   const std::string& destination, const wchar_t* new_name) {
   std::vector<std::string> swapped;
+  std::vector<std::wstring> moved;
+  for (const std::string& source : sources) moved.push_back(utf8_to_wide(source));
   for (const std::string& source : result.secret_files) {
-    const std::wstring moved_to = move ? arrival(source, sources, destination, new_name) : std::wstring();
+    const std::wstring moved_to =
+        move ? arrival_of(utf8_to_wide(source), moved, utf8_to_wide(destination), new_name) : std::wstring();
     const SwapOutcome outcome = swap_source(op, source, result.encrypted_pwd, moved_to);
     if (outcome == SwapOutcome::kSwapped || outcome == SwapOutcome::kHeld) swapped.push_back(source);
     if (outcome == SwapOutcome::kFailed) {

@@ -58,23 +58,21 @@ bool screen(LPSHFILEOPSTRUCTW op, std::vector<std::string>* registered) {
 // move (the system moved it by other means, or moved its folder whole) is encrypted where it
 // arrived. Sources that a per-file move already took are no longer registered and stay as they are.
 void protect_moved_sources(LPSHFILEOPSTRUCTW op, const std::vector<std::string>& registered) {
-  const std::vector<std::wstring> from = list_entries(op->pFrom);
-  const std::wstring to = op->pTo;
-  const bool into_folder = is_folder(to);
+  // Into a folder, or (one item) renamed to the destination's name.
+  std::wstring folder = op->pTo;
+  const wchar_t* new_name = nullptr;
+  const size_t slash = folder.rfind(L'\\');
+  if (!is_folder(folder)) {
+    if (slash == std::wstring::npos) return;
+    new_name = op->pTo + slash + 1;
+    folder.resize(slash);
+  }
   for (const std::string& secret : registered) {
     const std::wstring source = utf8_to_wide(secret);
-    for (const std::wstring& entry : from) {
-      const bool same = _wcsicmp(source.c_str(), entry.c_str()) == 0;
-      const bool inside = source.size() > entry.size() && source[entry.size()] == L'\\' &&
-                          _wcsnicmp(source.c_str(), entry.c_str(), entry.size()) == 0;
-      if (!same && !inside) continue;
-      const std::wstring arrived_entry = into_folder ? to + L"\\" + entry.substr(entry.rfind(L'\\') + 1) : to;
-      const std::wstring arrived = arrived_entry + source.substr(entry.size());
-      if (GetFileAttributesW(source.c_str()) == INVALID_FILE_ATTRIBUTES &&
-          GetFileAttributesW(arrived.c_str()) != INVALID_FILE_ATTRIBUTES) {
-        TakeAndTransform(source.c_str(), arrived.c_str(), /*moved=*/true);
-      }
-      break;
+    const std::wstring arrived = arrival_of(source, list_entries(op->pFrom), folder, new_name);
+    if (!arrived.empty() && GetFileAttributesW(source.c_str()) == INVALID_FILE_ATTRIBUTES &&
+        GetFileAttributesW(arrived.c_str()) != INVALID_FILE_ATTRIBUTES) {
+      TakeAndTransform(source.c_str(), arrived.c_str(), /*moved=*/true);
     }
   }
 }

@@ -5,6 +5,7 @@
 #include <shlobj.h>
 
 #include <cstring>
+#include <atomic>
 #include <map>
 
 #include "host/caller_context.h"
@@ -43,6 +44,9 @@ struct Hold {
 // lock and the next free index.
 std::map<std::string, Swapped> SwappedSourceFiles;
 std::map<OperationKey, std::vector<Hold>> g_holds;
+// g_holds.size(), readable without the lock: a Release of an object holding nothing (the common
+// case, on a hot path) never waits behind another thread's transformation.
+std::atomic<size_t> g_holding_operations{0};
 std::wstring g_folder;
 OwnedHandle g_owner_lock;
 unsigned g_next_index = 0;
@@ -439,6 +443,12 @@ bool recover(bool include_stranded, std::vector<ParkedOriginal>* left, int* rest
   return true;
 }
 
+// Under TableLock.
+void add_hold(OperationKey op, Hold&& hold) {
+  g_holds[op].push_back(std::move(hold));
+  g_holding_operations = g_holds.size();
+}
+
 }  // namespace
 
 std::wstring parking_root() {
@@ -460,7 +470,7 @@ SwapOutcome swap_source(OperationKey op, const std::string& source, const std::s
   Hold hold{source, OwnedHandle(CreateEventW(nullptr, TRUE, FALSE, source_object_name(L"hold", source).c_str()))};
   if (!hold.event.ok()) return SwapOutcome::kFailed;
   if (SwappedSourceFiles.count(source) != 0) {
-    g_holds[op].push_back(std::move(hold));
+    add_hold(op, std::move(hold));
     return SwapOutcome::kHeld;
   }
   const std::wstring wide_source = long_path(utf8_to_wide(source));
@@ -471,7 +481,7 @@ SwapOutcome swap_source(OperationKey op, const std::string& source, const std::s
   }
   if ((attributes & FILE_ATTRIBUTE_DIRECTORY) || inside_parking_root(wide_source)) return SwapOutcome::kFailed;
   if (is_encrypted_form(wide_source)) {  // swapped by another process: its last holder restores it
-    g_holds[op].push_back(std::move(hold));
+    add_hold(op, std::move(hold));
     return SwapOutcome::kHeld;
   }
   const std::wstring& folder = process_folder();
@@ -494,7 +504,7 @@ SwapOutcome swap_source(OperationKey op, const std::string& source, const std::s
   }
   if (MoveFileExW(encrypted.c_str(), wide_source.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
     SwappedSourceFiles.emplace(source, Swapped{index, digest, moved_to});
-    g_holds[op].push_back(std::move(hold));
+    add_hold(op, std::move(hold));
     return SwapOutcome::kSwapped;
   }
   DeleteFileW(encrypted.c_str());
@@ -520,6 +530,7 @@ void restore_sources(OperationKey op, const std::vector<std::string>& sources) {
     }
   }
   if (holds.empty()) g_holds.erase(found);
+  g_holding_operations = g_holds.size();
 }
 
 void finish_operation(OperationKey op) {
@@ -528,11 +539,13 @@ void finish_operation(OperationKey op) {
   if (found != g_holds.end()) {
     for (Hold& hold : found->second) release_hold(hold);
     g_holds.erase(found);
+    g_holding_operations = g_holds.size();
   }
   restore_unheld_entries(kRestoreRetries, kSourceLockWaitMs);
 }
 
 bool operation_holds_swaps(OperationKey op) {
+  if (g_holding_operations == 0) return false;
   protect::TableLock lock;
   const auto found = g_holds.find(op);
   return found != g_holds.end() && !found->second.empty();
@@ -542,6 +555,7 @@ void restore_all_parked() {
   protect::TableTryLock lock;
   if (!lock.owns()) return;  // a thread ended while holding it: the records wait for recovery
   g_holds.clear();           // this process's operations end with it
+  g_holding_operations = 0;
   restore_unheld_entries(0, 0);
   SwappedSourceFiles.clear();  // what is left stays recorded in the folder
   if (g_folder.empty()) return;
