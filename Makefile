@@ -7,10 +7,15 @@ all: release
 bootstrap:
 	@scripts/bootstrap.sh
 
+# Both bitnesses: build/release (kwindel-x64.dll, the tools) and build/release-x86 (kwindel-x86.dll,
+# the tools' 32-bit twins, named *-x86.exe).
 release: bootstrap
-	@cmake --preset release >build-release-configure.log 2>&1 || { cat build-release-configure.log; exit 1; }
-	@rm -f build-release-configure.log
+	@for p in release release-x86; do \
+	  cmake --preset $$p >build-$$p-configure.log 2>&1 || { cat build-$$p-configure.log; exit 1; }; \
+	  rm -f build-$$p-configure.log; \
+	done
 	cmake --build --preset release
+	cmake --build --preset release-x86
 
 # The release package: dist/kwindel-<version>-x64.zip (stripped binaries, import library, header,
 # docs, licences, SHA256SUMS) and dist/kwindel-<version>-x64-symbols.zip (debug information).
@@ -25,7 +30,11 @@ dist: release
 dist-check: bootstrap
 	scripts/dist-check.sh build/dist-check
 
+# Every test in both bitnesses: the 32-bit programs are built first (tests-x86) and run by the
+# 64-bit build's CTest as the x86 column.
 test: bootstrap
+	cmake --preset tests-x86
+	cmake --build --preset tests-x86
 	cmake --preset tests
 	cmake --build --preset tests
 	ctest --preset tests
@@ -33,6 +42,8 @@ test: bootstrap
 # The long reliability runs (eight-thread copies, leak counts, load/unload cycles) under Wine;
 # `make test` runs their short versions.
 stress: bootstrap
+	cmake --preset tests-x86
+	cmake --build --preset tests-x86
 	cmake --preset tests
 	cmake --build --preset tests
 	tests/reliability/stress.sh build/tests

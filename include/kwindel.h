@@ -1,6 +1,7 @@
-/* kwindel-x64.dll: the interface for the controlling service.
+/* kwindel-x64.dll and kwindel-x86.dll: the interface for the controlling service.
  *
- * The service loads the DLL itself, installs the global window hook with InstallHook (or
+ * One DLL per bitness, with the same exports under the same plain names. The service loads the
+ * DLL of its own bitness itself (KWINDEL_DLL_NAME), installs the global window hook with InstallHook (or
  * InstallHookProc(TRUE)) so that Windows maps the DLL into every process that receives window
  * messages, and steers all loaded copies at once with SetPolicy. */
 #ifndef KWINDEL_H
@@ -10,6 +11,13 @@
 
 #ifdef __cplusplus
 extern "C" {
+#endif
+
+/* The DLL of the including program's bitness. */
+#ifdef _WIN64
+#define KWINDEL_DLL_NAME L"kwindel-x64.dll"
+#else
+#define KWINDEL_DLL_NAME L"kwindel-x86.dll"
 #endif
 
 /* Policy word bits for SetPolicy. Bits 6-31 are ignored. */

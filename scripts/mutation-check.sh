@@ -4,7 +4,7 @@
 # place under src/ or tools/ that holds the original text, the tests preset is rebuilt and the
 # named test programs (with the Wine fixtures) run in a private network namespace; then the file
 # is restored. Prints killed / survived / stale (text not found exactly once) / build-fails per
-# fault and the kill count. Needs a configured tests preset (`make test` once).
+# fault and the kill count. Needs configured tests and tests-x86 presets (`make test` once).
 #   usage: scripts/mutation-check.sh [NAME-REGEX]     MUTATION_TIMEOUT: seconds per run (900)
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -41,7 +41,7 @@ while IFS= read -r line; do
   O=$original R=$replacement awk '{ i = index($0, ENVIRON["O"])
     if (i) $0 = substr($0, 1, i - 1) ENVIRON["R"] substr($0, i + length(ENVIRON["O"])); print }' "$saved" >"$file"
   t0=$SECONDS
-  if ! cmake --build --preset tests -j2 >"$logs/$name.build.log" 2>&1; then
+  if ! { cmake --build --preset tests-x86 -j2 && cmake --build --preset tests -j2; } >"$logs/$name.build.log" 2>&1; then
     result=build-fails
   elif timeout -k 10 "$limit" unshare -n sh -c 'ip link set lo up; ctest --preset tests -R "$1"' \
          sh "$regex|wine_" >"$logs/$name.log" 2>&1; then
@@ -59,4 +59,5 @@ while IFS= read -r line; do
   printf '%-28s %-11s %4ss  %s (%s)\n' "$name" "$result" $((SECONDS - t0)) "$file" "$regex"
 done <scripts/mutations.txt
 echo "killed $killed of $total in $((SECONDS - start)) s"
-cmake --build --preset tests -j2 >"$logs/final.build.log" 2>&1 || echo "rebuild of the originals failed"
+{ cmake --build --preset tests-x86 -j2 && cmake --build --preset tests -j2; } >"$logs/final.build.log" 2>&1 ||
+  echo "rebuild of the originals failed"

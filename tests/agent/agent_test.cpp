@@ -263,7 +263,7 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
   const OwnedHandle ready_event(CreateEventW(nullptr, TRUE, FALSE, ready.c_str()));
   kwtest::ChildResult run;
   std::thread agent([&] {
-    run = kwtest::run_child(kwtest::exe_dir() + L"kwagent.exe", L"--count 5 --ready " + ready + L" --parent " + pid +
+    run = kwtest::run_child(kwtest::tool_path(L"kwagent"), L"--count 5 --ready " + ready + L" --parent " + pid +
                             L" --rules \"" + dir.file(L"rules.txt") + L"\" --log \"" + dir.file(L"log") + L"\"", 60000);
   });
   const bool up = WaitForSingleObject(ready_event.get(), 15000) == WAIT_OBJECT_0;
@@ -295,7 +295,7 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
             lines[4]);
   TestAgent holder;
   ASSERT_TRUE(holder.ok());
-  const kwtest::ChildResult taken = kwtest::run_child(kwtest::exe_dir() + L"kwagent.exe", L"", 15000);
+  const kwtest::ChildResult taken = kwtest::run_child(kwtest::tool_path(L"kwagent"), L"", 15000);
   EXPECT_TRUE(taken.finished && taken.exit_code == 3) << taken.exit_code;
 }
 

@@ -64,7 +64,7 @@ TEST(HookSetup, LoadPatchesWhatThisSystemHasAndTheDllOutlivesItsLastFreeLibrary)
     }
   }
   // A thread may be inside a replacement at any time: the FreeLibrary changed nothing.
-  EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
+  EXPECT_NE(GetModuleHandleW(KWINDEL_DLL_NAME), nullptr);
   for (size_t i = 0; i < before.size(); ++i) EXPECT_EQ(entries.bytes()[i] != before[i], kFlat != (i < 3)) << i;
   EXPECT_TRUE(trace.lines_from("[UnHookApi,").empty());
   EXPECT_EQ(entries.op->CopyItems(nullptr, nullptr), E_NOTIMPL);
@@ -85,27 +85,29 @@ TEST(HookSetup, AFailureToPatchMoveItemsStopsTheSetUpAndLeavesCopyItemsPatched) 
   EXPECT_EQ(trace.lines_from("[HookApi,"), expected);
   // The patched flag stayed 0, yet CopyItems jumps into the DLL: so the DLL stays and the patched
   // method keeps working after the FreeLibrary.
-  EXPECT_NE(GetModuleHandleW(L"kwindel-x64.dll"), nullptr);
+  EXPECT_NE(GetModuleHandleW(KWINDEL_DLL_NAME), nullptr);
   EXPECT_NE(jump_destination(static_cast<const uint8_t*>(entries.code[0])), 0u);
   EXPECT_EQ(entries.bytes()[2], before[2]) << "PerformOperations was patched after the failure";
   std::memcpy(entries.code[1], move_items.data(), 7);
   EXPECT_EQ(entries.op->CopyItems(nullptr, nullptr), E_NOTIMPL);
 }
 
-TEST(HookSetup, AnEasyHook64OutsideTheDllsFolderIsNeverLoaded) {
-  // A planted EasyHook64.dll (any DLL) in the current folder and on PATH; none beside kwindel-x64.dll.
+TEST(HookSetup, AnEasyHookOutsideTheDllsFolderIsNeverLoaded) {
+  // A planted EasyHook64.dll (EasyHook32.dll in 32-bit; any DLL) in the current folder and on PATH;
+  // none beside the DLL.
+  const wchar_t* easyhook = sizeof(void*) == 8 ? L"EasyHook64.dll" : L"EasyHook32.dll";
   ScratchDir dir;
   const std::wstring planted = dir.path();
   wchar_t system_dll[MAX_PATH];
   GetSystemDirectoryW(system_dll, MAX_PATH);
-  ASSERT_TRUE(CopyFileW((std::wstring(system_dll) + L"\\version.dll").c_str(), dir.file(L"EasyHook64.dll").c_str(), FALSE));
+  ASSERT_TRUE(CopyFileW((std::wstring(system_dll) + L"\\version.dll").c_str(), dir.file(easyhook).c_str(), FALSE));
   ASSERT_TRUE(SetCurrentDirectoryW(planted.c_str()));
   wchar_t path[8192];
   GetEnvironmentVariableW(L"PATH", path, 8192);
   SetEnvironmentVariableW(L"PATH", (planted + L";" + path).c_str());
   Entries entries;
   ASSERT_TRUE(OwnedModule(LoadLibraryW(dll_path().c_str())).ok());
-  EXPECT_EQ(GetModuleHandleW(L"EasyHook64.dll"), nullptr);
+  EXPECT_EQ(GetModuleHandleW(easyhook), nullptr);
   for (int i = 3; i < 7; ++i) EXPECT_NE(jump_destination(static_cast<const uint8_t*>(entries.code[i])), 0u) << i;
 }
 
@@ -214,7 +216,7 @@ TEST(Symbols, ACrashInsideTheLibraryIsNamedFromItsPdb) {
               static_cast<unsigned long long>(fault - module.BaseOfImage), narrow(symbol.info.Name).c_str(),
               static_cast<unsigned long long>(displacement), has_line ? narrow(line.FileName).c_str() : "?",
               has_line ? line.LineNumber : 0, narrow(module.LoadedPdbName).c_str(), module.PdbAge);
-  EXPECT_EQ(std::wstring(module.ModuleName), L"kwindel-x64");
+  EXPECT_EQ(std::wstring(module.ModuleName) + L".dll", KWINDEL_DLL_NAME);
   EXPECT_EQ(module.SymType, SymPdb);
   EXPECT_EQ(std::wstring(symbol.info.Name), L"test_fault_write");
   ASSERT_TRUE(has_line);

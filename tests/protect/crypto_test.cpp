@@ -74,7 +74,7 @@ std::string expected_file(const std::string& input, const std::string& password)
 
 // kwdecrypt.exe's exit code (999 when it did not end) and, when asked, its output.
 DWORD kwdecrypt(const std::wstring& args, std::string* output = nullptr) {
-  const kwtest::ChildResult r = kwtest::run_child(kwtest::exe_dir() + L"kwdecrypt.exe", args, 120000);
+  const kwtest::ChildResult r = kwtest::run_child(kwtest::tool_path(L"kwdecrypt"), args, 120000);
   if (output != nullptr) *output = r.output;
   return r.finished ? r.exit_code : 999;
 }
@@ -165,14 +165,16 @@ TEST(EncryptedFormat, UnreadableSourcesAndForeignFiles) {
 }
 
 // The mask (whose value the table above proves) never stands as one sequence in the binaries; the
-// routine's byte stores ("mov byte [rcx+1], mask[1]" ...) show that the file searched holds it.
+// routine's byte stores ("mov byte [rcx+1], mask[1]" ...; [eax+1] in 32-bit code, which loads the
+// pointer from the stack) show that the file searched holds it.
 TEST(KeyMask, NeverStandsTogetherInTheBinaries) {
   const std::string value = mask();
-  const std::string stores = std::string("\xc6\x41\x01", 3) + value[1] + std::string("\xc6\x41\x02", 3) + value[2];
-  for (const wchar_t* name : {L"kwindel-x64.dll", L"kwdecrypt.exe"}) {
-    const std::string image = kwtest::content(kwtest::exe_dir() + name);
-    EXPECT_EQ(std::string::npos, image.find(value.substr(0, 16))) << kwtest::narrow(name);
-    EXPECT_NE(std::string::npos, image.find(stores)) << kwtest::narrow(name);
+  const char base = sizeof(void*) == 8 ? '\x41' : '\x40';
+  const std::string stores = std::string("\xc6") + base + '\x01' + value[1] + "\xc6" + base + '\x02' + value[2];
+  for (const std::wstring& path : {kwtest::exe_dir() + KWINDEL_DLL_NAME, kwtest::tool_path(L"kwdecrypt")}) {
+    const std::string image = kwtest::content(path);
+    EXPECT_EQ(std::string::npos, image.find(value.substr(0, 16))) << kwtest::narrow(path);
+    EXPECT_NE(std::string::npos, image.find(stores)) << kwtest::narrow(path);
   }
 }
 

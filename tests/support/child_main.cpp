@@ -1,7 +1,7 @@
 // kwtest-child.exe: the second process of the multi-process tests.
 //   pump MS      pump messages for up to MS ms; print "loaded" and exit 0 as soon as
-//                kwindel-x64.dll is in this process, else "not loaded" and exit 1
-//   load         load kwindel-x64.dll, print its shared policy words, give the recovery that
+//                the DLL is in this process, else "not loaded" and exit 1
+//   load         load the DLL, print its shared policy words, give the recovery that
 //                the load starts in the background up to 10 s to put back what is parked, end;
 //                every debug line of the process (the tear-down included) is printed as it comes
 //   copy load|hook end|kill|wait DST SRC...  load the DLL (or wait 10 s for the global hook to

@@ -39,8 +39,10 @@ inline std::wstring exe_path() {
   return path;
 }
 inline std::wstring exe_dir() { return exe_path().substr(0, exe_path().rfind(L'\\') + 1); }  // ends with '\'
-inline std::wstring dll_path() { return exe_dir() + L"kwindel-x64.dll"; }
+inline std::wstring dll_path() { return exe_dir() + KWINDEL_DLL_NAME; }
 inline std::wstring child_path() { return exe_dir() + L"kwtest-child.exe"; }
+// A tool of this program's bitness beside it: kwdecrypt.exe, or kwdecrypt-x86.exe in 32-bit.
+inline std::wstring tool_path(const std::wstring& name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
 inline std::wstring temp_folder() {  // ends with '\'
   wchar_t temp[MAX_PATH] = {};
   GetTempPathW(MAX_PATH, temp);
@@ -358,7 +360,7 @@ inline int shell_operation(UINT function, const std::vector<std::wstring>& from,
   return SHFileOperationW(&op);
 }
 // Sends messages to itself (what call-window and get-message hooks see) until the global hook
-// brought kwindel-x64.dll in; null after `ms`.
+// brought the DLL in; null after `ms`.
 inline HMODULE wait_for_injection(DWORD ms) {
   MSG msg;
   PeekMessageW(&msg, nullptr, 0, 0, PM_NOREMOVE);  // creates the message queue
@@ -367,7 +369,7 @@ inline HMODULE wait_for_injection(DWORD ms) {
     SendMessageW(window, WM_NULL, 0, 0);
     PostThreadMessageW(GetCurrentThreadId(), WM_NULL, 0, 0);
     while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
-    if (HMODULE dll = GetModuleHandleW(L"kwindel-x64.dll")) return dll;
+    if (HMODULE dll = GetModuleHandleW(KWINDEL_DLL_NAME)) return dll;
   }
   return nullptr;
 }
@@ -584,7 +586,7 @@ inline std::string without_time(const std::string& document) {
 // kwdecrypt on `encrypted` with `password` succeeds and writes exactly `original`.
 inline bool decrypts_to(const std::wstring& encrypted, const std::string& password, const std::string& original) {
   ScratchDir out;
-  const ChildResult r = run_child(exe_dir() + L"kwdecrypt.exe",
+  const ChildResult r = run_child(tool_path(L"kwdecrypt"),
                                   L"\"" + encrypted + L"\" \"" + widen(password) + L"\" \"" + out.file(L"plain") + L"\"", 60000);
   return r.finished && r.exit_code == 0 && content(out.file(L"plain")) == original;
 }
@@ -634,7 +636,7 @@ class Interception : public ::testing::Test {
     WSAStartup(MAKEWORD(2, 2), &wsa);
   }
   void SetUp() override {
-    ASSERT_NE(dll(), nullptr) << "kwindel-x64.dll did not load";
+    ASSERT_NE(dll(), nullptr) << "the DLL did not load";
     set_policy(0);
   }
   void TearDown() override { set_policy(0); }
