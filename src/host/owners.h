@@ -67,6 +67,12 @@ struct Global {
   static bool valid(Value v) { return v != nullptr; }
   static void close(Value v) { GlobalFree(v); }
 };
+struct View {  // a mapped view of a file mapping
+  using Value = void*;
+  static Value none() { return nullptr; }
+  static bool valid(Value v) { return v != nullptr; }
+  static void close(Value v) { UnmapViewOfFile(v); }
+};
 template <typename T>
 struct Com {
   using Value = T*;
@@ -87,6 +93,7 @@ using OwnedHandle = Owner<owner_traits::Handle>;    // CloseHandle
 using OwnedFind = Owner<owner_traits::Find>;        // FindClose
 using OwnedModule = Owner<owner_traits::Module>;    // FreeLibrary
 using OwnedGlobal = Owner<owner_traits::Global>;    // GlobalFree
+using OwnedView = Owner<owner_traits::View>;        // UnmapViewOfFile
 template <typename T>
 using ComRef = Owner<owner_traits::Com<T>>;         // one reference: Release
 template <typename T>

@@ -146,15 +146,15 @@ TEST_F(Exports, SetPolicyMapsEachBitToItsWordInEveryProcess) {
 }
 
 // Either global hook brings the DLL into another process, which screens its copies under the
-// shared policy and, ending before PerformOperations, puts its swapped source back as it detaches;
-// once removed, no process gets the DLL.
+// shared policy and, ending before PerformOperations, puts its swapped source back as it detaches
+// (on the pre-6 path its copy arrives encrypted); once removed, no process gets the DLL.
 TEST_F(Exports, EachGlobalHookInjectsAndScreensUntilRemoved) {
   EXPECT_EQ(install_hook_proc(FALSE), 1);  // removal without a hook still reports success
   EXPECT_FALSE(remove_hook());             // unhooking a null handle fails
   EXPECT_FALSE(install_hook(nullptr));     // a global hook needs a module
   ScratchDir dir;
-  const std::wstring a = dir.file(L"a.txt");
-  ASSERT_TRUE(write_file(a, "alpha"));
+  const std::wstring a = dir.file(L"a.txt"), out = dir.file(L"out");
+  ASSERT_TRUE(write_file(a, "alpha") && CreateDirectoryW(out.c_str(), nullptr));
   TestAgent agent(AgentScript{true, {secret_answer({narrow(a)}, "pw", 1)}});
   ASSERT_TRUE(agent.ok());
   set_policy(kScreen, 0);
@@ -162,16 +162,74 @@ TEST_F(Exports, EachGlobalHookInjectsAndScreensUntilRemoved) {
     SCOPED_TRACE(call_window ? "InstallHook" : "InstallHookProc");
     ASSERT_TRUE(call_window ? install_hook(dll.get()) : install_hook_proc(TRUE) == 1) << GetLastError();
     EXPECT_NE(block->hook, nullptr);
-    EXPECT_EQ(run_child(child_path(), L"copy hook end \"" + dir.path() + L"\" \"" + a + L"\"", 30000).output, "loaded 80004001\n");
+    // The shell copy engine only queues under Wine; the pre-6 path copies, in encrypted form.
+    EXPECT_EQ(run_child(child_path(), L"copy hook end \"" + out + L"\" \"" + a + L"\"", 30000).output,
+              kFlat ? "loaded 00000000\n" : "loaded 80004001\n");
+    EXPECT_TRUE(kFlat ? decrypts_to(out + L"\\a.txt", "pw", "alpha") : !file_exists(out + L"\\a.txt"));
     EXPECT_TRUE(call_window ? remove_hook() : install_hook_proc(FALSE) == 1);
     EXPECT_EQ(block->hook, nullptr);
     EXPECT_EQ(run_child(child_path(), L"pump 1500", 30000).output, "not loaded\n");
   }
   ASSERT_TRUE(agent.flush());
-  EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(2, request_document({a}, dir.path(), "kwtest-child.exe")));
+  EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(2, request_document({a}, out, "kwtest-child.exe")));
   const auto audits = agent.documents(kAuditTag);
   ASSERT_EQ(audits.size(), 2u);
   EXPECT_EQ(audits[0].find("<FilesCopy processname=\"kwtest-child.exe\" operation=\"6\""), 0u);
+  EXPECT_EQ(content(a), "alpha");
+  EXPECT_TRUE(parked_records().empty());
+}
+
+// One kwctl install protects a 64-bit and a 32-bit program of one prefix: each DLL arrives by its
+// own hook type and screens the same copy with the same wire bytes to the agent and the same
+// encrypted bytes in the swapped source; --status names both holders, --stop removes both hooks.
+TEST_F(Exports, OneKwctlInstallProtectsBothBitnesses) {
+  if (sizeof(void*) == 4) GTEST_SKIP() << "the 64-bit kwctl is the one that starts its 32-bit twin";
+  ScratchDir install, dir;
+  for (const std::wstring& from : {exe_dir() + L"kwctl.exe", exe_dir() + L"kwindel-x64.dll", x86_folder() + L"kwctl-x86.exe",
+                                   x86_folder() + L"kwindel-x86.dll"}) {
+    ASSERT_TRUE(CopyFileW(from.c_str(), install.file(from.substr(from.rfind(L'\\') + 1)).c_str(), FALSE)) << narrow(from);
+  }
+  const std::wstring a = dir.file(L"a.txt"), kwctl = install.file(L"kwctl.exe");
+  ASSERT_TRUE(write_file(a, "alpha"));
+  TestAgent agent(all_secret());
+  ASSERT_TRUE(agent.ok());
+  SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+  OwnedHandle log(CreateFileW(install.file(L"kwctl.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                              CREATE_ALWAYS, 0, nullptr));
+  const OwnedHandle holder(start_process(kwctl, L"--copy-audit --secret-audit --dest local --event kwtest-kwctl", log.get()));
+  auto status = [&] {
+    return std::regex_replace(std::regex_replace(run_child(kwctl, L"--status", 30000).output, std::regex("\r"), ""),
+                              std::regex("pid [0-9]+"), "pid N");
+  };
+  std::string held;
+  for (const ULONGLONG end = GetTickCount64() + 30000; GetTickCount64() < end && held.find("x86: WH") == std::string::npos;) held = status();
+  const std::string policy = ", policy 0x07: copy audit on, secret audit on, destinations local, encrypt audit off\n";
+  EXPECT_EQ(held, "kwctl: x64: WH_CALLWNDPROC hook held by kwctl pid N" + policy + "kwctl: x86: WH_GETMESSAGE hook held by kwctl pid N" + policy);
+
+  std::vector<std::string> shown;
+  for (const std::wstring& child : {child_path(), x86_folder() + L"kwtest-child.exe"}) {
+    shown.push_back(run_child(child, L"copy hook show \"" + dir.path() + L"\" \"" + a + L"\"", 30000).output);
+  }
+  EXPECT_EQ(shown[0].substr(0, 32), "loaded 80004001 0102030410203040");  // the encrypted form's magic
+  EXPECT_EQ(shown[0], shown[1]);
+  ASSERT_TRUE(agent.flush());
+  const std::vector<std::string> frames = agent.frames();
+  ASSERT_EQ(frames.size(), 4u);  // per bitness a request, then an audit record
+  EXPECT_EQ(frames[0], frames[2]);
+  EXPECT_EQ(without_time(frames[1]), without_time(frames[3]));
+  EXPECT_EQ(agent.documents(kRequestTag)[0], request_document({a}, dir.path(), "kwtest-child.exe"));
+
+  EXPECT_EQ(run_child(kwctl, L"--stop kwtest-kwctl", 30000).exit_code, 0u);
+  EXPECT_EQ(WaitForSingleObject(holder.get(), 30000), WAIT_OBJECT_0);
+  log.reset();
+  EXPECT_EQ(std::regex_replace(content(install.file(L"kwctl.txt")), std::regex("\r"), ""),
+            "kwctl: x64: global hook installed with InstallHook (WH_CALLWNDPROC)\nkwctl: x64:" + policy.substr(1) +
+            "kwctl: x86: global hook installed with InstallHookProc (WH_GETMESSAGE)\nkwctl: x86:" + policy.substr(1) +
+            "kwctl: x86: global hook removed\nkwctl: x64: global hook removed\n");
+  EXPECT_EQ(status(), "kwctl: x64: no hook installed\nkwctl: x86: no hook installed\n");
+  for (const std::wstring& child : {child_path(), x86_folder() + L"kwtest-child.exe"}) {
+    EXPECT_EQ(run_child(child, L"pump 1500", 30000).output, "not loaded\n");
+  }
   EXPECT_EQ(content(a), "alpha");
   EXPECT_TRUE(parked_records().empty());
 }

@@ -4,10 +4,12 @@
 //   load         load the DLL, print its shared policy words, give the recovery that
 //                the load starts in the background up to 10 s to put back what is parked, end;
 //                every debug line of the process (the tear-down included) is printed as it comes
-//   copy load|hook end|kill|wait DST SRC...  load the DLL (or wait 10 s for the global hook to
-//                bring it in), queue a copy of the sources through the shell copy engine, print
-//                "loaded HRESULT", then end normally, be killed (no tear-down), or (wait) signal
-//                the event "kwtest-queued", wait for "kwtest-perform" and run the copy first
+//   copy load|hook end|show|kill|wait DST SRC...  load the DLL (or wait 10 s for the global hook
+//                to bring it in), queue a copy of the sources through the shell copy engine (copy
+//                them with SHFileOperationW on the pre-6 path), print
+//                "loaded HRESULT" (show: and the first source's bytes in hex, as the copy would
+//                read them), then end normally, be killed (no tear-down), or (wait) signal the
+//                event "kwtest-queued", wait for "kwtest-perform" and run the copy first
 //   fault        load the DLL and call the test build's export that faults inside it
 #include "kwtest.h"
 
@@ -55,8 +57,15 @@ int wmain(int argc, wchar_t** argv) {
     }
     CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     ComRef<IFileOperation> op;
-    const HRESULT hr = new_file_operation(&op) ? queue(op.get(), false, std::vector<std::wstring>(argv + 5, argv + argc), argv[4]) : E_FAIL;
-    std::printf("loaded %08lx\n", static_cast<unsigned long>(hr));
+    const std::vector<std::wstring> sources(argv + 5, argv + argc);
+    const HRESULT hr = kFlat ? shell_operation(FO_COPY, sources, argv[4])
+                             : new_file_operation(&op) ? queue(op.get(), false, sources, argv[4]) : E_FAIL;
+    std::printf("loaded %08lx", static_cast<unsigned long>(hr));
+    if (argv[3] == std::wstring(L"show")) {
+      std::printf(" ");
+      for (const unsigned char c : content(argv[5])) std::printf("%02x", c);
+    }
+    std::printf("\n");
     std::fflush(stdout);
     if (argv[3] == std::wstring(L"kill")) TerminateProcess(GetCurrentProcess(), 9);
     if (argv[3] == std::wstring(L"wait")) {
@@ -73,6 +82,6 @@ int wmain(int argc, wchar_t** argv) {
     if (fault != nullptr) fault(nullptr);
     return 3;
   }
-  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|hook end|kill|wait DST SRC... | fault\n");
+  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|hook end|show|kill|wait DST SRC... | fault\n");
   return 100;
 }

@@ -41,6 +41,15 @@ inline std::wstring exe_path() {
 inline std::wstring exe_dir() { return exe_path().substr(0, exe_path().rfind(L'\\') + 1); }  // ends with '\'
 inline std::wstring dll_path() { return exe_dir() + KWINDEL_DLL_NAME; }
 inline std::wstring child_path() { return exe_dir() + L"kwtest-child.exe"; }
+// The 32-bit build's programs (KWINDEL_X86_BIN, a Unix path, seen from Wine's drive Z:; ends with
+// '\'), for the tests that run both bitnesses side by side.
+inline std::wstring x86_folder() {
+  wchar_t unix_path[MAX_PATH] = {};
+  std::wstring path = L"Z:";
+  path.append(unix_path, GetEnvironmentVariableW(L"KWINDEL_X86_BIN", unix_path, MAX_PATH));
+  std::replace(path.begin(), path.end(), L'/', L'\\');
+  return path + L"\\";
+}
 // A tool of this program's bitness beside it: kwdecrypt.exe, or kwdecrypt-x86.exe in 32-bit.
 inline std::wstring tool_path(const std::wstring& name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
 inline std::wstring temp_folder() {  // ends with '\'

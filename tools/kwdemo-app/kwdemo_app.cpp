@@ -1,5 +1,6 @@
 // kwdemo-app.exe: a sample desktop program for the demo. It has a message loop, so the global
-// hook brings kwindel-x64.dll into it, and then copies files the way Explorer does.
+// hook brings the DLL of its bitness into it (kwindel-x64.dll, or kwindel-x86.dll into
+// kwdemo-app-x86.exe), and then copies files the way Explorer does.
 //   kwdemo-app wait [MS]                     report whether the DLL arrived within MS ms
 //   kwdemo-app shell-engine DSTFOLDER SRC... copy each source through IFileOperation ("move:SRC"
 //                                            moves it instead)
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "host/owners.h"
+#include "kwindel.h"
 
 namespace {
 
@@ -31,7 +33,7 @@ bool wait_for_dll(DWORD ms) {
     if (window != nullptr) SendMessageW(window, WM_NULL, 0, 0);
     PostThreadMessageW(GetCurrentThreadId(), WM_NULL, 0, 0);
     while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&msg);
-    if (GetModuleHandleW(L"kwindel-x64.dll") != nullptr) return true;
+    if (GetModuleHandleW(KWINDEL_DLL_NAME) != nullptr) return true;
     Sleep(10);
   }
   return false;
@@ -124,9 +126,9 @@ int wmain(int argc, wchar_t** argv) {
   }
   const DWORD wait_ms = mode == L"wait" && argc > 2 ? static_cast<DWORD>(_wtoi(argv[2])) : 10000;
   const bool loaded = wait_for_dll(wait_ms);
-  std::printf(loaded ? "kwdemo-app: kwindel-x64.dll was injected into this process (pid %lu)\n"
-                     : "kwdemo-app: kwindel-x64.dll did not arrive within the wait (pid %lu)\n",
-              GetCurrentProcessId());
+  std::printf(loaded ? "kwdemo-app: %ls was injected into this %d-bit process (pid %lu)\n"
+                     : "kwdemo-app: %ls did not arrive within the wait (%d-bit process, pid %lu)\n",
+              KWINDEL_DLL_NAME, static_cast<int>(sizeof(void*) * 8), GetCurrentProcessId());
   std::fflush(stdout);
   if (!copying) return loaded ? 0 : 1;
   std::vector<std::wstring> sources(argv + 3, argv + argc);
