@@ -61,7 +61,7 @@ bench: release
 	bench/run.sh build/release
 
 demo: release
-	scripts/demo.sh build/release
+	scripts/demo.sh build/release build/release-x86
 
 clean:
 	rm -rf build dist
