@@ -17,16 +17,18 @@ release: bootstrap
 	cmake --build --preset release
 	cmake --build --preset release-x86
 
-# The release package: dist/kwindel-<version>-x64.zip (stripped binaries, import library, header,
-# docs, licences, SHA256SUMS) and dist/kwindel-<version>-x64-symbols.zip (debug information).
-# SIGN_CERT=cert.pem SIGN_KEY=key.pem [SIGN_PASSFILE=file] [SIGN_TSA=url] sign the DLL and tools.
+# The release package of both bitnesses: dist/kwindel-<version>.zip (stripped binaries, import
+# libraries, header, docs, licences, SHA256SUMS), dist/kwindel-<version>-symbols.zip (debug
+# information) and dist/kwindel-<version>-symstore.zip (a symbol server's layout).
+# SIGN_CERT=cert.pem SIGN_KEY=key.pem [SIGN_PASSFILE=file] [SIGN_TSA=url] sign the DLLs and tools.
 dist: release
 	@SIGN_CERT='$(SIGN_CERT)' SIGN_KEY='$(SIGN_KEY)' SIGN_PASSFILE='$(SIGN_PASSFILE)' SIGN_TSA='$(SIGN_TSA)' \
-	  scripts/dist.sh build/release dist
+	  scripts/dist.sh build/release build/release-x86 dist
 
 # Builds the package twice from clean clones of the last commit (different folders, times, time
 # zones) and compares the bytes, then signs it with a throw-away certificate, verifies the
-# signatures and runs the demo with the signed binaries under Wine. Takes two full builds.
+# signatures, runs the demo with the signed binaries under Wine and builds a 64-bit and a 32-bit
+# service against it. Takes two full builds of both bitnesses.
 dist-check: bootstrap
 	scripts/dist-check.sh build/dist-check
 

@@ -1,22 +1,24 @@
 #!/usr/bin/env bash
-# The release package from a release build:
-#  OUT_DIR/kwindel-<version>-x64.zip: the DLL and tools (no debug information in them; each
-#    names its PDB by a CodeView record), import library and .def, header, CMake package
-#    (lib/cmake/kwindel), docs, README, licences, SHA256SUMS;
-#  OUT_DIR/kwindel-<version>-x64-symbols.zip: the PDB of each binary;
-#  OUT_DIR/kwindel-<version>-x64-symstore.zip: the same PDBs and the binaries in the layout
+# The release package from the two release builds (64-bit and 32-bit), both bitnesses in one:
+#  OUT_DIR/kwindel-<version>.zip: the DLLs and tools of both bitnesses (no debug information in
+#    them; each names its PDB by a CodeView record), import libraries and .defs, header, CMake
+#    package (lib/cmake/kwindel), docs, README, licences, SHA256SUMS;
+#  OUT_DIR/kwindel-<version>-symbols.zip: the PDB of each binary;
+#  OUT_DIR/kwindel-<version>-symstore.zip: the same PDBs and the binaries in the layout
 #    Windows debuggers fetch from a symbol server (<name>.pdb/<GUID><age>/<name>.pdb,
 #    <name>/<TIMESTAMP><SizeOfImage>/<name>), to publish as it is.
 # All are byte-for-byte reproducible: members sorted, times from SOURCE_DATE_EPOCH (default: the
 # last commit's time), fixed permissions.
-# Signing: SIGN_CERT and SIGN_KEY (PEM or DER; SIGN_PASSFILE for an encrypted key) sign the DLL
+# Signing: SIGN_CERT and SIGN_KEY (PEM or DER; SIGN_PASSFILE for an encrypted key) sign the DLLs
 # and the tools with Authenticode through osslsigncode; SIGN_TSA names a time-stamping server,
 # and when it cannot be reached the signature goes without a time stamp. Signing keeps the stamp
 # and size that the symbol store files the binaries under.
-# Usage: dist.sh BUILD_DIR OUT_DIR
+# Usage: dist.sh BUILD_DIR BUILD_X86_DIR OUT_DIR
 set -euo pipefail
-build=$(cd "${1:?usage: dist.sh BUILD_DIR OUT_DIR}" && pwd)
-out=${2:?usage: dist.sh BUILD_DIR OUT_DIR}
+usage="usage: dist.sh BUILD_DIR BUILD_X86_DIR OUT_DIR"
+build=$(cd "${1:?$usage}" && pwd)
+build86=$(cd "${2:?$usage}" && pwd)
+out=${3:?$usage}
 src=$(cd "$(dirname "$0")/.." && pwd)
 die() { echo "dist: $*" >&2; exit 1; }
 need() { command -v "$1" >/dev/null || die "$1 is missing: run scripts/bootstrap.sh as root (apt-get install $2)"; }
@@ -24,6 +26,8 @@ need python3 python3
 
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 [ -n "$version" ] || die "no project version in $build/CMakeCache.txt: configure the release preset first"
+[ "$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build86/CMakeCache.txt" 2>/dev/null)" = "$version" ] \
+  || die "$build86 is not a release-x86 build of version $version: configure and build the release-x86 preset"
 if [ -z "${SOURCE_DATE_EPOCH:-}" ]; then
   SOURCE_DATE_EPOCH=$(git -C "$src" log -1 --format=%ct 2>/dev/null) \
     || die "not a git clone: set SOURCE_DATE_EPOCH (seconds since 1970) for the archive times"
@@ -31,22 +35,27 @@ fi
 [ -z "$(git -C "$src" status --porcelain 2>/dev/null)" ] \
   || echo "dist: note: the working tree has changes that the last commit does not hold" >&2
 
-name=kwindel-$version-x64
+name=kwindel-$version
 stage=$build/dist
 rm -rf "$stage" "$out/$name.zip" "$out/$name-symbols.zip" "$out/$name-symstore.zip"  # no stale package after a failure
 pkg=$stage/$name sym=$stage/$name-symbols store=$stage/$name-symstore
 mkdir -p "$pkg/bin" "$pkg/lib/cmake/kwindel" "$pkg/include" "$pkg/docs" "$pkg/licenses" "$sym" "$store"
 
-# The build leaves the binaries as they ship (their debug information is in the PDBs only).
-for f in kwindel-x64.dll kwctl.exe kwagent.exe kwdecrypt.exe; do
-  [ -f "$build/bin/$f" ] || die "$build/bin/$f is missing: build the release preset first"
-  [ -f "$build/bin/${f%.*}.pdb" ] || die "$build/bin/${f%.*}.pdb is missing: the release preset links a PDB beside each binary"
-  cp "$build/bin/$f" "$pkg/bin/"
-  cp "$build/bin/${f%.*}.pdb" "$sym/"
-done
-cp "$build/lib/kwindel-x64.lib" "$pkg/lib/"
+# The builds leave the binaries as they ship (their debug information is in the PDBs only).
+ship() {  # ship BUILD_DIR PRESET BINARY...
+  local dir=$1 preset=$2 dll=${3%.dll} f; shift 2
+  for f; do
+    [ -f "$dir/bin/$f" ] || die "$dir/bin/$f is missing: build the $preset preset first"
+    [ -f "$dir/bin/${f%.*}.pdb" ] || die "$dir/bin/${f%.*}.pdb is missing: the $preset preset links a PDB beside each binary"
+    cp "$dir/bin/$f" "$pkg/bin/"
+    cp "$dir/bin/${f%.*}.pdb" "$sym/"
+  done
+  cp "$dir/lib/$dll.lib" "$pkg/lib/"
+  cp "$dir/src/kwindel.def" "$pkg/lib/$dll.def"
+}
+ship "$build" release kwindel-x64.dll kwctl.exe kwagent.exe kwdecrypt.exe
+ship "$build86" release-x86 kwindel-x86.dll kwctl-x86.exe kwagent-x86.exe kwdecrypt-x86.exe
 cp "$src/cmake/package/kwindelConfig.cmake" "$build/package/kwindelConfigVersion.cmake" "$pkg/lib/cmake/kwindel/"
-cp "$src/src/kwindel.def" "$pkg/lib/kwindel-x64.def"
 cp "$src/include/kwindel.h" "$pkg/include/"
 cp "$src"/docs/*.md "$pkg/docs/"
 cp "$src/README.md" "$src/LICENSE" "$pkg/"
@@ -72,7 +81,8 @@ if [ -n "${SIGN_CERT:-}${SIGN_KEY:-}" ]; then
 fi
 
 # The symbol store, from the binaries as they ship: each PDB under its GUID and age, each binary
-# under its PE time stamp and SizeOfImage, all read from the binary's headers and CodeView record.
+# under its PE time stamp and SizeOfImage, all read from the binary's headers (PE32+ or PE32) and
+# CodeView record.
 for f in "$pkg"/bin/*; do
   python3 - "$f" "$sym" "$store" <<'PY' || die "no CodeView record naming a PDB in $(basename "$f")"
 import os, shutil, struct, sys

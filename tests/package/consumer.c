@@ -1,6 +1,7 @@
-/* A service's program built against the release package: it links kwindel-x64.dll through the
- * import library and calls it as include/kwindel.h says. Exit code 0 when every answer is the
- * documented one. KWINDEL_CONSUMER_ENTRY: no C runtime, the entry point is consumer_main. */
+/* A service's program built against the release package: it links kwindel-x64.dll (kwindel-x86.dll
+ * when 32-bit) through the import library and calls it as include/kwindel.h says. Exit code 0 when
+ * every answer is the documented one. KWINDEL_CONSUMER_ENTRY: no C runtime, the entry point is
+ * consumer_main. */
 #include <kwindel.h>
 
 int consumer_main(void) {
@@ -11,5 +12,14 @@ int consumer_main(void) {
 }
 
 #ifndef KWINDEL_CONSUMER_ENTRY
-int main(void) { return consumer_main(); }
+#include <stdio.h>
+
+/* Names the kwindel DLL the import library brought in, so a package that hands a program the
+ * other bitness's DLL or library is caught by name. */
+int main(void) {
+  static const char *const dlls[] = {"kwindel-x64.dll", "kwindel-x86.dll"};
+  for (unsigned i = 0; i < sizeof dlls / sizeof *dlls; i++)
+    if (GetModuleHandleA(dlls[i])) printf("loaded %s\n", dlls[i]);
+  return consumer_main();
+}
 #endif
