@@ -176,8 +176,8 @@ struct Step {
                        // r Release (the last reference); the test's acts: l lock file 1 for the next
                        // call, h hold file 0 open for the next call, x carry file 0 to dst as an
                        // engine would (under its own name), d delete file 0's parked original, t throw in the next
-                       // replacement, s leave stale ".tmp" names, 0 secret check off, q another
-                       // process queues a copy of file 0 and waits, w that process runs it and ends
+                       // replacement, s leave stale ".tmp" names, 0 secret check off, q a process of
+                       // the other bitness queues a copy of file 0 and waits, w it runs it and ends
   const char* files;   // the files a call names, as indices
   char answer;
   HRESULT result;
@@ -208,7 +208,7 @@ const SwapRow kSwapRows[] = {
      {{'A', 'c', "0", 's', P, "EO/1"}, {'B', 'c', "1", 's', P, "EE/2"}, {'B', 'p', "", 0, P, "EO/1"}, {'A', 'p', "", 0, P, "OO/0"}}},
     {"forbid A, run B, then A", {L"a.doc", L"b.doc"},
      {{'A', 'c', "0", 'f', P, "OO/0"}, {'B', 'c', "1", 'n', P, "OO/0"}, {'B', 'p', "", 0, P, "OO/0"}, {'A', 'p', "", 0, R, "OO/0"}}},
-    {"one source queued by two operations and another process's stays swapped until the last has run", {L"shared.doc"},
+    {"one source queued by two operations and a process of the other bitness stays swapped until the last has run", {L"shared.doc"},
      {{'A', 'c', "0", 's', P, "E/1"}, {'B', 'c', "0", 's', P, "E/1"}, {'T', 'q', "", 0, P, "E/1"}, {'A', 'p', "", 0, P, "E/1"},
       {'B', 'p', "", 0, P, "E/1"}, {'T', 'w', "", 0, P, "O/0"}}},
     {"an operation released without PerformOperations puts its swaps back", {L"released.doc"},
@@ -275,7 +275,7 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
           ResetEvent(queued.get()), ResetEvent(perform.get());
           TestAgent agent(all_secret());
           ASSERT_TRUE(agent.ok());
-          other_process.reset(start_process(child_path(), L"copy load wait \"" + dst + L"\" \"" + paths[0] + L"\"", nullptr));
+          other_process.reset(start_process(other_bitness_child_path(), L"copy screen wait \"" + dst + L"\" \"" + paths[0] + L"\"", nullptr));
           ASSERT_TRUE(other_process.ok());
           ASSERT_EQ(WaitForSingleObject(queued.get(), 30000), WAIT_OBJECT_0);
         }

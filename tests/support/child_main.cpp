@@ -4,8 +4,9 @@
 //   load         load the DLL, print its shared policy words, give the recovery that
 //                the load starts in the background up to 10 s to put back what is parked, end;
 //                every debug line of the process (the tear-down included) is printed as it comes
-//   copy load|hook end|show|kill|wait DST SRC...  load the DLL (or wait 10 s for the global hook
-//                to bring it in), queue a copy of the sources through the shell copy engine (copy
+//   copy load|screen|hook end|show|kill|wait DST SRC...  load the DLL (screen: and set the
+//                screening policy in its block, which a DLL of the other bitness does not share;
+//                hook: wait 10 s for the global hook to bring it in), queue a copy of the sources through the shell copy engine (copy
 //                them with SHFileOperationW on the pre-6 path), print
 //                "loaded HRESULT" (show: and the first source's bytes in hex, as the copy would
 //                read them), then end normally, be killed (no tear-down), or (wait) signal the
@@ -51,10 +52,12 @@ int wmain(int argc, wchar_t** argv) {
     return 0;
   }
   if (mode == L"copy" && argc > 5) {
-    if ((argv[2] == std::wstring(L"load") ? LoadLibraryW(dll_path().c_str()) : wait_for_injection(10000)) == nullptr) {
+    const HMODULE dll = argv[2] == std::wstring(L"hook") ? wait_for_injection(10000) : LoadLibraryW(dll_path().c_str());
+    if (dll == nullptr) {
       std::printf("not loaded\n");
       return 1;
     }
+    if (argv[2] == std::wstring(L"screen")) fn<KwSetPolicyFn>(dll, "SetPolicy")(kScreen, 0);
     CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     ComRef<IFileOperation> op;
     const std::vector<std::wstring> sources(argv + 5, argv + argc);
@@ -82,6 +85,6 @@ int wmain(int argc, wchar_t** argv) {
     if (fault != nullptr) fault(nullptr);
     return 3;
   }
-  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|hook end|show|kill|wait DST SRC... | fault\n");
+  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|screen|hook end|show|kill|wait DST SRC... | fault\n");
   return 100;
 }

@@ -41,14 +41,19 @@ inline std::wstring exe_path() {
 inline std::wstring exe_dir() { return exe_path().substr(0, exe_path().rfind(L'\\') + 1); }  // ends with '\'
 inline std::wstring dll_path() { return exe_dir() + KWINDEL_DLL_NAME; }
 inline std::wstring child_path() { return exe_dir() + L"kwtest-child.exe"; }
-// The 32-bit build's programs (KWINDEL_X86_BIN, a Unix path, seen from Wine's drive Z:; ends with
-// '\'), for the tests that run both bitnesses side by side.
-inline std::wstring x86_folder() {
+// The programs of one bitness's build, named by a Unix path in `variable` (KWINDEL_X64_BIN or
+// KWINDEL_X86_BIN, set by CTest) and seen from Wine's drive Z:; ends with '\'.
+inline std::wstring build_folder(const wchar_t* variable) {
   wchar_t unix_path[MAX_PATH] = {};
   std::wstring path = L"Z:";
-  path.append(unix_path, GetEnvironmentVariableW(L"KWINDEL_X86_BIN", unix_path, MAX_PATH));
+  path.append(unix_path, GetEnvironmentVariableW(variable, unix_path, MAX_PATH));
   std::replace(path.begin(), path.end(), L'/', L'\\');
   return path + L"\\";
+}
+inline std::wstring x86_folder() { return build_folder(L"KWINDEL_X86_BIN"); }
+// kwtest-child.exe of the other bitness, for the rows that run a 64-bit and a 32-bit process.
+inline std::wstring other_bitness_child_path() {
+  return build_folder(sizeof(void*) == 8 ? L"KWINDEL_X86_BIN" : L"KWINDEL_X64_BIN") + L"kwtest-child.exe";
 }
 // A tool of this program's bitness beside it: kwdecrypt.exe, or kwdecrypt-x86.exe in 32-bit.
 inline std::wstring tool_path(const std::wstring& name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
