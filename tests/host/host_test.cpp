@@ -8,6 +8,8 @@
 
 #include <dbghelp.h>
 
+#include <memory>
+
 namespace {
 
 using namespace kwtest;
@@ -146,8 +148,9 @@ TEST_F(Exports, SetPolicyMapsEachBitToItsWordInEveryProcess) {
 }
 
 // Either global hook brings the DLL into another process, which screens its copies under the
-// shared policy and, ending before PerformOperations, puts its swapped source back as it detaches
-// (on the pre-6 path its copy arrives encrypted); once removed, no process gets the DLL.
+// shared policy: a secret copy goes ahead (its swapped source back after PerformOperations; on the
+// pre-6 path the copy arrives encrypted), a forbidden one is refused; once removed, no process gets
+// the DLL.
 TEST_F(Exports, EachGlobalHookInjectsAndScreensUntilRemoved) {
   EXPECT_EQ(install_hook_proc(FALSE), 1);  // removal without a hook still reports success
   EXPECT_FALSE(remove_hook());             // unhooking a null handle fails
@@ -155,7 +158,8 @@ TEST_F(Exports, EachGlobalHookInjectsAndScreensUntilRemoved) {
   ScratchDir dir;
   const std::wstring a = dir.file(L"a.txt"), out = dir.file(L"out");
   ASSERT_TRUE(write_file(a, "alpha") && CreateDirectoryW(out.c_str(), nullptr));
-  TestAgent agent(AgentScript{true, {secret_answer({narrow(a)}, "pw", 1)}});
+  int asked = 0;  // the first copy's source is secret, the second's forbidden
+  TestAgent agent(AgentScript{true, {}, false, [&](const std::string&) { return secret_answer({narrow(a)}, "pw", asked++ == 0); }});
   ASSERT_TRUE(agent.ok());
   set_policy(kScreen, 0);
   for (const bool call_window : {false, true}) {
@@ -163,17 +167,19 @@ TEST_F(Exports, EachGlobalHookInjectsAndScreensUntilRemoved) {
     ASSERT_TRUE(call_window ? install_hook(dll.get()) : install_hook_proc(TRUE) == 1) << GetLastError();
     EXPECT_NE(block->hook, nullptr);
     // The shell copy engine only queues under Wine; the pre-6 path copies, in encrypted form.
-    EXPECT_EQ(run_child(child_path(), L"copy hook end \"" + out + L"\" \"" + a + L"\"", 30000).output,
-              kFlat ? "loaded 00000000\n" : "loaded 80004001\n");
-    EXPECT_TRUE(kFlat ? decrypts_to(out + L"\\a.txt", "pw", "alpha") : !file_exists(out + L"\\a.txt"));
+    EXPECT_EQ(run_child(child_path(), L"copy hook perform \"" + out + L"\" \"" + a + L"\"", 30000).output,
+              kFlat ? (call_window ? "loaded ffffffff\n" : "loaded 00000000\n")
+                    : (call_window ? "loaded 80004001 ffffffff\n" : "loaded 80004001 80004001\n"));
+    EXPECT_EQ(kFlat && !call_window && decrypts_to(out + L"\\a.txt", "pw", "alpha"), kFlat && !call_window);
+    DeleteFileW((out + L"\\a.txt").c_str());
     EXPECT_TRUE(call_window ? remove_hook() : install_hook_proc(FALSE) == 1);
     EXPECT_EQ(block->hook, nullptr);
     EXPECT_EQ(run_child(child_path(), L"pump 1500", 30000).output, "not loaded\n");
   }
   ASSERT_TRUE(agent.flush());
   EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(2, request_document({a}, out, "kwtest-child.exe")));
-  const auto audits = agent.documents(kAuditTag);
-  ASSERT_EQ(audits.size(), 2u);
+  const auto audits = agent.documents(kAuditTag);  // the refused copy has none
+  ASSERT_EQ(audits.size(), 1u);
   EXPECT_EQ(audits[0].find("<FilesCopy processname=\"kwtest-child.exe\" operation=\"6\""), 0u);
   EXPECT_EQ(content(a), "alpha");
   EXPECT_TRUE(parked_records().empty());
@@ -197,6 +203,11 @@ TEST_F(Exports, OneKwctlInstallProtectsBothBitnesses) {
   OwnedHandle log(CreateFileW(install.file(L"kwctl.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
                               CREATE_ALWAYS, 0, nullptr));
   const OwnedHandle holder(start_process(kwctl, L"--copy-audit --secret-audit --dest local --event kwtest-kwctl", log.get()));
+  const std::unique_ptr<void, void (*)(void*)> stop_at_end(holder.get(), [](void* process) {  // also after a failed ASSERT
+    const OwnedHandle stop(OpenEventW(EVENT_MODIFY_STATE, FALSE, L"kwtest-kwctl"));
+    if (stop.ok()) SetEvent(stop.get());
+    if (WaitForSingleObject(process, 30000) != WAIT_OBJECT_0) TerminateProcess(process, 9);
+  });
   auto status = [&] {
     return std::regex_replace(std::regex_replace(run_child(kwctl, L"--status", 30000).output, std::regex("\r"), ""),
                               std::regex("pid [0-9]+"), "pid N");

@@ -4,12 +4,12 @@
 //   load         load the DLL, print its shared policy words, give the recovery that
 //                the load starts in the background up to 10 s to put back what is parked, end;
 //                every debug line of the process (the tear-down included) is printed as it comes
-//   copy load|screen|hook end|show|kill|wait DST SRC...  load the DLL (screen: and set the
+//   copy load|screen|hook end|perform|show|kill|wait DST SRC...  load the DLL (screen: and set the
 //                screening policy in its block, which a DLL of the other bitness does not share;
 //                hook: wait 10 s for the global hook to bring it in), queue a copy of the sources through the shell copy engine (copy
 //                them with SHFileOperationW on the pre-6 path), print
-//                "loaded HRESULT" (show: and the first source's bytes in hex, as the copy would
-//                read them), then end normally, be killed (no tear-down), or (wait) signal the
+//                "loaded HRESULT" (perform: and PerformOperations' result; show: and the first
+//                source's bytes in hex, as the copy would read them), then end normally, be killed (no tear-down), or (wait) signal the
 //                event "kwtest-queued", wait for "kwtest-perform" and run the copy first
 //   fault        load the DLL and call the test build's export that faults inside it
 #include "kwtest.h"
@@ -64,6 +64,7 @@ int wmain(int argc, wchar_t** argv) {
     const HRESULT hr = kFlat ? shell_operation(FO_COPY, sources, argv[4])
                              : new_file_operation(&op) ? queue(op.get(), false, sources, argv[4]) : E_FAIL;
     std::printf("loaded %08lx", static_cast<unsigned long>(hr));
+    if (argv[3] == std::wstring(L"perform") && op.ok()) std::printf(" %08lx", static_cast<unsigned long>(op->PerformOperations()));
     if (argv[3] == std::wstring(L"show")) {
       std::printf(" ");
       for (const unsigned char c : content(argv[5])) std::printf("%02x", c);
@@ -85,6 +86,6 @@ int wmain(int argc, wchar_t** argv) {
     if (fault != nullptr) fault(nullptr);
     return 3;
   }
-  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|screen|hook end|show|kill|wait DST SRC... | fault\n");
+  std::fprintf(stderr, "usage: kwtest-child pump MS | load | copy load|screen|hook end|perform|show|kill|wait DST SRC... | fault\n");
   return 100;
 }
