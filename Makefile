@@ -57,10 +57,12 @@ fuzz: bootstrap
 	@scripts/fetch-deps.sh "$${XDG_CACHE_HOME:-$$HOME/.cache}/kwindel"
 	tests/fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
-# Builds the release preset with the benchmark programs and runs every bench/*.sh.
+# Builds both release presets with the benchmark programs and runs every bench/*.sh, which
+# measure the 32-bit DLL beside the 64-bit one where the bitness matters.
 bench: release
 	cmake --build --preset release --target benchmarks
-	bench/run.sh build/release
+	cmake --build --preset release-x86 --target benchmarks
+	bench/run.sh build/release build/release-x86
 
 demo: release
 	scripts/demo.sh build/release build/release-x86

@@ -1,8 +1,12 @@
-// kwbench MODE ...: the side-by-side benchmarks of kwindel-x64.dll, run under Wine by bench/*.sh.
+// kwbench MODE ...: the side-by-side benchmarks of the DLL, run under Wine by bench/*.sh. kwbench.exe
+// loads kwindel-x64.dll, its 32-bit twin kwbench-x86.exe kwindel-x86.dll, and each starts the
+// programs of its own bitness (kwbench-child, kwagent) from beside itself.
 // Every mode measures the product and its reference in the same run, alternating them round by
-// round, and prints the medians and their ratio.
-//   load RUNS [shell]           start of kwbench-child.exe to its first message, without and with
-//                               the DLL injected by a global InstallHookProc hook
+// round, and prints the medians and their ratio (load: every round, for bench/dll_load.sh to
+// pool with the other bitness's rounds).
+//   load RUNS [shell]           start of kwbench-child to its first message, without and with
+//                               the DLL injected by a global InstallHookProc hook; one line
+//                               "plain_ms A hooked_ms B" per round
 //   setup                       the DLL's set-up split into the platform's steps and the rest
 //   copyfile DIR ROUNDS CALLS   CopyFileW and SHFileOperationW of a 1 MiB file: unhooked, DLL loaded
 //                               with the policy off, and with copy and secret audit on (kwagent)
@@ -41,6 +45,8 @@
 
 namespace {
 
+// The bitness that labels the rows, for the scripts that print both programs' rows together.
+constexpr const char* kArch = sizeof(void*) == 8 ? "x64" : "x86";
 constexpr HRESULT kNotImplemented = static_cast<HRESULT>(0x80004001);
 // Copy audit, secret audit, destinations on local drives: both messages go to the agent.
 constexpr DWORD kAuditPolicy = KWINDEL_POLICY_COPY_AUDIT | KWINDEL_POLICY_SECRET_AUDIT | KWINDEL_POLICY_DEST_LOCAL;
@@ -66,7 +72,10 @@ std::wstring exe_dir() {
   return s.substr(0, s.rfind(L'\\') + 1);
 }
 
-std::wstring dll_path() { return exe_dir() + L"kwindel-x64.dll"; }
+std::wstring dll_path() { return exe_dir() + KWINDEL_DLL_NAME; }
+
+// A program of this one's bitness beside it: kwagent.exe, or kwagent-x86.exe in 32-bit.
+std::wstring program_path(const wchar_t* name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
 
 // `quiet`: the child gets no standard handles (kwagent's start and stop lines stay out of the table).
 bool start_process(std::wstring command_line, PROCESS_INFORMATION* info, bool quiet = false) {
@@ -85,7 +94,7 @@ bool write_file(const std::wstring& path, size_t size) {
   return WriteFile(file.get(), bytes.data(), static_cast<DWORD>(size), &written, nullptr) && written == size;
 }
 
-// kwagent.exe from beside this program, stopped when this process ends or the scope ends.
+// kwagent from beside this program, stopped when this process ends or the scope ends.
 class Agent {
  public:
   // Starts kwagent with `options`; waits up to `wait_ms` for it to bind its port, retrying while
@@ -98,7 +107,7 @@ class Agent {
     const ULONGLONG end = GetTickCount64() + wait_ms;
     do {
       PROCESS_INFORMATION info = {};
-      const std::wstring command = L"\"" + exe_dir() + L"kwagent.exe\" " + options + L" --ready " + ready_name +
+      const std::wstring command = L"\"" + program_path(L"kwagent") + L"\" " + options + L" --ready " + ready_name +
                                    L" --event " + stop_name + L" --parent " + tag;
       if (!start_process(command, &info, true)) return;
       CloseHandle(info.hThread);
@@ -148,6 +157,8 @@ double time_child_start(const std::wstring& child, bool shell, bool expect_loade
   return elapsed;
 }
 
+// Prints every counted round rather than medians: bench/dll_load.sh alternates blocks of rounds of
+// both bitnesses and takes the medians over the blocks.
 int bench_load(int runs, bool shell) {
   OwnedModule dll(LoadLibraryW(dll_path().c_str()));
   auto install = function_of<KwInstallHookProcFn>(dll, "InstallHookProc");
@@ -155,8 +166,7 @@ int bench_load(int runs, bool shell) {
     std::fprintf(stderr, "kwbench load: cannot load %ls or its InstallHookProc\n", dll_path().c_str());
     return 1;
   }
-  const std::wstring child = exe_dir() + L"kwbench-child.exe";
-  std::vector<double> plain, hooked;
+  const std::wstring child = program_path(L"kwbench-child");
   int serial = 0;
   for (int i = -1; i < runs; ++i) {  // round -1 warms the caches and is not counted
     const double p = time_child_start(child, shell, false, serial++);
@@ -167,15 +177,8 @@ int bench_load(int runs, bool shell) {
     const double h = time_child_start(child, shell, true, serial++);
     install(FALSE);
     if (p < 0 || h < 0) return 1;
-    if (i >= 0) {
-      plain.push_back(p);
-      hooked.push_back(h);
-    }
+    if (i >= 0) std::printf("plain_ms %.3f hooked_ms %.3f\n", p * 1e3, h * 1e3);
   }
-  const double mp = median(plain), mh = median(hooked);
-  std::printf("  child %-26s plain %7.1f ms   DLL injected %7.1f ms   ratio %.2f (target <= 1.20)\n",
-              shell ? "loading ole32 and shell32" : "importing user32 only", mp * 1e3, mh * 1e3, mh / mp);
-  std::printf("    (median of %d alternating starts each; DLL adds %.1f ms)\n", runs, (mh - mp) * 1e3);
   return 0;
 }
 
@@ -288,7 +291,7 @@ int bench_copyfile(const std::wstring& dir, int rounds, int calls) {
   }
   auto row = [&](const char* name, std::vector<double>* v) {
     const double u = median(v[0]), off = median(v[1]), on = median(v[2]);
-    std::printf("  %-22s unhooked %8.1f us   policy off %8.1f us (ratio %.3f, target <= 1.05)", name, u * 1e6,
+    std::printf("  %s %-22s unhooked %8.1f us   policy off %8.1f us (ratio %.3f, target <= 1.05)", kArch, name, u * 1e6,
                 off * 1e6, off / u);
     if (agent.ready) std::printf("   audit on %8.1f us (ratio %.3f)", on * 1e6, on / u);
     std::printf("\n");
@@ -364,7 +367,7 @@ int bench_copyitems(const std::wstring& dir, int rounds, int calls) {
     return 1;
   }
   const double u = median(ci[0]), off = median(ci[1]), on = median(ci[2]), file = median(cf);
-  std::printf("  CopyItems (Wine stub)  unhooked %8.3f us   policy off %8.1f us (ratio %.1f, target <= 1.05)", u * 1e6,
+  std::printf("  %s CopyItems (Wine stub)  unhooked %8.3f us   policy off %8.1f us (ratio %.1f, target <= 1.05)", kArch, u * 1e6,
               off * 1e6, off / u);
   if (agent.ready) std::printf("   audit on %8.1f us (ratio %.0f)", on * 1e6, on / u);
   std::printf("\n    added per call with the policy off: %.1f us = %.2f%% of one CopyFileW of 1 MiB (%.1f us, same run)\n",
@@ -625,7 +628,7 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
     if (r >= 0) acked.push_back(a), minimal.push_back(m), plain.push_back(p), delivered.push_back(double(received) / double(bytes));
   }
   const double ma = median(acked), mm = median(minimal), mp = median(plain), mib = double(bytes) / 1048576.0;
-  std::printf("  record of %d files: %.2f MiB in %zu datagrams of at most %d bytes\n", files, mib, chunks,
+  std::printf("  %s programs: record of %d files, %.2f MiB in %zu datagrams of at most %d bytes\n", kArch, files, mib, chunks,
               agent::kChunkSize);
   std::printf("  kwindel sender (kwagent)             %7.1f ms  %7.1f MiB/s  %6.1f us per chunk\n", ma * 1e3, mib / ma,
               ma * 1e6 / double(chunks));

@@ -1,15 +1,17 @@
 // kwbench-child EVENT [shell]: the program whose start the load benchmark times. It creates its
 // message queue, posts itself one message and takes it with GetMessageW (the point at which a
-// global WH_GETMESSAGE hook maps kwindel-x64.dll into it), then signals the named event EVENT.
+// global WH_GETMESSAGE hook maps the DLL of its bitness into it), then signals the named event EVENT.
 // With "shell" it first loads ole32 and shell32 and initialises COM, as a desktop program does.
 // kwbench-child parts DLL: see parts() below.
-// Exit code 0 when kwindel-x64.dll is loaded at that point, 1 when it is not, 2 on a usage error.
+// Exit code 0 when KWINDEL_DLL_NAME is loaded at that point, 1 when it is not, 2 on a usage error.
 // Imports kernel32 and user32 only, so the plain start is as cheap as a window program's can be.
 #include <windows.h>
 
 #include <cstdio>
 #include <initializer_list>
 #include <cwchar>
+
+#include "kwindel.h"
 
 namespace {
 double milliseconds_since(const LARGE_INTEGER& start) {
@@ -51,7 +53,7 @@ int wmain(int argc, wchar_t** argv) {
   PeekMessageW(&msg, nullptr, 0, 0, PM_NOREMOVE);  // creates the queue
   PostThreadMessageW(GetCurrentThreadId(), WM_APP, 0, 0);
   GetMessageW(&msg, nullptr, 0, 0);
-  const bool loaded = GetModuleHandleW(L"kwindel-x64.dll") != nullptr;
+  const bool loaded = GetModuleHandleW(KWINDEL_DLL_NAME) != nullptr;
   HANDLE event = OpenEventW(EVENT_MODIFY_STATE, FALSE, argv[1]);
   if (event == nullptr) return 2;
   SetEvent(event);
