@@ -1,5 +1,6 @@
-# Front door. `make` builds the DLL and tools, `make test` bootstraps, builds and runs every test
-# under Wine, `make demo` shows the product working end to end in a fresh Wine prefix.
+# Front door. `make` builds both DLLs and the tools, `make test` bootstraps, builds and runs every
+# test under Wine in both bitnesses, `make demo` shows the product working end to end in fresh Wine
+# prefixes.
 .PHONY: all release dist dist-check test stress fuzz demo bench bootstrap clean
 
 all: release
@@ -48,7 +49,7 @@ stress: bootstrap
 	cmake --build --preset tests-x86
 	cmake --preset tests
 	cmake --build --preset tests
-	tests/reliability/stress.sh build/tests
+	tests/reliability/stress.sh build/tests build/tests-x86
 
 # The native libFuzzer targets (clang, ASan, UBSan), each run for FUZZ_SECONDS from the seed
 # corpus in tests/fuzz/corpus; prints executions, exec/s and findings (kept in build/fuzz/findings).
