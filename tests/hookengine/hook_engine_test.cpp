@@ -6,21 +6,16 @@
 // twice, for 64-bit and for 32-bit processes (WoW64 under Wine): each runs the rows of its
 // bitness, and every function it hooks is WINAPI (stdcall in 32-bit code: the callee pops its
 // arguments, so a relay, stub or trampoline that moved the stack would show).
-#include <gtest/gtest.h>
-#include <windows.h>
+#include "kwtest.h"
 
-#include <atomic>
 #include <cstdio>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "hookengine/code_memory.h"
 #include "hookengine/flat_hooks.h"
 #include "hookengine/inline_hook.h"
 
 using namespace hookengine;
+using kwtest::jump_destination;
 
 namespace {
 
@@ -46,22 +41,13 @@ uintptr_t WINAPI probe(uintptr_t a, uintptr_t b, uintptr_t c) {
   return reinterpret_cast<Fn3>(g_real)(a, b, c);
 }
 
-// Where the jump at `code` (E9 rel32, or FF 25 through a literal) leads.
-uintptr_t jump_destination(const uint8_t* code) {
-  int32_t rel;
-  uintptr_t literal = 0;
-  std::memcpy(&rel, code + 2, 4);
-  if (code[0] == 0xE9) return std::memcpy(&rel, code + 1, 4), reinterpret_cast<uintptr_t>(code) + 5 + rel;
-  const uintptr_t at = k64 ? reinterpret_cast<uintptr_t>(code) + 6 + rel : static_cast<uint32_t>(rel);  // [rip+x], [x]
-  if (code[0] == 0xFF && code[1] == 0x25) std::memcpy(&literal, reinterpret_cast<const void*>(at), sizeof literal);
-  return literal;
-}
-
-// A fresh writable code page: `bytes`, nops to 64, then zeros. abs_at: the 4 bytes there hold an
-// offset into the page, made the absolute address it names (a 32-bit [disp32] operand).
+// A fresh writable code page: `bytes`, nops to +20h, the dword 43 (odd) there, then zeros. abs_at:
+// the 4 bytes there hold an offset into the page, made the absolute address it names (a 32-bit
+// [disp32] operand).
 uint8_t* code_page_with(const std::vector<uint8_t>& bytes, size_t abs_at) {
   auto page = static_cast<uint8_t*>(VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE));
-  std::memset(page, 0x90, 64);
+  std::memset(page, 0x90, 0x20);
+  page[0x20] = 43;
   std::copy(bytes.begin(), bytes.end(), page);
   uint32_t at = 0;
   if (abs_at != 0) std::memcpy(&at, page + abs_at, 4), at += static_cast<uint32_t>(reinterpret_cast<uintptr_t>(page));
@@ -78,19 +64,13 @@ const std::vector<uint8_t> kTestRipJne = {0x48, 0x83, 0xEC, 0x28, 0xF6, 0x05, 0x
 const std::vector<uint8_t> kCounted = {0x48, 0x89, 0xC8, 0xF0, 0x48, 0xFF, 0x05, 0xF5, 0x00, 0x00, 0x00, 0xC3};
 // 32-bit, stdcall with three arguments. cmp eax,eax; je +5 (taken, out of the patch); xor eax,eax;
 // ret 12; mov eax,[esp+4]; test byte [page+20h],1 (odd); jne +2; xor eax,eax; ret 12.
-const std::vector<uint8_t> kJeAbs32 = {0x39, 0xC0, 0x74, 0x05, 0x31, 0xC0, 0xC2, 0x0C, 0x00, 0x8B, 0x44, 0x24, 0x04,
-                                       0xF6, 0x05, 0x20, 0, 0, 0, 0x01, 0x75, 0x02, 0x31, 0xC0, 0xC2, 0x0C, 0x00,
-                                       0x90, 0x90, 0x90, 0x90, 0x90, 0x01};
-// call $+5; pop ecx; mov eax,[ecx+1Bh] (the 42 at +20h when ecx holds the original +5); ret 12.
-const std::vector<uint8_t> kCallNext32 = {0xE8, 0, 0, 0, 0, 0x59, 0x8B, 0x41, 0x1B, 0xC2, 0x0C, 0x00, 0x90, 0x90,
-                                          0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90,
-                                          0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 42, 0, 0, 0};
-// xor eax,eax; call +29h (mov eax,[esp]; ret: a pc thunk); mov eax,[eax+19h] (the 42 at +20h when
-// the thunk returned the original +7); ret 12.
-const std::vector<uint8_t> kPcThunk32 = {
-    0x31, 0xC0, 0xE8, 0x29, 0, 0, 0, 0x8B, 0x40, 0x19, 0xC2, 0x0C, 0x00, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90,
-    0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 42,   0,    0,    0,    0x90, 0x90,
-    0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x8B, 0x04, 0x24, 0xC3};
+const std::vector<uint8_t> kJeAbs32 = {0x39, 0xC0, 0x74, 0x05, 0x31, 0xC0, 0xC2, 0x0C, 0x00, 0x8B, 0x44, 0x24, 0x04, 0xF6,
+                                       0x05, 0x20, 0, 0, 0, 0x01, 0x75, 0x02, 0x31, 0xC0, 0xC2, 0x0C, 0x00};
+// call $+5; pop ecx; mov eax,[ecx+1Bh] (the 43 at +20h when ecx holds the original +5); ret 12.
+const std::vector<uint8_t> kCallNext32 = {0xE8, 0, 0, 0, 0, 0x59, 0x8B, 0x41, 0x1B, 0xC2, 0x0C, 0x00};
+// xor eax,eax; call +6 (mov eax,[esp]; ret: a pc thunk); mov eax,[eax+19h] (the 43 at +20h when the
+// thunk returned the original +7); ret 12.
+const std::vector<uint8_t> kPcThunk32 = {0x31, 0xC0, 0xE8, 0x06, 0, 0, 0, 0x8B, 0x40, 0x19, 0xC2, 0x0C, 0x00, 0x8B, 0x04, 0x24, 0xC3};
 // push ebx; cpuid (slow: most threads the freeze stops here stand at the pop, inside the patch);
 // pop ebx; mov eax,[esp+4]; lock inc dword [page+100h]; ret 12.
 const std::vector<uint8_t> kCounted32 = {0x53, 0x0F, 0xA2, 0x5B, 0x8B, 0x44, 0x24, 0x04, 0xF0, 0xFF,
@@ -123,8 +103,8 @@ const Scenario kScenarios[] = {
     {"undecodable", k32Only, nullptr, {0x0F, 0x04, 0x0F, 0x04, 0x0F, 0x04}, false, HookStatus::kUndecodable},
     {"je widened, [abs32] kept", k32Only, nullptr, kJeAbs32, false, HookStatus::kOk, 5, 6, 6, 0, 15},
     {"absolute asked, near given", k32Only, nullptr, kJeAbs32, true, HookStatus::kOk, 5, 6, 6, 0, 15},
-    {"call $+5; pop rebuilt", k32Only, nullptr, kCallNext32, false, HookStatus::kOk, 5, 5, 42},
-    {"pc thunk sees the original return address", k32Only, nullptr, kPcThunk32, false, HookStatus::kOk, 5, 7, 42},
+    {"call $+5; pop rebuilt", k32Only, nullptr, kCallNext32, false, HookStatus::kOk, 5, 5, 43},
+    {"pc thunk sees the original return address", k32Only, nullptr, kPcThunk32, false, HookStatus::kOk, 5, 7, 43},
     {"threads frozen and moved", k32Only, nullptr, kCounted32, false, HookStatus::kOk, 5, 8, 6, 2, 11},
     {"call into the patched bytes", k32Only, nullptr, {0x90, 0xE8, 0xFF, 0xFF, 0xFF, 0xFF, 0xC3}, false,
      HookStatus::kCallIntoPatch},
@@ -133,8 +113,8 @@ const Scenario kScenarios[] = {
 };
 std::vector<Scenario> this_bitness() {
   std::vector<Scenario> rows;
-  for (const Scenario& s : kScenarios)
-    if (s.bitness == kBoth || (s.bitness == k64Only) == k64) rows.push_back(s);
+  std::copy_if(std::begin(kScenarios), std::end(kScenarios), std::back_inserter(rows),
+               [](const Scenario& s) { return s.bitness == kBoth || (s.bitness == k64Only) == k64; });
   return rows;
 }
 

@@ -12,7 +12,6 @@ namespace {
 
 using namespace kwtest;
 
-
 const std::vector<std::string> kAttachLines = {
     "[HookApi,1567] : easyhook:attach CopyFileW succeed", "[HookApi,1575] : easyhook:attach CopyFileExW succeed",
     "[HookApi,1583] : easyhook:attach SHFileOperationW succeed", "[HookApi,1591] : easyhook:attach MoveFileWithProgressW succeed"};
@@ -270,10 +269,6 @@ TEST(Symbols, ACrashInsideTheLibraryIsNamedFromItsPdb) {
   IMAGEHLP_LINEW64 line = {sizeof line};
   DWORD column = 0;
   const bool has_line = SymGetLineFromAddrW64(process.get(), fault, &column, &line);
-  std::printf("crash at %s+0x%llx: %s+0x%llx (%s:%lu), symbols %s, age %lu\n", narrow(module.ModuleName).c_str(),
-              static_cast<unsigned long long>(fault - module.BaseOfImage), narrow(symbol.info.Name).c_str(),
-              static_cast<unsigned long long>(displacement), has_line ? narrow(line.FileName).c_str() : "?",
-              has_line ? line.LineNumber : 0, narrow(module.LoadedPdbName).c_str(), module.PdbAge);
   EXPECT_EQ(std::wstring(module.ModuleName) + L".dll", KWINDEL_DLL_NAME);
   EXPECT_EQ(module.SymType, SymPdb);
   EXPECT_EQ(std::wstring(symbol.info.Name), L"test_fault_write");

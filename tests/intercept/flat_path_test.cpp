@@ -81,8 +81,7 @@ TEST_F(FlatPath, ShellOperations) {
     SCOPED_TRACE(row.name);
     std::vector<std::string> secret;
     for (const std::wstring& s : row.secret) secret.push_back(narrow(dir.file(s)));
-    const std::string answer = secret_answer(secret, "pw", row.reply == kForbidden ? 0 : 1);
-    TestAgent agent(AgentScript{true, {row.reply == kWrongTag ? with_wrong_tag(answer) : answer}});
+    TestAgent agent(AgentScript{true, {secret_answer(secret, "pw", row.reply == kForbidden ? 0 : 1, row.reply == kWrongTag)}});
     ASSERT_TRUE(agent.ok());
     set_policy(row.policy);
     TraceCapture trace;

@@ -1,15 +1,13 @@
 // The cipher and the encrypted-file format against Windows' own AES and MD5 (bcrypt), the round
 // trip through kwdecrypt.exe, and the key mask in the shipped binaries.
-#include <windows.h>
-#include <bcrypt.h>
+#include "kwtest.h"
 
-#include <gtest/gtest.h>
+#include <bcrypt.h>
 
 #include <clocale>
 #include <locale>
 #include <random>
 
-#include "kwtest.h"
 #include "protect/block_cipher.h"
 #include "protect/transform.h"
 
@@ -22,28 +20,22 @@ std::string random_bytes(size_t n, unsigned seed) {
   return s;
 }
 
-// Windows' AES-ECB over whole blocks (a key of 16, 24 or 32 bytes) or, with no key, MD5 as hex.
-std::string os_crypt(const std::string& key, const std::string& data, bool encrypt = true) {
-  BCRYPT_ALG_HANDLE alg = nullptr;
-  BCRYPT_KEY_HANDLE k = nullptr;
+// Windows' AES-ECB over whole blocks (a key of 16, 24 or 32 bytes) or, with no key, MD5 as hex,
+// through bcrypt's algorithm pseudo-handles (their values from Windows' bcrypt.h; MinGW's lacks them).
+std::string os_crypt(const std::string& key, const std::string& data) {
+  const auto md5 = reinterpret_cast<BCRYPT_ALG_HANDLE>(0x21), aes_ecb = reinterpret_cast<BCRYPT_ALG_HANDLE>(0x1B1);
   BCRYPT_HASH_HANDLE h = nullptr;
+  BCRYPT_KEY_HANDLE k = nullptr;
   std::string out(key.empty() ? 16 : data.size(), '\0');
   ULONG n = 0, size = static_cast<ULONG>(data.size());
   auto* in = reinterpret_cast<PUCHAR>(const_cast<char*>(data.data()));
   auto* to = reinterpret_cast<PUCHAR>(&out[0]);
-  NTSTATUS s = BCryptOpenAlgorithmProvider(&alg, key.empty() ? BCRYPT_MD5_ALGORITHM : BCRYPT_AES_ALGORITHM, nullptr, 0);
-  if (s == 0 && key.empty()) {
-    if ((s = BCryptCreateHash(alg, &h, nullptr, 0, nullptr, 0, 0)) == 0 && (s = BCryptHashData(h, in, size, 0)) == 0)
-      s = BCryptFinishHash(h, to, 16, 0);
-  } else if (s == 0 && (s = BCryptSetProperty(alg, BCRYPT_CHAINING_MODE, (PUCHAR)BCRYPT_CHAIN_MODE_ECB,
-                                              sizeof(BCRYPT_CHAIN_MODE_ECB), 0)) == 0 &&
-             (s = BCryptGenerateSymmetricKey(alg, &k, nullptr, 0, (PUCHAR)key.data(), (ULONG)key.size(), 0)) == 0 && size) {
-    s = encrypt ? BCryptEncrypt(k, in, size, nullptr, nullptr, 0, to, size, &n, 0)
-                : BCryptDecrypt(k, in, size, nullptr, nullptr, 0, to, size, &n, 0);
-  }
+  NTSTATUS s = key.empty() ? BCryptCreateHash(md5, &h, nullptr, 0, nullptr, 0, 0)
+                           : BCryptGenerateSymmetricKey(aes_ecb, &k, nullptr, 0, (PUCHAR)key.data(), (ULONG)key.size(), 0);
+  if (s == 0 && h != nullptr && (s = BCryptHashData(h, in, size, 0)) == 0) s = BCryptFinishHash(h, to, 16, 0);
+  if (s == 0 && k != nullptr && size != 0) s = BCryptEncrypt(k, in, size, nullptr, nullptr, 0, to, size, &n, 0);
   if (h != nullptr) BCryptDestroyHash(h);
   if (k != nullptr) BCryptDestroyKey(k);
-  if (alg != nullptr) BCryptCloseAlgorithmProvider(alg, 0);
   std::string hex;
   for (unsigned char c : out) hex += "0123456789abcdef"[c >> 4], hex += "0123456789abcdef"[c & 15];
   return s != 0 ? "bcrypt failed" : key.empty() ? hex : out;

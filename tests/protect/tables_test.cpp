@@ -1,25 +1,11 @@
 // The pending encrypted-file table, destination classification (a substituted provider, then the
 // Windows one) and the folder walk, each as a table of scenarios.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 #include "kwtest.h"
 #include "protect/classify.h"
 #include "protect/folder_walk.h"
 #include "protect/pending_files.h"
-#include "protect/transform.h"
 
 namespace {
-
-// What a destination holds after a copy of "figures": the text, or its encrypted form under
-// `password` (whose bytes crypto_test checks against Windows' AES).
-std::string expected(const kwtest::ScratchDir& dir, const char* password) {
-  if (password == nullptr) return "figures";
-  kwtest::write_file(dir.file(L"ref.plain"), "figures");
-  TransformCopiedFile(kwtest::narrow(dir.file(L"ref.plain")).c_str(), kwtest::narrow(dir.file(L"ref.enc")).c_str(), password);
-  return kwtest::content(dir.file(L"ref.enc"));
-}
 
 TEST(PendingTable, RegistrationMatchingAndConsumption) {
   clear_pending_encrypted_files();
@@ -36,7 +22,7 @@ TEST(PendingTable, RegistrationMatchingAndConsumption) {
   reg({"C:\\s.doc", "C:\\stale.txt"}, "second");
   const struct {
     const wchar_t* source;
-    const char* password;  // null: stays plain
+    const char* password;  // the encrypted form's (kwdecrypt gives the text back); null: stays plain
     size_t left;
   } rows[] = {
       {L"c:\\DOCS\\secret-\u00e4.txt", nullptr, 4},  // non-ASCII case is another byte sequence
@@ -52,7 +38,8 @@ TEST(PendingTable, RegistrationMatchingAndConsumption) {
   for (const auto& row : rows) {
     ASSERT_TRUE(kwtest::write_file(dst, "figures"));
     TakeAndTransform(row.source, dst.c_str());
-    EXPECT_TRUE(kwtest::content(dst) == expected(dir, row.password)) << kwtest::narrow(row.source);
+    EXPECT_TRUE(row.password ? kwtest::decrypts_to(dst, row.password, "figures") : kwtest::content(dst) == "figures")
+        << kwtest::narrow(row.source);
     EXPECT_EQ(row.left, pending_encrypted_file_count()) << kwtest::narrow(row.source);
   }
   EXPECT_EQ("left over", kwtest::content(dst + L".tmp"));

@@ -51,10 +51,6 @@ inline std::wstring build_folder(const wchar_t* variable) {
   return path + L"\\";
 }
 inline std::wstring x86_folder() { return build_folder(L"KWINDEL_X86_BIN"); }
-// kwtest-child.exe of the other bitness, for the rows that run a 64-bit and a 32-bit process.
-inline std::wstring other_bitness_child_path() {
-  return build_folder(sizeof(void*) == 8 ? L"KWINDEL_X86_BIN" : L"KWINDEL_X64_BIN") + L"kwtest-child.exe";
-}
 // A tool of this program's bitness beside it: kwdecrypt.exe, or kwdecrypt-x86.exe in 32-bit.
 inline std::wstring tool_path(const std::wstring& name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
 inline std::wstring temp_folder() {  // ends with '\'
@@ -79,13 +75,16 @@ template <typename Fn> Fn fn(HMODULE module, const char* name) {
   return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
-// Where a jump written at `code` leads (E9 rel32 or FF 25 jmp [rip+disp32]); 0 for neither.
+// Where the jump at `code` leads: E9 rel32, or FF 25 through a literal ([rip+disp32] in 64-bit
+// code, [disp32] in 32-bit code); 0 for neither.
 inline uint64_t jump_destination(const uint8_t* code) {
   int32_t rel;
-  uint64_t abs = 0;
-  if (code[0] == 0xE9) return std::memcpy(&rel, code + 1, 4), reinterpret_cast<uint64_t>(code) + 5 + rel;
-  if (code[0] == 0xFF && code[1] == 0x25) std::memcpy(&rel, code + 2, 4), std::memcpy(&abs, code + 6 + rel, 8);
-  return abs;
+  uintptr_t literal = 0;
+  std::memcpy(&rel, code + 2, 4);
+  if (code[0] == 0xE9) return std::memcpy(&rel, code + 1, 4), reinterpret_cast<uintptr_t>(code) + 5 + rel;
+  const uintptr_t at = sizeof(void*) == 8 ? reinterpret_cast<uintptr_t>(code) + 6 + rel : static_cast<uint32_t>(rel);
+  if (code[0] == 0xFF && code[1] == 0x25) std::memcpy(&literal, reinterpret_cast<const void*>(at), sizeof literal);
+  return literal;
 }
 
 // The policy words and the module and hook handles at the start of the DLL's shared ".hook"
@@ -117,10 +116,10 @@ inline bool debug_line(const EXCEPTION_RECORD* rec, std::string* line) {
 // debug-print exception before the system delivers the line (Wine turns wide lines into narrow).
 class TraceCapture {
  public:
-  TraceCapture() : cookie_(AddVectoredExceptionHandler(1, handler)) { active() = this; }
+  TraceCapture() : cookie_(AddVectoredExceptionHandler(1, handler)) { active = this; }
   ~TraceCapture() {
     RemoveVectoredExceptionHandler(cookie_);
-    active() = nullptr;
+    active = nullptr;
   }
   std::vector<std::string> lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -133,15 +132,12 @@ class TraceCapture {
   }
 
  private:
-  static TraceCapture*& active() {  // one at a time
-    static TraceCapture* capture = nullptr;
-    return capture;
-  }
+  static inline TraceCapture* active = nullptr;  // one at a time
   static LONG CALLBACK handler(EXCEPTION_POINTERS* info) {
     std::string line;
-    if (debug_line(info->ExceptionRecord, &line) && active() != nullptr) {
-      std::lock_guard<std::mutex> lock(active()->mutex_);
-      active()->lines_.push_back(line);
+    if (debug_line(info->ExceptionRecord, &line) && active != nullptr) {
+      std::lock_guard<std::mutex> lock(active->mutex_);
+      active->lines_.push_back(line);
     }
     return EXCEPTION_CONTINUE_SEARCH;  // the system still delivers the line
   }
@@ -194,18 +190,14 @@ inline bool write_file(const std::wstring& path, const std::string& bytes) {
   DWORD wrote = 0;
   return h.ok() && WriteFile(h.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &wrote, nullptr) && wrote == bytes.size();
 }
-inline bool read_file(const std::wstring& path, std::string* bytes) {
+inline std::string content(const std::wstring& path) {  // a file's bytes, or "<missing>"
   OwnedHandle h(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                             OPEN_EXISTING, 0, nullptr));
   char buf[65536];
   DWORD got = 0;
-  bytes->clear();
-  while (h.ok() && ReadFile(h.get(), buf, sizeof buf, &got, nullptr) && got > 0) bytes->append(buf, got);
-  return h.ok();
-}
-inline std::string content(const std::wstring& path) {  // a file's bytes, or "<missing>"
   std::string bytes;
-  return read_file(path, &bytes) ? bytes : std::string("<missing>");
+  while (h.ok() && ReadFile(h.get(), buf, sizeof buf, &got, nullptr) && got > 0) bytes.append(buf, got);
+  return h.ok() ? bytes : "<missing>";
 }
 inline bool file_exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 inline void remove_tree(const std::wstring& path) {
@@ -314,14 +306,11 @@ class DropList : public IDataObject {
     std::wstring list;
     for (const std::wstring& p : paths_) list += p + L'\0';
     list += L'\0';
-    HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, sizeof(DROPFILES) + list.size() * sizeof(wchar_t));
-    auto* drop = static_cast<DROPFILES*>(GlobalLock(memory));
-    drop->pFiles = sizeof(DROPFILES);
-    drop->fWide = TRUE;
+    auto* drop = static_cast<DROPFILES*>(GlobalAlloc(GPTR, sizeof(DROPFILES) + list.size() * sizeof(wchar_t)));  // fixed memory
+    *drop = {sizeof(DROPFILES), {}, FALSE, TRUE};
     std::memcpy(drop + 1, list.data(), list.size() * sizeof(wchar_t));
-    GlobalUnlock(memory);
-    *medium = {TYMED_HGLOBAL, {nullptr}, nullptr};
-    medium->hGlobal = memory;
+    *medium = {TYMED_HGLOBAL};
+    medium->hGlobal = drop;
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE GetDataHere(FORMATETC*, STGMEDIUM*) override { return E_NOTIMPL; }
@@ -389,7 +378,7 @@ inline HMODULE wait_for_injection(DWORD ms) {
 }
 
 // A scriptable stand-in for the local agent: listens on a UDP port of 127.0.0.1 (7886 by default)
-// on its own thread, records (or only counts) what arrives, acknowledges the chunks of each
+// on its own thread, records (or only counts) the frames that arrive, acknowledges the chunks of each
 // incoming frame and answers secret-audit requests with scripted datagrams or with a reply
 // computed from the request. flush() tells when everything sent to it so far has been seen, so
 // that "nothing more arrived" needs no sleep.
@@ -399,9 +388,6 @@ struct AgentScript {
   bool reply_from_other_port = false;
   std::function<std::string(const std::string& request_document)> answer;  // the reply, when set
   bool record = true;  // false: count only, so that long runs keep no recordings
-};
-struct AgentDatagram {
-  std::string bytes;
 };
 
 class TestAgent {
@@ -422,7 +408,6 @@ class TestAgent {
     WSACleanup();
   }
   bool ok() const { return socket_.ok(); }  // false when the port was taken
-  std::vector<AgentDatagram> datagrams() const { return locked([&] { return datagrams_; }); }
   std::vector<std::string> frames() const { return locked([&] { return frames_; }); }  // complete, reassembled
   // The documents (text without its NUL) of the frames tagged `tag`.
   std::vector<std::string> documents(const std::string& tag) const {
@@ -432,7 +417,6 @@ class TestAgent {
   }
   size_t requests() const { return requests_; }  // complete secret-audit requests
   size_t audits() const { return audits_; }      // complete copy audit records
-  bool wait_for_datagrams(size_t count, DWORD ms) const { return wait(ms, [&] { return datagrams_.size() >= count; }); }
   bool wait_for_frames(size_t count, DWORD ms) const { return wait(ms, [&] { return frames_.size() >= count; }); }
   // Sends a marker to the agent and waits (10 s at most) until it arrived, after everything sent
   // to the agent before the call.
@@ -443,13 +427,8 @@ class TestAgent {
     sendto(s.get(), kFlush, sizeof kFlush, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
     return wait(10000, [&] { return flushes_ >= target; });
   }
-  uint16_t requester_port() const { return locked([&] { return requester_port_; }); }  // 0 before any request
-  // Sends one datagram to the sender of the last complete request (false before any request).
-  bool send_to_requester(const std::string& bytes) {
-    const sockaddr_in to = loopback(locked([&] { return requester_port_; }));
-    return to.sin_port != 0 && sendto(socket_.get(), bytes.data(), static_cast<int>(bytes.size()), 0,
-                                      reinterpret_cast<const sockaddr*>(&to), sizeof to) == static_cast<int>(bytes.size());
-  }
+  // The port of the last complete request's sender; 0 before any request.
+  uint16_t requester_port() const { return locked([&] { return requester_port_; }); }
   // Wire bytes of a frame from the library's encoder.
   static std::string frame(const std::string& tag, const std::string& text) {
     agent::AgentFrame f;
@@ -483,13 +462,11 @@ class TestAgent {
       const int n = recvfrom(socket_.get(), buffer.data(), static_cast<int>(buffer.size()), 0, reinterpret_cast<sockaddr*>(&from), &from_length);
       if (n < 0) continue;  // time-out (or a reset): poll the stop flag
       const std::string bytes(buffer.data(), n);
-      const bool flush = bytes == std::string(kFlush, sizeof kFlush);
-      locked([&] {
-        if (flush) ++flushes_;
-        else if (script_.record) datagrams_.push_back({bytes});
-      });
-      changed_.notify_all();
-      if (flush) continue;
+      if (bytes == std::string(kFlush, sizeof kFlush)) {
+        locked([&] { ++flushes_; });
+        changed_.notify_all();
+        continue;
+      }
       if (expected == 0 || ntohs(from.sin_port) != sender) {
         int32_t length = 0;
         if (n >= agent::kHeaderSize) std::memcpy(&length, bytes.data() + agent::kTagFieldSize, 4);
@@ -530,7 +507,6 @@ class TestAgent {
   uint16_t requester_port_ = 0;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
-  std::vector<AgentDatagram> datagrams_;
   std::vector<std::string> frames_;
   std::thread thread_;
 };
@@ -545,15 +521,14 @@ constexpr char kRequestTag[] = "<FILECOPY_SECRETAUDIT_REQUEST>", kResponseTag[] 
 constexpr char kAuditTag[] = "<FILECOPYAUDIT_DATA>";
 const std::string kMagic("\x01\x02\x03\x04\x10\x20\x30\x40", 8);  // the first bytes of an encrypted file
 
-// A response frame naming `secret_files` secret under `password` with `action`.
-inline std::string secret_answer(const std::vector<std::string>& secret_files, const std::string& password, int action) {
+// A response frame naming `secret_files` secret under `password` with `action`; `wrong_tag`: under a
+// tag the library does not take (the tag's last character changed).
+inline std::string secret_answer(const std::vector<std::string>& secret_files, const std::string& password, int action,
+                                 bool wrong_tag = false) {
   std::string xml = "<SecretCheckResult encryptedpwd=\"" + password + "\" action=\"" + std::to_string(action) + "\">";
   for (const std::string& f : secret_files) xml += "<SecretFile path=\"" + f + "\"/>";
-  return TestAgent::frame(kResponseTag, xml + "</SecretCheckResult>");
-}
-// The same answer frame under a tag the library does not take (the tag's last character changed).
-inline std::string with_wrong_tag(std::string frame) {
-  frame[std::strlen(kResponseTag) - 1] = '_';
+  std::string frame = TestAgent::frame(kResponseTag, xml + "</SecretCheckResult>");
+  if (wrong_tag) frame[std::strlen(kResponseTag) - 1] = '_';
   return frame;
 }
 // An agent naming every File path of each request secret under "pw", action 1.
@@ -634,21 +609,13 @@ inline std::string parked_original_of(const std::wstring& source) {  // its byte
   for (const auto& p : parked_records()) if (p.first == narrow(source)) return content(p.second);
   return "<none>";
 }
-// The short count in make test, the long one when KWINDEL_STRESS=1 (make stress).
-inline int iterations(int short_run, int long_run) {
-  wchar_t value[2] = {};
-  return GetEnvironmentVariableW(L"KWINDEL_STRESS", value, 2) == 1 && value[0] == L'1' ? long_run : short_run;
-}
 
 // The end-to-end fixture: the real DLL loaded once into the test program (its entry installed the
-// interceptions), COM and Winsock started, a scratch folder per test, the policy off around each.
+// interceptions and started Winsock), COM started, a scratch folder per test, the policy off around
+// each.
 class Interception : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    WSADATA wsa;
-    WSAStartup(MAKEWORD(2, 2), &wsa);
-  }
+  static void SetUpTestSuite() { CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED); }
   void SetUp() override {
     ASSERT_NE(dll(), nullptr) << "the DLL did not load";
     set_policy(0);
