@@ -237,11 +237,8 @@ TEST_F(Exports, OneKwctlInstallProtectsBothBitnesses) {
 // the export table does not name, and its source from the PDB beside the DLL that matches by GUID
 // and age (without it dbghelp names nothing here, or at best the export KwindelTestFault).
 TEST(Symbols, ACrashInsideTheLibraryIsNamedFromItsPdb) {
-  STARTUPINFOW startup = {sizeof startup};
-  PROCESS_INFORMATION child = {};
-  std::wstring command = L"\"" + child_path() + L"\" fault";
-  ASSERT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS, nullptr, nullptr, &startup, &child));
-  OwnedHandle process(child.hProcess), thread(child.hThread);
+  const OwnedHandle process(start_process(child_path(), L"fault", nullptr, DEBUG_ONLY_THIS_PROCESS));
+  ASSERT_TRUE(process.ok());
   DWORD64 fault = 0;
   DEBUG_EVENT event = {};
   while (fault == 0 && WaitForDebugEvent(&event, 30000) && event.dwDebugEventCode != EXIT_PROCESS_DEBUG_EVENT) {
@@ -264,15 +261,13 @@ TEST(Symbols, ACrashInsideTheLibraryIsNamedFromItsPdb) {
   } symbol = {};
   symbol.info.SizeOfStruct = sizeof symbol.info;
   symbol.info.MaxNameLen = 256;
-  DWORD64 displacement = 0;
-  ASSERT_TRUE(SymFromAddrW(process.get(), fault, &displacement, &symbol.info)) << GetLastError();
+  ASSERT_TRUE(SymFromAddrW(process.get(), fault, nullptr, &symbol.info)) << GetLastError();
   IMAGEHLP_LINEW64 line = {sizeof line};
   DWORD column = 0;
-  const bool has_line = SymGetLineFromAddrW64(process.get(), fault, &column, &line);
   EXPECT_EQ(std::wstring(module.ModuleName) + L".dll", KWINDEL_DLL_NAME);
   EXPECT_EQ(module.SymType, SymPdb);
   EXPECT_EQ(std::wstring(symbol.info.Name), L"test_fault_write");
-  ASSERT_TRUE(has_line);
+  ASSERT_TRUE(SymGetLineFromAddrW64(process.get(), fault, &column, &line));
   std::wstring file = line.FileName;  // as the objects name it; Wine puts it on drive Z:
   std::replace(file.begin(), file.end(), L'\\', L'/');
   EXPECT_EQ(file.substr(file.find(L"/kwindel/")), L"/kwindel/src/host/test_fault.cpp");

@@ -225,7 +225,7 @@ const SwapRow kSwapRows[] = {
 const std::string kMissingLine = "[restore_swapped_sources,1300] : [ZELTRAP:KWINDEL] parked original missing ";
 
 TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
-  TestDrive volume(DRIVE_FIXED, "/dev/shm");
+  TestDrive volume(DRIVE_FIXED, L"Z:\\dev\\shm\\");
   ASSERT_TRUE(volume.ok());
   const std::wstring dst = folder(L"dst"), long_folder = folder(std::wstring(120, L'd'));
   const std::wstring other_child = build_folder(sizeof(void*) == 8 ? L"KWINDEL_X86_BIN" : L"KWINDEL_X64_BIN") + L"kwtest-child.exe";

@@ -1,6 +1,9 @@
 // The pending encrypted-file table, destination classification (a substituted provider, then the
 // Windows one) and the folder walk, each as a table of scenarios.
 #include "kwtest.h"
+
+#include <filesystem>
+
 #include "protect/classify.h"
 #include "protect/folder_walk.h"
 #include "protect/pending_files.h"
@@ -113,18 +116,6 @@ TEST(ClassifyDestination, DecisionTableThroughProvider) {
   EXPECT_TRUE(QueryStorageDescriptor(volume.get(), descriptor) && descriptor->BusType != BusTypeUsb);
 }
 
-// An independent depth-first listing in the file system's own order.
-void list_files(const std::wstring& folder, std::vector<std::string>* out) {
-  WIN32_FIND_DATAW data;
-  OwnedFind find(FindFirstFileW((folder + L"\\*").c_str(), &data));
-  for (bool more = find.ok(); more; more = FindNextFileW(find.get(), &data)) {
-    const std::wstring name = data.cFileName;
-    if (name == L"." || name == L"..") continue;
-    if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) list_files(folder + L"\\" + name, out);
-    else out->push_back(kwtest::narrow(folder + L"\\" + name));
-  }
-}
-
 TEST(FolderWalk, OrderCountsErrorsAndLinks) {
   kwtest::ScratchDir dir;
   const std::string root = kwtest::narrow(dir.path());
@@ -132,8 +123,9 @@ TEST(FolderWalk, OrderCountsErrorsAndLinks) {
     CreateDirectoryW(dir.file(name).c_str(), nullptr);
   for (const wchar_t* name : {L"z1.txt", L"m\\in.txt", L"a2.txt", L"\u65e5\u672c\\sub\\\u00e9.txt", L"m\\sub\\\u00e9.txt"})
     ASSERT_TRUE(kwtest::write_file(dir.file(name), "x"));
-  std::vector<std::string> expected = {"earlier"};
-  list_files(dir.path(), &expected);
+  std::vector<std::string> expected = {"earlier"};  // then an independent depth-first listing in the file system's order
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path()))
+    if (!entry.is_directory()) expected.push_back(kwtest::narrow(entry.path().wstring()));
   ASSERT_EQ(6u, expected.size());
   std::vector<std::string> out = {"earlier"};  // the count includes what was there
   EXPECT_EQ(6, get_filepaths_from_folder(root, out));

@@ -19,6 +19,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <regex>
@@ -26,7 +27,7 @@
 #include <thread>
 #include <vector>
 
-#include "agent/agent_frame.h"
+#include "agent/agent_channel.h"
 #include "kwindel.h"
 
 namespace kwtest {
@@ -53,22 +54,11 @@ inline std::wstring build_folder(const wchar_t* variable) {
 inline std::wstring x86_folder() { return build_folder(L"KWINDEL_X86_BIN"); }
 // A tool of this program's bitness beside it: kwdecrypt.exe, or kwdecrypt-x86.exe in 32-bit.
 inline std::wstring tool_path(const std::wstring& name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
-inline std::wstring temp_folder() {  // ends with '\'
-  wchar_t temp[MAX_PATH] = {};
-  GetTempPathW(MAX_PATH, temp);
-  return temp;
-}
+inline std::wstring temp_folder() { return (std::filesystem::temp_directory_path() / L"").wstring(); }  // ends with '\'
 
-inline std::string narrow(const std::wstring& wide) {  // UTF-8
-  std::string out(WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0, nullptr, nullptr), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), &out[0], static_cast<int>(out.size()), nullptr, nullptr);
-  return out;
-}
-inline std::wstring widen(const std::string& utf8) {
-  std::wstring out(MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &out[0], static_cast<int>(out.size()));
-  return out;
-}
+// UTF-16 to UTF-8 and back (through the standard library's path conversions).
+inline std::string narrow(const std::wstring& wide) { return std::filesystem::path(wide).u8string(); }
+inline std::wstring widen(const std::string& utf8) { return std::filesystem::u8path(utf8).wstring(); }
 
 // An export of `module` as a function pointer of type Fn; null when absent.
 template <typename Fn> Fn fn(HMODULE module, const char* name) {
@@ -148,18 +138,18 @@ class TraceCapture {
 
 // A helper process with its standard output captured, run to its end (killed at the time-out).
 struct ChildResult {
-  bool started = false, finished = false;
+  bool finished = false;
   DWORD exit_code = 0;
   std::string output;
 };
-inline HANDLE start_process(const std::wstring& exe, const std::wstring& args, HANDLE output) {
+inline HANDLE start_process(const std::wstring& exe, const std::wstring& args, HANDLE output, DWORD flags = 0) {
   STARTUPINFOW si = {sizeof si};
   si.dwFlags = output != nullptr ? STARTF_USESTDHANDLES : 0;
   si.hStdOutput = output;
   si.hStdError = GetStdHandle(STD_ERROR_HANDLE);
   std::wstring cmd = L"\"" + exe + L"\" " + args;
   PROCESS_INFORMATION pi = {};
-  if (!CreateProcessW(exe.c_str(), &cmd[0], nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &si, &pi)) return nullptr;
+  if (!CreateProcessW(exe.c_str(), &cmd[0], nullptr, nullptr, output != nullptr, flags, nullptr, nullptr, &si, &pi)) return nullptr;
   CloseHandle(pi.hThread);
   return pi.hProcess;
 }
@@ -171,7 +161,7 @@ inline ChildResult run_child(const std::wstring& exe, const std::wstring& args, 
   SetHandleInformation(read_end.get(), HANDLE_FLAG_INHERIT, 0);
   process.reset(start_process(exe, args, write_end.get()));
   write_end.reset();
-  if (!(result.started = process.ok())) return result;
+  if (!process.ok()) return result;
   const ULONGLONG end = GetTickCount64() + timeout_ms;
   char buf[4096];
   DWORD avail = 0, got = 0;
@@ -232,16 +222,13 @@ class ScratchDir {
   std::wstring path_;
 };
 
-// A removable drive defined through Wine's mount manager (what winecfg does) on a fresh folder
-// beside the test program (on Z:, which Wine maps to /), removed again at the end of the scope.
+// A drive of `type` defined through Wine's mount manager (what winecfg does) on a fresh folder in
+// `parent` (a folder on Z:, which Wine maps to /; another Linux file system is another volume),
+// removed again at the end of the scope: by default a removable drive beside the test program.
 class TestDrive {
  public:
-  // A removable drive on a folder beside the test program, or a drive of `type` on a folder below
-  // the Unix folder `unix_parent` (another Linux file system is another volume).
-  explicit TestDrive(UINT type = DRIVE_REMOVABLE, const std::string& unix_parent = std::string())
-      : folder_(unix_parent.empty() ? exe_dir() + L"removable-" + std::to_wstring(GetCurrentProcessId())
-                                    : L"Z:" + widen(unix_parent) + L"\\kwtest-drive-" + std::to_wstring(GetCurrentProcessId())) {
-    std::replace(folder_.begin(), folder_.end(), L'/', L'\\');
+  explicit TestDrive(UINT type = DRIVE_REMOVABLE, const std::wstring& parent = exe_dir())  // parent: ends with '\'
+      : folder_(parent + L"kwtest-drive-" + std::to_wstring(GetCurrentProcessId())) {
     remove_tree(folder_);
     CreateDirectoryW(folder_.c_str(), nullptr);
     std::string unix_folder = narrow(folder_).substr(2);
@@ -327,33 +314,27 @@ class DropList : public IDataObject {
   ULONG refs_ = 1;
 };
 
-// CopyItems (MoveItems when `move`) of `sources`, files of one folder, to `destination`, the way
-// Explorer does: a data object offering CF_HDROP from the folder's GetUIObjectOf (sources longer
-// than the shell's folders parse go as a DropList). E_FAIL when the items cannot be made.
+// CopyItems (MoveItems when `move`) of `sources`, items of one folder, to `destination`, the way
+// Explorer does: the shell's own data object of those items, offering CF_HDROP (what the folder's
+// GetUIObjectOf gives; sources longer than the shell parses go as a DropList). E_FAIL when the
+// items cannot be made.
 inline HRESULT queue(IFileOperation* op, bool move, const std::vector<std::wstring>& sources, const std::wstring& destination) {
-  CoTaskMem<ITEMIDLIST> folder_id;
-  ComRef<IShellFolder> desktop, folder;
-  ComRef<IDataObject> items;
+  DropList list(sources);
+  ComRef<IDataObject> shell_items;
   ComRef<IShellItem> target;
-  const std::wstring parent = sources.front().substr(0, sources.front().rfind(L'\\'));
-  if (sources.front().size() >= MAX_PATH) {
-    DropList list(sources);
-    if (!shell_item_for(destination, &target)) return E_FAIL;
-    return move ? op->MoveItems(&list, target.get()) : op->CopyItems(&list, target.get());
+  std::vector<CoTaskMem<ITEMIDLIST>> ids(sources.size() + 1);  // the folder's, then each source's
+  std::vector<PCUIDLIST_RELATIVE> children;
+  const std::wstring folder = sources.front().substr(0, sources.front().rfind(L'\\'));
+  HRESULT hr = SHParseDisplayName(folder.c_str(), nullptr, ids[0].put(), 0, nullptr);
+  for (size_t i = 0; i < sources.size() && SUCCEEDED(hr); ++i) {
+    hr = SHParseDisplayName(sources[i].c_str(), nullptr, ids[i + 1].put(), 0, nullptr);
+    children.push_back(ILFindLastID(ids[i + 1].get()));
   }
-  if (FAILED(SHParseDisplayName(parent.c_str(), nullptr, folder_id.put(), 0, nullptr)) || FAILED(SHGetDesktopFolder(desktop.put())) ||
-      FAILED(desktop->BindToObject(folder_id.get(), nullptr, IID_IShellFolder, folder.put_void())) || !shell_item_for(destination, &target)) {
-    return E_FAIL;
-  }
-  std::vector<CoTaskMem<ITEMIDLIST>> children(sources.size());
-  std::vector<PCUITEMID_CHILD> ids;
-  for (size_t i = 0; i < sources.size(); ++i) {
-    std::wstring name = sources[i].substr(sources[i].rfind(L'\\') + 1);
-    if (FAILED(folder->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, children[i].put(), nullptr))) return E_FAIL;
-    ids.push_back(children[i].get());
-  }
-  if (FAILED(folder->GetUIObjectOf(nullptr, static_cast<UINT>(ids.size()), ids.data(), IID_IDataObject, nullptr, items.put_void()))) return E_FAIL;
-  return move ? op->MoveItems(items.get(), target.get()) : op->CopyItems(items.get(), target.get());
+  if (SUCCEEDED(hr)) hr = CIDLData_CreateFromIDArray(ids[0].get(), static_cast<UINT>(children.size()), children.data(), shell_items.put());
+  const bool long_path = sources.front().size() >= MAX_PATH;
+  if ((FAILED(hr) && !long_path) || !shell_item_for(destination, &target)) return E_FAIL;
+  IDataObject* items = long_path ? &list : shell_items.get();
+  return move ? op->MoveItems(items, target.get()) : op->CopyItems(items, target.get());
 }
 // SHFileOperationW with `function` on double-NUL lists, silently.
 inline int shell_operation(UINT function, const std::vector<std::wstring>& from, const std::wstring& to) {
@@ -393,7 +374,6 @@ struct AgentScript {
 class TestAgent {
  public:
   explicit TestAgent(AgentScript script = AgentScript()) : script_(std::move(script)) {
-    WSAStartup(MAKEWORD(2, 2), &wsa_);
     socket_.reset(socket(AF_INET, SOCK_DGRAM, 0));
     const sockaddr_in address = loopback(7886);
     if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) socket_.reset();
@@ -404,8 +384,6 @@ class TestAgent {
   ~TestAgent() {
     stop_ = true;
     if (thread_.joinable()) thread_.join();
-    socket_.reset();
-    WSACleanup();
   }
   bool ok() const { return socket_.ok(); }  // false when the port was taken
   std::vector<std::string> frames() const { return locked([&] { return frames_; }); }  // complete, reassembled
@@ -499,7 +477,7 @@ class TestAgent {
   }
 
   AgentScript script_;
-  WSADATA wsa_;
+  agent::WinsockSession winsock_;  // (before the socket, which it outlives)
   OwnedSocket socket_;
   std::atomic<bool> stop_{false};
   std::atomic<size_t> requests_{0}, audits_{0};

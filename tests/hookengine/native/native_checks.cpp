@@ -9,6 +9,7 @@
 #include <iterator>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,13 +20,6 @@ using namespace hookengine;
 
 namespace {
 
-std::vector<uint8_t> bytes_of(const std::string& s) {
-  std::vector<uint8_t> v;
-  for (size_t i = 0; i + 1 < s.size(); i += s[i] == ' ' ? 1 : 2)
-    if (s[i] != ' ') v.push_back(static_cast<uint8_t>(std::stoi(s.substr(i, 2), nullptr, 16)));
-  return v;
-}
-
 constexpr uint64_t kTarget = 0x180010000;
 constexpr uint64_t kNear = kTarget - 0x10000000;     // rel32 reaches
 constexpr uint64_t kFar = kTarget + 0x100000000ull;  // 4 GB away
@@ -33,7 +27,7 @@ constexpr uint64_t kFar = kTarget + 0x100000000ull;  // 4 GB away
 constexpr uint64_t kTarget32 = 0x10010000, kNear32 = 0x08000000, kWrap32 = 0xF0000000;
 
 struct RelocatorCase {
-  std::string code;  // followed by int3 padding
+  std::string code;  // hex bytes, followed by int3 padding
   size_t patch;
   uint64_t out;
   RelocateStatus status;
@@ -86,7 +80,9 @@ TEST(Relocator, FormsAndRefusals) {
   };
   for (const RelocatorCase& c : cases) {
     SCOPED_TRACE(c.code + (c.out == kFar || c.out == kWrap32 ? " far" : " near"));
-    std::vector<uint8_t> code = bytes_of(c.code);
+    std::vector<uint8_t> code;
+    unsigned byte = 0;
+    for (std::istringstream in(c.code); in >> std::hex >> byte;) code.push_back(static_cast<uint8_t>(byte));
     code.resize(code.size() + 64, 0xCC);
     Built b;
     const uint64_t target = c.mode == Mode::k64 ? kTarget : kTarget32;
