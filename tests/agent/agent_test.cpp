@@ -16,9 +16,8 @@ namespace {
 using namespace kwtest;
 const std::string kAck(128, '\0');
 
-std::string le32(int32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); }
-std::string header(int32_t length, const std::string& tag = kResponseTag) {  // written by hand
-  return tag + std::string(32 - tag.size(), '\0') + le32(length);
+std::string header(int32_t length, const std::string& tag = kResponseTag) {  // written by hand: the length little-endian
+  return tag + std::string(32 - tag.size(), '\0') + std::string(reinterpret_cast<const char*>(&length), 4);
 }
 std::string response(const std::string& text) { return TestAgent::frame(kResponseTag, text); }
 
@@ -102,8 +101,7 @@ std::string run(const Row& row, MemoryIo& io) {
 }
 
 TEST(AgentChannel, SendingReceivingAndVerdicts) {
-  EXPECT_EQ(std::string("<FILECOPYAUDIT_DATA>", 20) + std::string(12, '\0') + le32(11) + "<a b=\"1\"/>" + '\0',
-            TestAgent::frame(agent::kCopyAuditTag, "<a b=\"1\"/>"));
+  EXPECT_EQ(header(11, "<FILECOPYAUDIT_DATA>") + "<a b=\"1\"/>" + '\0', TestAgent::frame(agent::kCopyAuditTag, "<a b=\"1\"/>"));
   EXPECT_EQ("", TestAgent::frame("<A_TAG_OF_THIRTY_TWO_CHARACTERS>", "x"));  // the tag field holds its NUL
   const std::string big = response("<SecretCheckResult>" + std::string(20000, ' ') + "</SecretCheckResult>");
   const std::string wire = response(std::string(8200, 'w')), nine = response(std::string(9000, 'w'));
@@ -253,23 +251,20 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
   });
   const bool up = WaitForSingleObject(ready_event.get(), 15000) == WAIT_OBJECT_0;
   g_policy_block.g_secret_audit = 1;
-  const struct {
-    std::vector<std::string> sources;
-    std::string verdict;
-  } rows[] = {
+  const std::pair<std::vector<std::string>, std::string> rows[] = {  // sources, verdict
       {{"C:\\data\\secret\\plan.docx", "C:\\data\\open.txt", "C:\\x\\enc\\f.bin"},
        "true S:C:\\data\\secret\\plan.docx E:C:\\x\\enc\\f.bin pwd=pw 123 action=2"},
       {{"C:\\Tools\\Setup.EXE"}, "true S:C:\\Tools\\Setup.EXE pwd= action=0"},  // wildcards ignore case
       {{"C:\\data\\open.txt"}, "false pwd= action=0"},
       {big, describe(true, SecretAuditResult{big, {}, "big-pw", 1})},
   };
-  for (const auto& row : rows) {
+  for (const auto& [sources, verdict] : rows) {
     SecretAuditResult r;
-    EXPECT_EQ(row.verdict, up ? describe(RequestSecretAudit(row.sources, {"E:\\"}, r), r) : "not ready");
+    EXPECT_EQ(verdict, up ? describe(RequestSecretAudit(sources, {"E:\\"}, r), r) : "not ready");
   }
   EXPECT_TRUE(up && SendCopyAudit(build_copy_audit_document(kCopyAuditCopy, "E:\\backup", {"C:\\a.txt", "C:\\b"}, 2147483648u)));
   agent.join();
-  EXPECT_TRUE(run.finished && run.exit_code == 0) << run.exit_code;
+  EXPECT_EQ(run.exit_code, 0u);  // (255 when it was ended at the time-out)
   const std::string log = content(dir.file(L"log"));
   ASSERT_EQ(5, std::count(log.begin(), log.end(), '\n'));
   const std::string last = log.substr(log.rfind('\n', log.size() - 2) + 1);
@@ -279,7 +274,7 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
   TestAgent holder;
   ASSERT_TRUE(holder.ok());
   const ChildResult taken = run_child(tool_path(L"kwagent"), L"", 15000);
-  EXPECT_TRUE(taken.finished && taken.exit_code == 3) << taken.exit_code;
+  EXPECT_EQ(taken.exit_code, 3u);
 }
 
 }  // namespace

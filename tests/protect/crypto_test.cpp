@@ -13,6 +13,8 @@
 
 namespace {
 
+using namespace kwtest;
+
 std::string random_bytes(size_t n, unsigned seed) {
   std::mt19937 rng(seed);
   std::string s(n, '\0');
@@ -64,17 +66,8 @@ std::string expected_file(const std::string& input, const std::string& password)
   return out;
 }
 
-// kwdecrypt.exe's exit code (999 when it did not end) and, when asked, its output.
-DWORD kwdecrypt(const std::wstring& args, std::string* output = nullptr) {
-  const kwtest::ChildResult r = kwtest::run_child(kwtest::tool_path(L"kwdecrypt"), args, 120000);
-  if (output != nullptr) *output = r.output;
-  return r.finished ? r.exit_code : 999;
-}
-
 // A facet of the host's own, which only its global C++ locale holds.
-struct HostFacet : std::locale::facet {
-  static std::locale::id id;
-};
+struct HostFacet : std::locale::facet { static std::locale::id id; };
 std::locale::id HostFacet::id;
 
 // Each row: the block cipher with a key of that size on every engine, and the file format of
@@ -106,7 +99,7 @@ TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
       {32, "0123456789abcdefghijABCDEFGHIJ_+extra!!", 1000, true, false},  // cut at 31
       {32, "pw", 70001, true, true},
   };
-  kwtest::ScratchDir dir;
+  ScratchDir dir;
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.key_bytes << " " << row.password << " " << row.size);
     const std::string plain = random_bytes(row.size, static_cast<unsigned>(row.size));
@@ -122,17 +115,17 @@ TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
       EXPECT_TRUE(back == padded + '\xee') << int(engine);
     }
     const std::wstring src = dir.file(L"\u0421\u0435\u043a\u0440\u0435\u0442 \u79d8\u5bc6.bin");
-    const std::wstring dst = row.in_place ? src : dir.file(L"copy.enc"), pw = kwtest::widen(row.password);
-    ASSERT_TRUE(kwtest::write_file(src, plain));
+    const std::wstring dst = row.in_place ? src : dir.file(L"copy.enc"), pw = widen(row.password);
+    ASSERT_TRUE(write_file(src, plain));
     bool complete = false;
-    EXPECT_TRUE(TransformCopiedFile(kwtest::narrow(src).c_str(), kwtest::narrow(dst).c_str(), row.password.c_str(), &complete));
-    EXPECT_TRUE(complete && kwtest::content(dst) == expected_file(plain, row.password));
-    EXPECT_FALSE(kwtest::file_exists(dst + L".tmp"));
+    EXPECT_TRUE(TransformCopiedFile(narrow(src).c_str(), narrow(dst).c_str(), row.password.c_str(), &complete));
+    EXPECT_TRUE(complete && content(dst) == expected_file(plain, row.password));
+    EXPECT_FALSE(file_exists(dst + L".tmp"));
     if (!row.round_trip) continue;
     std::string said;
     EXPECT_EQ(0u, kwdecrypt(L"--verify \"" + dst + L"\" " + pw, &said));
     EXPECT_EQ("OK " + os_crypt("", plain), said.substr(0, 35));
-    EXPECT_TRUE(kwtest::decrypts_to(dst, row.password, plain));
+    EXPECT_TRUE(decrypts_to(dst, row.password, plain));
     if (!plain.empty()) EXPECT_EQ(1u, kwdecrypt(L"--verify \"" + dst + L"\" !" + pw.substr(1)));  // '!': not in the mask
   }
   EXPECT_EQ(host.c_locale, setlocale(LC_ALL, nullptr));
@@ -142,15 +135,15 @@ TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
 // An unreadable source leaves an empty output, never a ".tmp"; kwdecrypt gives 3 for what is not
 // the format and 2 for its usage.
 TEST(EncryptedFormat, UnreadableSourcesAndForeignFiles) {
-  kwtest::ScratchDir dir;
-  const std::string missing = kwtest::narrow(dir.file(L"missing.bin")), dst = kwtest::narrow(dir.file(L"out.bin"));
+  ScratchDir dir;
+  const std::string missing = narrow(dir.file(L"missing.bin")), dst = narrow(dir.file(L"out.bin"));
   bool complete = true;
   EXPECT_FALSE(TransformCopiedFile(missing.c_str(), dst.c_str(), "pw", &complete) || complete);
-  EXPECT_EQ("", kwtest::content(dir.file(L"out.bin")));
-  EXPECT_FALSE(TransformCopiedFile(missing.c_str(), missing.c_str(), "pw") || kwtest::file_exists(dir.file(L"missing.bin.tmp")));
+  EXPECT_EQ("", content(dir.file(L"out.bin")));
+  EXPECT_FALSE(TransformCopiedFile(missing.c_str(), missing.c_str(), "pw") || file_exists(dir.file(L"missing.bin.tmp")));
   EXPECT_FALSE(TransformCopiedFile(nullptr, dst.c_str(), "pw") || TransformCopiedFile(missing.c_str(), dst.c_str(), nullptr));
-  ASSERT_TRUE(kwtest::write_file(dir.file(L"nodigest"), std::string("\x01\x02\x03\x04\x10\x20\x30\x40", 8) + std::string(33, '\0')));
-  ASSERT_TRUE(kwtest::write_file(dir.file(L"junk"), std::string(100, 'j')));
+  ASSERT_TRUE(write_file(dir.file(L"nodigest"), std::string("\x01\x02\x03\x04\x10\x20\x30\x40", 8) + std::string(33, '\0')));
+  ASSERT_TRUE(write_file(dir.file(L"junk"), std::string(100, 'j')));
   for (const wchar_t* name : {L"nodigest", L"junk", L"none"}) EXPECT_EQ(3u, kwdecrypt(L"--verify \"" + dir.file(name) + L"\" pw"));
   EXPECT_EQ(2u, kwdecrypt(L"only-one-argument"));
 }
@@ -162,10 +155,10 @@ TEST(KeyMask, NeverStandsTogetherInTheBinaries) {
   const std::string value = mask();
   const char base = sizeof(void*) == 8 ? '\x41' : '\x40';
   const std::string stores = std::string("\xc6") + base + '\x01' + value[1] + "\xc6" + base + '\x02' + value[2];
-  for (const std::wstring& path : {kwtest::exe_dir() + KWINDEL_DLL_NAME, kwtest::tool_path(L"kwdecrypt")}) {
-    const std::string image = kwtest::content(path);
-    EXPECT_EQ(std::string::npos, image.find(value.substr(0, 16))) << kwtest::narrow(path);
-    EXPECT_NE(std::string::npos, image.find(stores)) << kwtest::narrow(path);
+  for (const std::wstring& path : {exe_dir() + KWINDEL_DLL_NAME, tool_path(L"kwdecrypt")}) {
+    const std::string image = content(path);
+    EXPECT_EQ(std::string::npos, image.find(value.substr(0, 16))) << narrow(path);
+    EXPECT_NE(std::string::npos, image.find(stores)) << narrow(path);
   }
 }
 

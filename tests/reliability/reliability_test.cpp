@@ -83,8 +83,8 @@ TEST_P(Reliability, Load) {
   const Load& load = GetParam();
   SCOPED_TRACE(load.name);
   if (load.kind == kKilledBeforePerform && kFlat) GTEST_SKIP() << "the 6.x path only";
-  wchar_t stress[2] = {};  // KWINDEL_STRESS=1 (make stress): the long count
-  const int n = GetEnvironmentVariableW(L"KWINDEL_STRESS", stress, 2) == 1 && stress[0] == L'1' ? load.long_count : load.short_count;
+  const wchar_t* stress = _wgetenv(L"KWINDEL_STRESS");  // 1 (make stress): the long count
+  const int n = stress != nullptr && std::wcscmp(stress, L"1") == 0 ? load.long_count : load.short_count;
   set_policy(kScreen);
   TestAgent agent(all_secret(false));
   ASSERT_TRUE(agent.ok());

@@ -60,6 +60,11 @@ inline std::wstring temp_folder() { return (std::filesystem::temp_directory_path
 inline std::string narrow(const std::wstring& wide) { return std::filesystem::path(wide).u8string(); }
 inline std::wstring widen(const std::string& utf8) { return std::filesystem::u8path(utf8).wstring(); }
 
+// A copy audit document with its time attribute made "T", comparable with audit_document().
+inline std::string without_time(const std::string& document) {
+  return std::regex_replace(document, std::regex(" time=\"-?[0-9]+\""), " time=\"T\"");
+}
+
 // An export of `module` as a function pointer of type Fn; null when absent.
 template <typename Fn> Fn fn(HMODULE module, const char* name) {
   return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
@@ -111,13 +116,10 @@ class TraceCapture {
     RemoveVectoredExceptionHandler(cookie_);
     active = nullptr;
   }
-  std::vector<std::string> lines() const {
+  std::vector<std::string> lines(const std::string& prefix = std::string()) const {  // those starting with `prefix`
     std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  std::vector<std::string> lines_from(const std::string& prefix) const {  // those starting with `prefix`
     std::vector<std::string> out;
-    for (const std::string& line : lines()) if (line.compare(0, prefix.size(), prefix) == 0) out.push_back(line);
+    for (const std::string& line : lines_) if (line.compare(0, prefix.size(), prefix) == 0) out.push_back(line);
     return out;
   }
 
@@ -136,10 +138,10 @@ class TraceCapture {
   std::vector<std::string> lines_;
 };
 
-// A helper process with its standard output captured, run to its end (killed at the time-out).
+// A helper process with its standard output captured, run to its end (ended with exit code 255 at
+// the time-out).
 struct ChildResult {
-  bool finished = false;
-  DWORD exit_code = 0;
+  DWORD exit_code = 255;
   std::string output;
 };
 inline HANDLE start_process(const std::wstring& exe, const std::wstring& args, HANDLE output, DWORD flags = 0) {
@@ -162,15 +164,12 @@ inline ChildResult run_child(const std::wstring& exe, const std::wstring& args, 
   process.reset(start_process(exe, args, write_end.get()));
   write_end.reset();
   if (!process.ok()) return result;
-  const ULONGLONG end = GetTickCount64() + timeout_ms;
-  char buf[4096];
-  DWORD avail = 0, got = 0;
-  while (!(result.finished = WaitForSingleObject(process.get(), 20) == WAIT_OBJECT_0) && GetTickCount64() < end) {
-    while (PeekNamedPipe(read_end.get(), nullptr, 0, nullptr, &avail, nullptr) && avail > 0 &&
-           ReadFile(read_end.get(), buf, sizeof buf, &got, nullptr) && got > 0) result.output.append(buf, got);
-  }
-  if (!result.finished) TerminateProcess(process.get(), 255), WaitForSingleObject(process.get(), 5000);
-  while (result.finished && ReadFile(read_end.get(), buf, sizeof buf, &got, nullptr) && got > 0) result.output.append(buf, got);
+  std::thread reader([&] {  // to the end of the output, when every holder of the pipe's write end closed it
+    char buf[4096];
+    for (DWORD got = 0; ReadFile(read_end.get(), buf, sizeof buf, &got, nullptr) && got > 0;) result.output.append(buf, got);
+  });
+  if (WaitForSingleObject(process.get(), timeout_ms) != WAIT_OBJECT_0) TerminateProcess(process.get(), 255);
+  reader.join();
   GetExitCodeProcess(process.get(), &result.exit_code);
   return result;
 }
@@ -330,7 +329,8 @@ inline HRESULT queue(IFileOperation* op, bool move, const std::vector<std::wstri
     hr = SHParseDisplayName(sources[i].c_str(), nullptr, ids[i + 1].put(), 0, nullptr);
     children.push_back(ILFindLastID(ids[i + 1].get()));
   }
-  if (SUCCEEDED(hr)) hr = CIDLData_CreateFromIDArray(ids[0].get(), static_cast<UINT>(children.size()), children.data(), shell_items.put());
+  if (SUCCEEDED(hr))
+    hr = CIDLData_CreateFromIDArray(ids[0].get(), static_cast<UINT>(children.size()), children.data(), shell_items.put());
   const bool long_path = sources.front().size() >= MAX_PATH;
   if ((FAILED(hr) && !long_path) || !shell_item_for(destination, &target)) return E_FAIL;
   IDataObject* items = long_path ? &list : shell_items.get();
@@ -373,8 +373,7 @@ struct AgentScript {
 
 class TestAgent {
  public:
-  explicit TestAgent(AgentScript script = AgentScript()) : script_(std::move(script)) {
-    socket_.reset(socket(AF_INET, SOCK_DGRAM, 0));
+  explicit TestAgent(AgentScript script = AgentScript()) : script_(std::move(script)), socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
     const sockaddr_in address = loopback(7886);
     if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) socket_.reset();
     const DWORD poll_ms = 50;  // lets the thread notice the stop request
@@ -387,10 +386,11 @@ class TestAgent {
   }
   bool ok() const { return socket_.ok(); }  // false when the port was taken
   std::vector<std::string> frames() const { return locked([&] { return frames_; }); }  // complete, reassembled
-  // The documents (text without its NUL) of the frames tagged `tag`.
+  // The documents (text without its NUL) of the frames tagged `tag`, a record's time made "T".
   std::vector<std::string> documents(const std::string& tag) const {
     std::vector<std::string> out;
-    for (const std::string& f : frames()) if (tagged(f, tag.c_str())) out.push_back(f.substr(agent::kHeaderSize, f.size() - agent::kHeaderSize - 1));
+    for (const std::string& f : frames())
+      if (tagged(f, tag.c_str())) out.push_back(without_time(f.substr(agent::kHeaderSize, f.size() - agent::kHeaderSize - 1)));
     return out;
   }
   size_t requests() const { return requests_; }  // complete secret-audit requests
@@ -490,7 +490,6 @@ class TestAgent {
 };
 
 // What the end-to-end scenarios compare.
-constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);
 constexpr HRESULT kPassedOn = E_NOTIMPL;  // what Wine's own IFileOperation methods answer
 constexpr DWORD kCopyAudit = KWINDEL_POLICY_COPY_AUDIT, kSecretAudit = KWINDEL_POLICY_SECRET_AUDIT;
 constexpr DWORD kLocal = KWINDEL_POLICY_DEST_LOCAL, kRemovable = KWINDEL_POLICY_DEST_REMOVABLE;
@@ -526,8 +525,7 @@ inline std::string request_document(const std::vector<std::wstring>& sources, co
   for (const std::wstring& s : sources) doc += "<File path=\"" + narrow(s) + "\"/>";
   return doc + "<DstFolder path=\"" + narrow(destination) + "\"/></CopyFiles>";
 }
-// The copy audit document of this process and user with time "T"; `without_time` makes a
-// received one comparable.
+// The copy audit document of this process and user with time "T" (see TestAgent::documents).
 inline std::string user_sid() {  // this process's user, S-1-5-...
   OwnedHandle token;
   OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
@@ -547,15 +545,17 @@ inline std::string audit_document(const std::string& operation, const std::wstri
   for (const auto& f : files) doc += "<File filename=\"" + narrow(f) + "\"/>";
   return files.empty() ? doc : doc + "</FilesCopy>";
 }
-inline std::string without_time(const std::string& document) {
-  return std::regex_replace(document, std::regex(" time=\"-?[0-9]+\""), " time=\"T\"");
+// kwdecrypt.exe's exit code and, when asked, its output.
+inline DWORD kwdecrypt(const std::wstring& args, std::string* output = nullptr) {
+  const ChildResult r = run_child(tool_path(L"kwdecrypt"), args, 120000);
+  if (output != nullptr) *output = r.output;
+  return r.exit_code;
 }
 // kwdecrypt on `encrypted` with `password` succeeds and writes exactly `original`.
 inline bool decrypts_to(const std::wstring& encrypted, const std::string& password, const std::string& original) {
   ScratchDir out;
-  const ChildResult r = run_child(tool_path(L"kwdecrypt"),
-                                  L"\"" + encrypted + L"\" \"" + widen(password) + L"\" \"" + out.file(L"plain") + L"\"", 60000);
-  return r.finished && r.exit_code == 0 && content(out.file(L"plain")) == original;
+  return kwdecrypt(L"\"" + encrypted + L"\" \"" + widen(password) + L"\" \"" + out.file(L"plain") + L"\"") == 0 &&
+         content(out.file(L"plain")) == original;
 }
 // The user's parking folder of the library (ends with '\').
 inline std::wstring parking_folder() {

@@ -85,8 +85,7 @@ TEST(Relocator, FormsAndRefusals) {
     for (std::istringstream in(c.code); in >> std::hex >> byte;) code.push_back(static_cast<uint8_t>(byte));
     code.resize(code.size() + 64, 0xCC);
     Built b;
-    const uint64_t target = c.mode == Mode::k64 ? kTarget : kTarget32;
-    EXPECT_EQ(build_checked(code.data(), code.size(), target, c.patch, c.out, &b, c.mode), "");
+    EXPECT_EQ(build_checked(code.data(), code.size(), c.mode == Mode::k64 ? kTarget : kTarget32, c.patch, c.out, &b, c.mode), "");
     EXPECT_EQ(b.status, c.status);
   }
 }
