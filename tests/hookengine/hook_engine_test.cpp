@@ -60,8 +60,9 @@ const std::vector<uint8_t> kCallAt5 = {0x48, 0x89, 0xC8, 0xFF, 0xD0, 0x48, 0x89,
 // add rsp,28h; ret: returns its argument only when the test reads the right byte.
 const std::vector<uint8_t> kTestRipJne = {0x48, 0x83, 0xEC, 0x28, 0xF6, 0x05, 0x0C, 0x00, 0x00, 0x00, 0x01, 0x75,
                                           0x03, 0x48, 0x31, 0xC9, 0x48, 0x89, 0xC8, 0x48, 0x83, 0xC4, 0x28, 0xC3};
-// mov rax,rcx; lock inc qword [rip+0F5h] (the counter at +100h); ret.
-const std::vector<uint8_t> kCounted = {0x48, 0x89, 0xC8, 0xF0, 0x48, 0xFF, 0x05, 0xF5, 0x00, 0x00, 0x00, 0xC3};
+// push rcx; push rbx; cpuid (slow: most threads the freeze stops here stand at the lock inc, inside
+// the patch); lock inc qword [rip+0F4h] (the counter at +100h); pop rbx; pop rax (the argument); ret.
+const std::vector<uint8_t> kCounted = {0x51, 0x53, 0x0F, 0xA2, 0xF0, 0x48, 0xFF, 0x05, 0xF4, 0x00, 0x00, 0x00, 0x5B, 0x58, 0xC3};
 // 32-bit, stdcall with three arguments. cmp eax,eax; je +5 (taken, out of the patch); xor eax,eax;
 // ret 12; mov eax,[esp+4]; test byte [page+20h],1 (odd); jne +2; xor eax,eax; ret 12.
 const std::vector<uint8_t> kJeAbs32 = {0x39, 0xC0, 0x74, 0x05, 0x31, 0xC0, 0xC2, 0x0C, 0x00, 0x8B, 0x44, 0x24, 0x04, 0xF6,
@@ -95,7 +96,7 @@ const Scenario kScenarios[] = {
     {"MulDiv", kBoth, reinterpret_cast<void*>(&MulDiv), {}, false, HookStatus::kOk, 5, 0, 14},
     {"test [rip] and jne near", k64Only, nullptr, kTestRipJne, false, HookStatus::kOk, 5, 11, 6},
     {"test [rip] and jne absolute", k64Only, nullptr, kTestRipJne, true, HookStatus::kOk, 14, 16, 6},
-    {"threads frozen and moved", k64Only, nullptr, kCounted, false, HookStatus::kOk, 5, 11, 6, 8},
+    {"threads frozen and moved", k64Only, nullptr, kCounted, false, HookStatus::kOk, 5, 12, 6, 2},
     {"call inside the absolute patch", k64Only, nullptr, kCallAt5, true, HookStatus::kCallReturnsIntoPatch},
     {"ret then code", kBoth, nullptr, {0xC3, 0x48, 0x89, 0xC8, 0x48, 0x89, 0xC8}, false, HookStatus::kFunctionTooShort},
     {"loop back into the patch", kBoth, nullptr, {0x48, 0x89, 0xC8, 0x48, 0xFF, 0xC9, 0x75, 0xFA, 0xC3}, false,
