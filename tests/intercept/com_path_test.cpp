@@ -165,11 +165,12 @@ TEST_F(ComPath, Scenarios) {
 struct Step {
   char op;             // 'A', 'B', or 'T' for the test
   char call;           // c CopyItems, m MoveItems, C CopyItem, M MoveItem, p PerformOperations,
-                       // r Release (the last reference); the test's acts: l lock file 1 until after the
-                       // next call, h hold file 0 open until after the next call, x carry file 0 to dst as an
-                       // engine would (under its own name), d delete file 0's parked original, t throw in the next
-                       // replacement, s leave stale ".tmp" names, 0 secret check off, q a process of
-                       // the other bitness queues a copy of file 0 and waits, w it runs it and ends
+                       // r Release (the last reference); the test's acts: l lock file 1 until after
+                       // the next call, h hold file 0 open until after the next call, x carry file 0
+                       // to dst as an engine would (under its own name), d delete file 0's parked
+                       // original, t throw in the next replacement, s leave stale ".tmp" names,
+                       // 0 secret check off, q a process of the other bitness queues a copy of
+                       // file 0 and waits, w it runs it and ends
   const char* files;   // the files a call names, as indices
   char answer;
   HRESULT result;
