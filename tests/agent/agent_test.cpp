@@ -3,12 +3,6 @@
 // test agent; kwagent.exe answering from its rules and logging every message.
 #include "kwtest.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <deque>
-#include <sstream>
-#include <thread>
 
 #include "agent/agent_channel.h"
 #include "agent/copy_audit.h"
@@ -19,15 +13,13 @@
 
 namespace {
 
-using kwtest::TestAgent;
-const std::string kResponse = "<FILECOPY_SECRETAUDIT_RESPONSE>", kRequest = "<FILECOPY_SECRETAUDIT_REQUEST>";
+using namespace kwtest;
 const std::string kAck(128, '\0');
 
-std::string le32(int32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); }
-std::string header(int32_t length, const std::string& tag = kResponse) {  // written by hand
-  return tag + std::string(32 - tag.size(), '\0') + le32(length);
+std::string header(int32_t length, const std::string& tag = kResponseTag) {  // written by hand: the length little-endian
+  return tag + std::string(32 - tag.size(), '\0') + std::string(reinterpret_cast<const char*>(&length), 4);
 }
-std::string response(const std::string& text) { return TestAgent::frame(kResponse, text); }
+std::string response(const std::string& text) { return TestAgent::frame(kResponseTag, text); }
 
 std::string describe(bool verdict, const SecretAuditResult& r) {
   std::string s = verdict ? "true" : "false";
@@ -50,7 +42,7 @@ const In kFails = {"", 0};
 const uint32_t kForeign = 0x0a000005;  // 10.0.0.5: another machine
 
 struct MemoryIo : agent::DatagramIo {
-  MemoryIo(const std::vector<In>& script, int fail_from) : in(script.begin(), script.end()), fail_from(fail_from) {}
+  MemoryIo(const std::vector<In>& script, int fail_from) : in(script), fail_from(fail_from) {}
   int SendTo(const char* data, int size, const agent::DatagramAddress& to) override {
     sent.emplace_back(data, size);
     const bool zeros = sent.back().find_first_not_of('\0') == std::string::npos;
@@ -58,20 +50,17 @@ struct MemoryIo : agent::DatagramIo {
     return static_cast<int>(sent.size()) > fail_from ? -1 : size;
   }
   int ReceiveFrom(char* buffer, int capacity, agent::DatagramAddress* from) override {
-    ++receives;
-    if (in.empty()) return -1;
-    const In next = in.front();
-    in.pop_front();
+    if (++receives > static_cast<int>(in.size())) return -1;
+    const In& next = in[receives - 1];
+    sockaddr_in address = {AF_INET, htons(next.port)};
+    address.sin_addr.s_addr = htonl(next.ip);
+    std::memcpy(from->bytes, &address, sizeof address);
+    from->length = sizeof address;
     const int n = std::min(static_cast<int>(next.bytes.size()), capacity);
     std::memcpy(buffer, next.bytes.data(), n);
-    const unsigned char address[8] = {2, 0, static_cast<unsigned char>(next.port >> 8), static_cast<unsigned char>(next.port),
-                                      static_cast<unsigned char>(next.ip >> 24), static_cast<unsigned char>(next.ip >> 16),
-                                      static_cast<unsigned char>(next.ip >> 8), static_cast<unsigned char>(next.ip)};
-    std::memcpy(from->bytes, address, sizeof address);  // a sockaddr_in
-    from->length = 16;
     return n;
   }
-  std::deque<In> in;
+  std::vector<In> in;
   int fail_from, receives = 0;
   std::vector<std::string> sent;
   std::string log;
@@ -91,10 +80,9 @@ struct Row {
 
 // Runs one row; what a send sends, and an exchange's first datagram, must be the start of its frame.
 std::string run(const Row& row, MemoryIo& io) {
-  agent::DatagramAddress to;
-  to.bytes[0] = 2, to.bytes[2] = 7886 >> 8, to.bytes[3] = 7886 & 255, to.length = 16;
+  const agent::DatagramAddress to = agent::agent_address(7886);
   const std::string text(row.text, row.op == kSend ? 'q' : 'c');
-  const std::string frame = TestAgent::frame(row.op == kSend ? agent::kCopyAuditTag : kRequest, text);
+  const std::string frame = TestAgent::frame(row.op == kSend ? agent::kCopyAuditTag : kRequestTag, text);
   std::string result;
   if (row.op == kSend) {
     result = std::vector<std::string>{"sent", "send failed", "ack missing"}[int(agent::SendFrame(io, to, agent::kCopyAuditTag, text))];
@@ -113,8 +101,7 @@ std::string run(const Row& row, MemoryIo& io) {
 }
 
 TEST(AgentChannel, SendingReceivingAndVerdicts) {
-  EXPECT_EQ(std::string("<FILECOPYAUDIT_DATA>", 20) + std::string(12, '\0') + le32(11) + "<a b=\"1\"/>" + '\0',
-            TestAgent::frame(agent::kCopyAuditTag, "<a b=\"1\"/>"));
+  EXPECT_EQ(header(11, "<FILECOPYAUDIT_DATA>") + "<a b=\"1\"/>" + '\0', TestAgent::frame(agent::kCopyAuditTag, "<a b=\"1\"/>"));
   EXPECT_EQ("", TestAgent::frame("<A_TAG_OF_THIRTY_TWO_CHARACTERS>", "x"));  // the tag field holds its NUL
   const std::string big = response("<SecretCheckResult>" + std::string(20000, ' ') + "</SecretCheckResult>");
   const std::string wire = response(std::string(8200, 'w')), nine = response(std::string(9000, 'w'));
@@ -148,7 +135,7 @@ TEST(AgentChannel, SendingReceivingAndVerdicts) {
       {"zero length", kReceive, first(header(0)), "no frame", "", 1},
       {"negative length", kReceive, first(header(-36) + "xx"), "no frame", "", 1},
       {"above 16 MiB", kReceive, first(header((16 << 20) + 1)), "no frame", "", 1},
-      {"request tag", kReceive, first(header(5, kRequest) + "<a/>"), "wrong tag", "", 1},
+      {"request tag", kReceive, first(header(5, kRequestTag) + "<a/>"), "wrong tag", "", 1},
       {"length 2", kReceive, first(header(2) + "<SecretCheckResult><SecretFile path=\"a\"/>"), "empty answer", "", 1},
       // The verdict: true refuses the operation (a transport failure too), false lets it go on.
       {"document order", kExchange, answer("<SecretCheckResult encryptedpwd=\"pw\" action=\"3\"><SecretFile path=\"C:\\a\"/>"
@@ -184,11 +171,8 @@ TEST(AgentChannel, SendingReceivingAndVerdicts) {
 // what the interceptors' scenario tables do not reach: escaping, the move code, the time as a
 // signed value.
 TEST(OverThePort, GatesRequestRecordAndReport) {
-  kwtest::AgentScript script;
-  script.reply = {response("<SecretCheckResult encryptedpwd=\"k&amp;y\" action=\"1\"><SecretFile "
-                           "path=\"C:\\s\\a&amp;b.doc\"/></SecretCheckResult>")};
-  script.reply_from_other_port = true;
-  TestAgent agent(script);
+  TestAgent agent(AgentScript{true, {response("<SecretCheckResult encryptedpwd=\"k&amp;y\" action=\"1\"><SecretFile "
+                                               "path=\"C:\\s\\a&amp;b.doc\"/></SecretCheckResult>")}, true});
   ASSERT_TRUE(agent.ok());
   SecretAuditResult r;
   g_policy_block.g_secret_audit = 0;
@@ -205,7 +189,7 @@ TEST(OverThePort, GatesRequestRecordAndReport) {
   const std::vector<std::string> frames = agent.frames();
   EXPECT_EQ(header(static_cast<int32_t>(frames[0].size() - 36), "<FILECOPYAUDIT_DATA>"), frames[0].substr(0, 36));
   EXPECT_EQ(36u, frames[0].find("<FilesCopy processname=\"agent_tests.exe\" operation=\"5\" flags=\"0\" time=\""));
-  EXPECT_EQ(TestAgent::frame(kRequest, "<CopyFiles processname=\"agent_tests.exe\"><File path=\"C:\\s\\a&amp;b.doc\"/><File path=\"C:\\s\\"
+  EXPECT_EQ(TestAgent::frame(kRequestTag, "<CopyFiles processname=\"agent_tests.exe\"><File path=\"C:\\s\\a&amp;b.doc\"/><File path=\"C:\\s\\"
                              "&quot;\xC3\xA9\xE6\x97\xA5&quot;.txt\"/><DstFolder path=\"E:\\out&lt;1&gt;\"/><DstFolder path=\"F:\\\"/></CopyFiles>"),
             frames[1]);
   EXPECT_EQ(TestAgent::frame("<FILECOPY_OPERATION_RESULT>", "<Data action=\"-1\"><File path=\"C:\\" + std::string(9000, 'r') +
@@ -221,9 +205,7 @@ TEST(OverThePort, GatesRequestRecordAndReport) {
 // socket is bound to 127.0.0.1: an answer sent before to its port at another address of the
 // machine (127.0.0.2 stands for one) never reaches it.
 TEST(OverThePort, TimeOutsAndASilentAgent) {
-  kwtest::AgentScript script;
-  script.acknowledge = false;
-  TestAgent agent(script);
+  TestAgent agent(AgentScript{false});
   ASSERT_TRUE(agent.ok());
   g_policy_block.g_secret_audit = 1;
   SecretAuditResult r;
@@ -232,18 +214,19 @@ TEST(OverThePort, TimeOutsAndASilentAgent) {
   std::thread caller([&] { verdict = RequestSecretAudit({"C:\\a.txt"}, {"E:\\"}, r), done = true; });
   const bool asked = agent.wait_for_frames(1, 5000);
   const OwnedSocket stranger(socket(AF_INET, SOCK_DGRAM, 0));
-  sockaddr_in elsewhere = {AF_INET, htons(agent.requester_port())};
-  elsewhere.sin_addr.s_addr = inet_addr("127.0.0.2");
-  const std::string go_on = response("<SecretCheckResult/>");
-  EXPECT_TRUE(asked && sendto(stranger.get(), go_on.data(), static_cast<int>(go_on.size()), 0,
-                              reinterpret_cast<const sockaddr*>(&elsewhere), sizeof elsewhere) == static_cast<int>(go_on.size()));
+  auto answer_from = [&](const char* ip, const std::string& bytes) {  // to the requester's port at `ip`
+    sockaddr_in to = {AF_INET, htons(agent.requester_port())};
+    to.sin_addr.s_addr = inet_addr(ip);
+    return asked && sendto(stranger.get(), bytes.data(), static_cast<int>(bytes.size()), 0, reinterpret_cast<const sockaddr*>(&to),
+                           sizeof to) == static_cast<int>(bytes.size());
+  };
+  EXPECT_TRUE(answer_from("127.0.0.2", response("<SecretCheckResult/>")));
   EXPECT_EQ(1, SendCopyAudit(std::string(8155, 'x')));
   const ULONGLONG start = GetTickCount64();
   EXPECT_EQ(0, SendCopyAudit(std::string(8156, 'x')));
   EXPECT_GE(GetTickCount64() - start, 900u);
   EXPECT_FALSE(done);
-  EXPECT_TRUE(asked && agent.send_to_requester(response("<SecretCheckResult><SecretFile path=\"C:\\a.txt\"/>"
-                                                         "</SecretCheckResult>")));
+  EXPECT_TRUE(answer_from("127.0.0.1", response("<SecretCheckResult><SecretFile path=\"C:\\a.txt\"/></SecretCheckResult>")));
   caller.join();
   EXPECT_EQ("true S:C:\\a.txt pwd= action=0", describe(verdict, r));
 }
@@ -255,48 +238,43 @@ TEST(Kwagent, AnswersFromItsRulesAndLogsEveryMessage) {
   for (int i = 0; i < 500; ++i) big.push_back("C:\\big\\folder\\document-" + std::to_string(i) + ".docx");
   ASSERT_GT(build_secret_audit_request("agent_tests.exe", big, {"E:\\"}).size(), 2u * 8192u);
   const agent::WinsockSession winsock;  // the library's start-up at set-up, which this program skips
-  kwtest::ScratchDir dir;
-  ASSERT_TRUE(kwtest::write_file(dir.file(L"rules.txt"), "# secret documents, installers refused\r\nsecret \"C:\\data\\secret\\*\" "
+  ScratchDir dir;
+  ASSERT_TRUE(write_file(dir.file(L"rules.txt"), "# secret documents, installers refused\r\nsecret \"C:\\data\\secret\\*\" "
                                  "\"pw 123\" 2\r\ndeny *.exe\r\nencrypted *\\enc\\*   # trailing comment\r\nsecret C:\\big\\* big-pw 1\n"
                                  "default empty\r\n"));
   const std::wstring pid = std::to_wstring(GetCurrentProcessId()), ready = L"kwagent-test-ready-" + pid;
   const OwnedHandle ready_event(CreateEventW(nullptr, TRUE, FALSE, ready.c_str()));
-  kwtest::ChildResult run;
+  ChildResult run;
   std::thread agent([&] {
-    run = kwtest::run_child(kwtest::tool_path(L"kwagent"), L"--count 5 --ready " + ready + L" --parent " + pid +
+    run = run_child(tool_path(L"kwagent"), L"--count 5 --ready " + ready + L" --parent " + pid +
                             L" --rules \"" + dir.file(L"rules.txt") + L"\" --log \"" + dir.file(L"log") + L"\"", 60000);
   });
   const bool up = WaitForSingleObject(ready_event.get(), 15000) == WAIT_OBJECT_0;
   g_policy_block.g_secret_audit = 1;
-  const struct {
-    std::vector<std::string> sources;
-    std::string verdict;
-  } rows[] = {
+  const std::pair<std::vector<std::string>, std::string> rows[] = {  // sources, verdict
       {{"C:\\data\\secret\\plan.docx", "C:\\data\\open.txt", "C:\\x\\enc\\f.bin"},
        "true S:C:\\data\\secret\\plan.docx E:C:\\x\\enc\\f.bin pwd=pw 123 action=2"},
       {{"C:\\Tools\\Setup.EXE"}, "true S:C:\\Tools\\Setup.EXE pwd= action=0"},  // wildcards ignore case
       {{"C:\\data\\open.txt"}, "false pwd= action=0"},
       {big, describe(true, SecretAuditResult{big, {}, "big-pw", 1})},
   };
-  for (const auto& row : rows) {
+  for (const auto& [sources, verdict] : rows) {
     SecretAuditResult r;
-    EXPECT_EQ(row.verdict, up ? describe(RequestSecretAudit(row.sources, {"E:\\"}, r), r) : "not ready");
+    EXPECT_EQ(verdict, up ? describe(RequestSecretAudit(sources, {"E:\\"}, r), r) : "not ready");
   }
   EXPECT_TRUE(up && SendCopyAudit(build_copy_audit_document(kCopyAuditCopy, "E:\\backup", {"C:\\a.txt", "C:\\b"}, 2147483648u)));
   agent.join();
-  EXPECT_TRUE(run.finished && run.exit_code == 0) << run.exit_code;
-  std::vector<std::string> lines;
-  std::istringstream log(kwtest::content(dir.file(L"log")));
-  for (std::string line; std::getline(log, line);)
-    lines.push_back(line.substr(0, line.rfind(",\"from_port\":")));  // the requester's port: the system's choice
-  ASSERT_EQ(5u, lines.size());
+  EXPECT_EQ(run.exit_code, 0u);  // (255 when it was ended at the time-out)
+  const std::string log = content(dir.file(L"log"));
+  ASSERT_EQ(5, std::count(log.begin(), log.end(), '\n'));
+  const std::string last = log.substr(log.rfind('\n', log.size() - 2) + 1);
   EXPECT_EQ(R"({"tag":"<FILECOPYAUDIT_DATA>","processname":"agent_tests.exe","operation":6,"destination":"E:\\backup",)"
             R"("usersid":")" + get_user_sid_string() + R"(","files":["C:\\a.txt","C:\\b"],"answer":null,"time":-2147483648,"flags":0)",
-            lines[4]);
+            last.substr(0, last.rfind(",\"from_port\":")));  // the requester's port: the system's choice
   TestAgent holder;
   ASSERT_TRUE(holder.ok());
-  const kwtest::ChildResult taken = kwtest::run_child(kwtest::tool_path(L"kwagent"), L"", 15000);
-  EXPECT_TRUE(taken.finished && taken.exit_code == 3) << taken.exit_code;
+  const ChildResult taken = run_child(tool_path(L"kwagent"), L"", 15000);
+  EXPECT_EQ(taken.exit_code, 3u);
 }
 
 }  // namespace

@@ -14,7 +14,6 @@ namespace {
 
 using namespace kwtest;
 
-
 const std::vector<std::string> kAttachLines = {
     "[HookApi,1567] : easyhook:attach CopyFileW succeed", "[HookApi,1575] : easyhook:attach CopyFileExW succeed",
     "[HookApi,1583] : easyhook:attach SHFileOperationW succeed", "[HookApi,1591] : easyhook:attach MoveFileWithProgressW succeed"};
@@ -56,7 +55,7 @@ TEST(HookSetup, LoadPatchesWhatThisSystemHasAndTheDllOutlivesItsLastFreeLibrary)
   {
     OwnedModule dll(LoadLibraryW(dll_path().c_str()));
     ASSERT_TRUE(dll.ok());
-    EXPECT_EQ(trace.lines_from("[HookApi,"), expected);
+    EXPECT_EQ(trace.lines("[HookApi,"), expected);
     for (size_t i = kFlat ? 3 : 0; i < (kFlat ? 7 : 3); ++i) {
       // A jump into the engine's pages, whose relay goes on to the replacement inside the DLL.
       const uint64_t relay = jump_destination(static_cast<const uint8_t*>(entries.code[i]));
@@ -68,7 +67,7 @@ TEST(HookSetup, LoadPatchesWhatThisSystemHasAndTheDllOutlivesItsLastFreeLibrary)
   // A thread may be inside a replacement at any time: the FreeLibrary changed nothing.
   EXPECT_NE(GetModuleHandleW(KWINDEL_DLL_NAME), nullptr);
   for (size_t i = 0; i < before.size(); ++i) EXPECT_EQ(entries.bytes()[i] != before[i], kFlat != (i < 3)) << i;
-  EXPECT_TRUE(trace.lines_from("[UnHookApi,").empty());
+  EXPECT_TRUE(trace.lines("[UnHookApi,").empty());
   EXPECT_EQ(entries.op->CopyItems(nullptr, nullptr), E_NOTIMPL);
 }
 
@@ -82,9 +81,8 @@ TEST(HookSetup, AFailureToPatchMoveItemsStopsTheSetUpAndLeavesCopyItemsPatched) 
   const std::vector<std::string> before = entries.bytes();
   TraceCapture trace;
   ASSERT_TRUE(OwnedModule(LoadLibraryW(dll_path().c_str())).ok());
-  std::vector<std::string> expected = kComStart;
-  expected.push_back("[HookApi,1506] : [ZELTRAP:KWINDEL] hook moveitems error");
-  EXPECT_EQ(trace.lines_from("[HookApi,"), expected);
+  EXPECT_EQ(trace.lines("[HookApi,"),
+            (std::vector<std::string>{kComStart[0], kComStart[1], "[HookApi,1506] : [ZELTRAP:KWINDEL] hook moveitems error"}));
   // The patched flag stayed 0, yet CopyItems jumps into the DLL: so the DLL stays and the patched
   // method keeps working after the FreeLibrary.
   EXPECT_NE(GetModuleHandleW(KWINDEL_DLL_NAME), nullptr);
@@ -99,14 +97,11 @@ TEST(HookSetup, AnEasyHookOutsideTheDllsFolderIsNeverLoaded) {
   // none beside the DLL.
   const wchar_t* easyhook = sizeof(void*) == 8 ? L"EasyHook64.dll" : L"EasyHook32.dll";
   ScratchDir dir;
-  const std::wstring planted = dir.path();
-  wchar_t system_dll[MAX_PATH];
-  GetSystemDirectoryW(system_dll, MAX_PATH);
-  ASSERT_TRUE(CopyFileW((std::wstring(system_dll) + L"\\version.dll").c_str(), dir.file(easyhook).c_str(), FALSE));
-  ASSERT_TRUE(SetCurrentDirectoryW(planted.c_str()));
+  ASSERT_TRUE(CopyFileW(L"C:\\windows\\system32\\version.dll", dir.file(easyhook).c_str(), FALSE));
+  ASSERT_TRUE(SetCurrentDirectoryW(dir.path().c_str()));
   wchar_t path[8192];
   GetEnvironmentVariableW(L"PATH", path, 8192);
-  SetEnvironmentVariableW(L"PATH", (planted + L";" + path).c_str());
+  SetEnvironmentVariableW(L"PATH", (dir.path() + L";" + path).c_str());
   Entries entries;
   ASSERT_TRUE(OwnedModule(LoadLibraryW(dll_path().c_str())).ok());
   EXPECT_EQ(GetModuleHandleW(easyhook), nullptr);
@@ -128,16 +123,14 @@ class Exports : public ::testing::Test {
 // Each bit to its word, here and (the section is shared) in another process, which prints its
 // policy words between the set-up's and the tear-down's trace lines.
 TEST_F(Exports, SetPolicyMapsEachBitToItsWordInEveryProcess) {
-  const std::pair<DWORD, const char*> rows[] = {
-      {0x15, "copy=1 secret=0 mask=5 encrypt=0"}, {0xFFFFFFEA, "copy=0 secret=1 mask=2 encrypt=1"}};  // words above 0x3F ignored
-  for (const auto& [word, words] : rows) {
+  // (Words above 0x3F ignored.)
+  const std::pair<DWORD, std::vector<uint32_t>> rows[] = {{0x15, {1, 0, 5, 0}}, {0xFFFFFFEA, {0, 1, 2, 1}}};
+  for (const auto& [word, words] : rows) {  // copy audit, secret audit, destination mask, encrypt audit
     TraceCapture trace;
     EXPECT_TRUE(set_policy(word, 0xDEADBEEF));
     EXPECT_EQ(trace.lines(), std::vector<std::string>{"SetPolicy"});
-    char got[64];
-    std::snprintf(got, sizeof got, "copy=%u secret=%u mask=%u encrypt=%u", block->copy_audit, block->secret_audit,
-                  block->audit_dest_mask, block->encrypt_audit);
-    EXPECT_EQ(got, std::string(words)) << std::hex << word;
+    EXPECT_EQ(std::vector<uint32_t>({block->copy_audit, block->secret_audit, block->audit_dest_mask, block->encrypt_audit}), words)
+        << std::hex << word;
   }
   set_policy(0x2B, 0);
   EXPECT_EQ(run_child(child_path(), L"load", 30000).output,
@@ -196,9 +189,8 @@ TEST_F(Exports, OneKwctlInstallProtectsBothBitnesses) {
     ASSERT_TRUE(CopyFileW(from.c_str(), install.file(from.substr(from.rfind(L'\\') + 1)).c_str(), FALSE)) << narrow(from);
   }
   const std::wstring a = dir.file(L"a.txt"), kwctl = install.file(L"kwctl.exe");
-  ASSERT_TRUE(write_file(a, "alpha"));
   TestAgent agent(all_secret());
-  ASSERT_TRUE(agent.ok());
+  ASSERT_TRUE(write_file(a, "alpha") && agent.ok());
   SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
   OwnedHandle log(CreateFileW(install.file(L"kwctl.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
                               CREATE_ALWAYS, 0, nullptr));
@@ -217,12 +209,10 @@ TEST_F(Exports, OneKwctlInstallProtectsBothBitnesses) {
   const std::string policy = ", policy 0x07: copy audit on, secret audit on, destinations local, encrypt audit off\n";
   EXPECT_EQ(held, "kwctl: x64: WH_CALLWNDPROC hook held by kwctl pid N" + policy + "kwctl: x86: WH_GETMESSAGE hook held by kwctl pid N" + policy);
 
-  std::vector<std::string> shown;
-  for (const std::wstring& child : {child_path(), x86_folder() + L"kwtest-child.exe"}) {
-    shown.push_back(run_child(child, L"copy hook show \"" + dir.path() + L"\" \"" + a + L"\"", 30000).output);
-  }
-  EXPECT_EQ(shown[0].substr(0, 32), "loaded 80004001 0102030410203040");  // the encrypted form's magic
-  EXPECT_EQ(shown[0], shown[1]);
+  const std::wstring show = L"copy hook show \"" + dir.path() + L"\" \"" + a + L"\"";
+  const std::string shown = run_child(child_path(), show, 30000).output;
+  EXPECT_EQ(shown.substr(0, 32), "loaded 80004001 0102030410203040");  // the encrypted form's magic
+  EXPECT_EQ(run_child(x86_folder() + L"kwtest-child.exe", show, 30000).output, shown);
   ASSERT_TRUE(agent.flush());
   const std::vector<std::string> frames = agent.frames();
   ASSERT_EQ(frames.size(), 4u);  // per bitness a request, then an audit record
@@ -249,11 +239,8 @@ TEST_F(Exports, OneKwctlInstallProtectsBothBitnesses) {
 // the export table does not name, and its source from the PDB beside the DLL that matches by GUID
 // and age (without it dbghelp names nothing here, or at best the export KwindelTestFault).
 TEST(Symbols, ACrashInsideTheLibraryIsNamedFromItsPdb) {
-  STARTUPINFOW startup = {sizeof startup};
-  PROCESS_INFORMATION child = {};
-  std::wstring command = L"\"" + child_path() + L"\" fault";
-  ASSERT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS, nullptr, nullptr, &startup, &child));
-  OwnedHandle process(child.hProcess), thread(child.hThread);
+  const OwnedHandle process(start_process(child_path(), L"fault", nullptr, DEBUG_ONLY_THIS_PROCESS));
+  ASSERT_TRUE(process.ok());
   DWORD64 fault = 0;
   DEBUG_EVENT event = {};
   while (fault == 0 && WaitForDebugEvent(&event, 30000) && event.dwDebugEventCode != EXIT_PROCESS_DEBUG_EVENT) {
@@ -270,25 +257,17 @@ TEST(Symbols, ACrashInsideTheLibraryIsNamedFromItsPdb) {
   ASSERT_TRUE(SymInitializeW(process.get(), exe_dir().c_str(), TRUE)) << GetLastError();
   IMAGEHLP_MODULEW64 module = {sizeof module};
   ASSERT_TRUE(SymGetModuleInfoW64(process.get(), fault, &module)) << GetLastError();
-  struct {
-    SYMBOL_INFOW info;
-    wchar_t more[256];
-  } symbol = {};
-  symbol.info.SizeOfStruct = sizeof symbol.info;
-  symbol.info.MaxNameLen = 256;
-  DWORD64 displacement = 0;
-  ASSERT_TRUE(SymFromAddrW(process.get(), fault, &displacement, &symbol.info)) << GetLastError();
+  std::vector<char> buffer(sizeof(SYMBOL_INFOW) + 256 * sizeof(wchar_t));
+  auto* symbol = reinterpret_cast<SYMBOL_INFOW*>(buffer.data());
+  *symbol = {sizeof(SYMBOL_INFOW)};
+  symbol->MaxNameLen = 256;
+  ASSERT_TRUE(SymFromAddrW(process.get(), fault, nullptr, symbol)) << GetLastError();
   IMAGEHLP_LINEW64 line = {sizeof line};
   DWORD column = 0;
-  const bool has_line = SymGetLineFromAddrW64(process.get(), fault, &column, &line);
-  std::printf("crash at %s+0x%llx: %s+0x%llx (%s:%lu), symbols %s, age %lu\n", narrow(module.ModuleName).c_str(),
-              static_cast<unsigned long long>(fault - module.BaseOfImage), narrow(symbol.info.Name).c_str(),
-              static_cast<unsigned long long>(displacement), has_line ? narrow(line.FileName).c_str() : "?",
-              has_line ? line.LineNumber : 0, narrow(module.LoadedPdbName).c_str(), module.PdbAge);
   EXPECT_EQ(std::wstring(module.ModuleName) + L".dll", KWINDEL_DLL_NAME);
   EXPECT_EQ(module.SymType, SymPdb);
-  EXPECT_EQ(std::wstring(symbol.info.Name), L"test_fault_write");
-  ASSERT_TRUE(has_line);
+  EXPECT_EQ(std::wstring(symbol->Name), L"test_fault_write");
+  ASSERT_TRUE(SymGetLineFromAddrW64(process.get(), fault, &column, &line));
   std::wstring file = line.FileName;  // as the objects name it; Wine puts it on drive Z:
   std::replace(file.begin(), file.end(), L'\\', L'/');
   EXPECT_EQ(file.substr(file.find(L"/kwindel/")), L"/kwindel/src/host/test_fault.cpp");

@@ -17,7 +17,7 @@ const std::string kMoveItem = "[MoveItem_new,1335] : [ZELTRAP:KWINDEL] MoveItem_
 const std::string kPerform = "[PerformOperations_new,1290] : [ZELTRAP:KWINDEL] PerformOperations_new";
 const std::string kSearch = "[CopyItems_new,1179] : [ZELTRAP:KWINDEL] search {a}";
 const std::string kNoPaths = "[get_filepaths_from_comobject,1018] : [ZELTRAP:KWINDEL] SHGetIDListFromObject(iUnknown,&pv);hr=-2147467262, error=*";
-constexpr HRESULT P = kPassedOn, R = kRefused;
+constexpr HRESULT P = kPassedOn, R = static_cast<HRESULT>(0xFFFFFFFF);  // passed on, refused
 
 enum Reply { kNotSecret, kForbidden, kWrongTag };
 
@@ -75,33 +75,31 @@ const Scenario kScenarios[] = {
      {kCall + "1", kSearch}},
 };
 
-// One call of an operation's method: c CopyItems and m MoveItems of `sources` (through queue()),
-// C CopyItem and M MoveItem of the first source, p PerformOperations. A method called here directly
-// leaves the last error as the caller set it (Wine's methods leave it alone: so must the library).
-HRESULT call_method(IFileOperation* op, char call, const std::vector<std::wstring>& sources, const std::wstring& dst) {
-  if (call == 'c' || call == 'm') return queue(op, call == 'm', sources, dst);
+// One call of an operation's method: c CopyItems and m MoveItems of `items` or, when null, of
+// `sources` (through queue()), C CopyItem and M MoveItem of the first source, p PerformOperations.
+// A method called here directly leaves the last error as the caller set it (Wine's methods leave it
+// alone: so must the library).
+HRESULT call_method(IFileOperation* op, char call, const std::vector<std::wstring>& sources, const std::wstring& dst,
+                    IUnknown* items = nullptr) {
+  if ((call == 'c' || call == 'm') && items == nullptr) return queue(op, call == 'm', sources, dst);
   ComRef<IShellItem> item, target;
-  if (call != 'p' && !(shell_item_for(sources[0], &item) && shell_item_for(dst, &target))) return E_FAIL;
+  if (!shell_item_for(dst, &target) || ((call == 'C' || call == 'M') && !shell_item_for(sources[0], &item))) return E_FAIL;
   SetLastError(0x2BADF00D);
   const HRESULT result = call == 'p'   ? op->PerformOperations()
+                         : call == 'c' ? op->CopyItems(items, target.get())
+                         : call == 'm' ? op->MoveItems(items, target.get())
                          : call == 'C' ? op->CopyItem(item.get(), target.get(), nullptr, nullptr)
                                        : op->MoveItem(item.get(), target.get(), nullptr, nullptr);
   EXPECT_EQ(GetLastError(), 0x2BADF00Du) << call;
   return result;
 }
 
-class ComPath : public Interception {
- protected:
-  void SetUp() override {
-    Interception::SetUp();
-    ASSERT_TRUE(new_file_operation(&op));
-  }
-  ComRef<IFileOperation> op;
-};
+using ComPath = Interception;
 
 TEST_F(ComPath, Scenarios) {
   TestDrive drive;
-  ASSERT_TRUE(drive.ok());
+  ComRef<IFileOperation> op;
+  ASSERT_TRUE(drive.ok() && new_file_operation(&op));
   for (const Scenario& s : kScenarios) {
     SCOPED_TRACE(s.name);
     ScratchDir scratch;
@@ -120,22 +118,16 @@ TEST_F(ComPath, Scenarios) {
     const std::wstring dst = wcscmp(s.destination, L"usb") == 0 ? drive.root() + L"\\" : scratch.file(s.destination);
     CreateDirectoryW(dst.c_str(), nullptr);
     std::vector<std::string> secrets;
-    for (const std::wstring& p : paths) secrets.push_back(narrow(p));
-    if (s.reply == kNotSecret) secrets.clear();
-    const std::string answer = secret_answer(secrets, "pw", s.reply == kForbidden ? 0 : 7);
-    TestAgent agent(AgentScript{true, {s.reply == kWrongTag ? with_wrong_tag(answer) : answer}});
+    for (const std::wstring& p : paths) if (s.reply != kNotSecret) secrets.push_back(narrow(p));
+    TestAgent agent(AgentScript{true, {secret_answer(secrets, "pw", s.reply == kForbidden ? 0 : 7, s.reply == kWrongTag)}});
     ASSERT_TRUE(agent.ok());
     set_policy(s.policy);
     TraceCapture trace;
-    for (size_t i = 0; s.calls[i] != '\0'; ++i) {
-      ComRef<IShellItem> item, target;
-      ASSERT_TRUE(shell_item_for(dst, &target) && (s.sources[0] != L"item" || shell_item_for(paths[0], &item)));
-      IUnknown* items = s.sources[0] == L"item" ? static_cast<IUnknown*>(item.get()) : op.get();
-      const bool direct = s.sources[0] == L"item" || s.sources[0] == L"self";
-      const HRESULT result = !direct || strchr("cm", s.calls[i]) == nullptr ? call_method(op.get(), s.calls[i], paths, dst)
-                             : s.calls[i] == 'c' ? op->CopyItems(items, target.get()) : op->MoveItems(items, target.get());
-      EXPECT_EQ(result, s.results.at(i)) << "call " << i;
-    }
+    ComRef<IShellItem> item;  // the items of "item" and "self", given as they are
+    ASSERT_TRUE(s.sources[0] != L"item" || shell_item_for(paths[0], &item));
+    IUnknown* items = item.ok() ? static_cast<IUnknown*>(item.get()) : s.sources[0] == L"self" ? op.get() : nullptr;
+    for (size_t i = 0; s.calls[i] != '\0'; ++i)
+      EXPECT_EQ(call_method(op.get(), s.calls[i], paths, dst, items), s.results.at(i)) << "call " << i;
     const std::vector<std::string> lines = trace.lines();
     for (size_t i = 0; i < s.trace.size(); ++i) {
       std::string expected = s.trace[i];
@@ -148,10 +140,9 @@ TEST_F(ComPath, Scenarios) {
     }
     ASSERT_TRUE(agent.flush());
     EXPECT_EQ(agent.documents(kRequestTag), std::vector<std::string>(s.requests, request_document(paths, dst)));
-    std::vector<std::string> audits, expected_audits;
-    for (const std::string& d : agent.documents(kAuditTag)) audits.push_back(without_time(d));
-    for (const char* operation : s.audits) expected_audits.push_back(audit_document(operation, dst, listed));
-    EXPECT_EQ(audits, expected_audits);
+    std::vector<std::string> audits;
+    for (const char* operation : s.audits) audits.push_back(audit_document(operation, dst, listed));
+    EXPECT_EQ(agent.documents(kAuditTag), audits);
     EXPECT_EQ(agent.frames().size(), s.requests + s.audits.size());
     for (const std::wstring& file : listed) EXPECT_EQ(content(file), "content of " + narrow(file));
     EXPECT_TRUE(parked_records().empty());
@@ -163,21 +154,23 @@ TEST_F(ComPath, Scenarios) {
 
 // The source swap as scripts of steps on real files. Each step is a call of operation A or B (B's
 // calls on a second thread) or an act of the test, and names what every file holds afterwards:
-// E its encrypted form, O its original, - nothing; "/N": N parked originals recorded. The agent
-// names a call's files secret with a password (s), or the paths its request named (r: a source
-// read cut short would be a path the agent does not know), or file 1 (i: inside the folder that
-// is file 0, a name ending in a backslash), forbids them (f) or names none (n).
+// E its encrypted form, O its original, - nothing, ' ' not looked at (a folder, a locked file);
+// "/N": N parked originals recorded. The agent names a call's files secret with a password (s), or
+// the paths its request named (r: a source read cut short would be a path the agent does not
+// know), or file 1 (i: inside the folder that is file 0, a name ending in a backslash), forbids
+// them (f) or names none (n).
 // Files: names in the scratch folder; "%x": in the temporary folder; "long": a path of 300
 // characters; "vol": on another volume. Wine's methods copy and move nothing (E_NOTIMPL), so every
 // executed operation is one that failed.
 struct Step {
   char op;             // 'A', 'B', or 'T' for the test
   char call;           // c CopyItems, m MoveItems, C CopyItem, M MoveItem, p PerformOperations,
-                       // r Release (the last reference); the test's acts: l lock file 1 for the next
-                       // call, h hold file 0 open for the next call, x carry file 0 to dst as an
-                       // engine would (under its own name), d delete file 0's parked original, t throw in the next
-                       // replacement, s leave stale ".tmp" names, 0 secret check off, q a process of
-                       // the other bitness queues a copy of file 0 and waits, w it runs it and ends
+                       // r Release (the last reference); the test's acts: l lock file 1 until after
+                       // the next call, h hold file 0 open until after the next call, x carry file 0
+                       // to dst as an engine would (under its own name), d delete file 0's parked
+                       // original, t throw in the next replacement, s leave stale ".tmp" names,
+                       // 0 secret check off, q a process of the other bitness queues a copy of
+                       // file 0 and waits, w it runs it and ends
   const char* files;   // the files a call names, as indices
   char answer;
   HRESULT result;
@@ -199,7 +192,7 @@ const SwapRow kSwapRows[] = {
     {"left-over .tmp names: a read-only file, a folder", {L"ro.doc", L"dir.doc"},
      {{'T', 's', "", 0, P, "OO/0"}, {'A', 'c', "01", 's', P, "EE/2"}, {'A', 'p', "", 0, P, "OO/0"}}},
     {"an unreadable source refuses, undoing the swap before it", {L"ok.doc", L"locked.doc"},
-     {{'T', 'l', "", 0, P, "OO/0"}, {'A', 'c', "01", 's', R, "OO/0"}}},
+     {{'T', 'l', "", 0, P, "O /0"}, {'A', 'c', "01", 's', R, "OO/0"}}},
     {"a place held open at the restore waits for the next one", {L"held.doc"},
      {{'A', 'c', "0", 's', P, "E/1"}, {'T', 'h', "", 0, P, "E/1"}, {'A', 'p', "", 0, P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
     {"a refused perform after a forbidden move keeps the originals parked", {L"kept.doc"},
@@ -216,7 +209,7 @@ const SwapRow kSwapRows[] = {
     {"a secret move that fails gives the source its bytes back", {L"moved.doc"},
      {{'A', 'm', "0", 's', P, "E/1"}, {'A', 'p', "", 0, P, "O/0"}}},
     {"a secret move refused at its second source leaves both as they were", {L"first.doc", L"locked.doc"},
-     {{'T', 'l', "", 0, P, "OO/0"}, {'A', 'm', "01", 's', R, "OO/0"}}},
+     {{'T', 'l', "", 0, P, "O /0"}, {'A', 'm', "01", 's', R, "OO/0"}}},
     {"a secret move the engine carried out leaves only the encrypted form at the destination", {L"carried.doc"},
      {{'A', 'm', "0", 's', P, "E/1"}, {'T', 'x', "", 0, P, "-/1"}, {'A', 'p', "", 0, P, "-/0"}}},
     {"a secret file inside a folder the engine moved arrives only in encrypted form", {L"box\\", L"box\\inner.doc"},
@@ -233,12 +226,11 @@ const SwapRow kSwapRows[] = {
 const std::string kMissingLine = "[restore_swapped_sources,1300] : [ZELTRAP:KWINDEL] parked original missing ";
 
 TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
-  TestDrive volume(DRIVE_FIXED, "/dev/shm");
+  TestDrive volume(DRIVE_FIXED, L"Z:\\dev\\shm\\");
   ASSERT_TRUE(volume.ok());
-  const std::wstring dst = folder(L"dst");
-  folder(L"x");
-  folder(L"y");
-  const std::wstring long_folder = folder(std::wstring(120, L'd'));
+  const std::wstring dst = folder(L"dst"), long_folder = folder(std::wstring(120, L'd'));
+  const std::wstring other_child = build_folder(sizeof(void*) == 8 ? L"KWINDEL_X86_BIN" : L"KWINDEL_X64_BIN") + L"kwtest-child.exe";
+  for (const wchar_t* name : {L"x", L"y"}) folder(name);
   for (const SwapRow& row : kSwapRows) {
     SCOPED_TRACE(row.name);
     set_policy(kScreen);
@@ -254,29 +246,26 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
       ASSERT_TRUE(is_folder ? CreateDirectoryW(path.c_str(), nullptr) : write_file(path, originals.back())) << narrow(path);
     }
     ASSERT_EQ(paths[0].size() == 300, row.files[0] == L"long");
+    const std::wstring arrived = dst + paths[0].substr(paths[0].rfind(L'\\'));  // where 'x' carries file 0
     ComRef<IFileOperation> ops[2];
-    char hold = 0;  // the file held open during the next call
-    OwnedHandle other_process, queued(CreateEventW(nullptr, TRUE, FALSE, L"kwtest-queued")),
-        perform(CreateEventW(nullptr, TRUE, FALSE, L"kwtest-perform"));
+    OwnedHandle held, other_process, queued(CreateEventW(nullptr, TRUE, FALSE, L"kwtest-queued")),
+        perform(CreateEventW(nullptr, TRUE, FALSE, L"kwtest-perform"));  // held: a file open during the next call
     TraceCapture trace;
     for (size_t k = 0; k < row.steps.size(); ++k) {
       const Step& step = row.steps[k];
       SCOPED_TRACE("step " + std::to_string(k));
       if (step.op == 'T') {
-        if (step.call == 'l' || step.call == 'h') hold = step.call;
-        if (step.call == 'x') EXPECT_TRUE(MoveFileW(paths[0].c_str(), (dst + paths[0].substr(paths[0].rfind(L'\\'))).c_str()));
-        if (step.call == 'd') {
-          ASSERT_EQ(parked_records().size(), 1u);
-          EXPECT_TRUE(DeleteFileW(parked_records()[0].second.c_str()));
-        }
+        if (step.call == 'l') held.reset(CreateFileW(paths[1].c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        if (step.call == 'h')
+          held.reset(CreateFileW(paths[0].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+        if (step.call == 'x') EXPECT_TRUE(MoveFileW(paths[0].c_str(), arrived.c_str()));
+        if (step.call == 'd') EXPECT_TRUE(DeleteFileW(parked_records().at(0).second.c_str()));
         if (step.call == 't') SetEnvironmentVariableW(L"KWINDEL_TEST_THROW", L"CopyItems_new");
         if (step.call == '0') set_policy(kCopyAudit);
         if (step.call == 'q') {
-          ResetEvent(queued.get()), ResetEvent(perform.get());
           TestAgent agent(all_secret());
-          ASSERT_TRUE(agent.ok());
-          other_process.reset(start_process(other_bitness_child_path(), L"copy screen wait \"" + dst + L"\" \"" + paths[0] + L"\"", nullptr));
-          ASSERT_TRUE(other_process.ok());
+          other_process.reset(start_process(other_child, L"copy screen wait \"" + dst + L"\" \"" + paths[0] + L"\"", nullptr));
+          ASSERT_TRUE(agent.ok() && other_process.ok());
           ASSERT_EQ(WaitForSingleObject(queued.get(), 30000), WAIT_OBJECT_0);
         }
         if (step.call == 'w') {
@@ -295,20 +284,15 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
         std::vector<std::string> named;
         for (const char* i = step.files; *i != '\0'; ++i) sources.push_back(paths[*i - '0']), named.push_back(narrow(sources.back()));
         if (step.answer == 'i') named = {narrow(paths[1])};
+        if (step.answer == 'n') named.clear();
         TestAgent agent(step.answer == 'r' ? all_secret()
-                        : AgentScript{true, {secret_answer(step.answer == 'n' ? std::vector<std::string>() : named, "pw", step.answer == 'f' ? 0 : 1)}});
+                                           : AgentScript{true, {secret_answer(named, "pw", step.answer == 'f' ? 0 : 1)}});
         ASSERT_TRUE(agent.ok());
-        HRESULT result = S_OK;
+        HRESULT result = step.result;  // a release returns nothing
         auto call = [&] { step.call == 'r' ? op.reset() : void(result = call_method(op.get(), step.call, sources, dst)); };
-        OwnedHandle held(hold == 0 ? nullptr : hold == 'l' ? CreateFileW(paths[1].c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
-                                              : CreateFileW(paths[0].c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-        hold = 0;
-        if (step.op == 'B') {
-          std::thread([&] { CoInitializeEx(nullptr, COINIT_MULTITHREADED); call(); CoUninitialize(); }).join();
-        } else {
-          call();
-        }
-        if (step.call != 'r') EXPECT_EQ(result, step.result);
+        if (step.op == 'B') std::thread([&] { CoInitializeEx(nullptr, COINIT_MULTITHREADED); call(); CoUninitialize(); }).join();
+        else call();
+        EXPECT_EQ(result, step.result);
         held.reset();
         SetEnvironmentVariableW(L"KWINDEL_TEST_THROW", nullptr);
       }
@@ -321,15 +305,13 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
       EXPECT_EQ(parked_records().size(), std::stoul(after.substr(after.find('/') + 1)));
     }
     const bool carried = row.steps.size() > 1 && row.steps[1].call == 'x', missing = row.steps.size() > 1 && row.steps[1].call == 'd';
-    const std::wstring arrived = dst + paths[0].substr(paths[0].rfind(L'\\'));  // where 'x' carried file 0
     for (size_t i = 0; carried && i < paths.size(); ++i) {
       if (!originals[i].empty()) EXPECT_TRUE(decrypts_to(arrived + paths[i].substr(paths[0].size()), "pw", originals[i])) << i;
     }
-    if (missing) EXPECT_EQ(trace.lines_from(kMissingLine.substr(0, 40)), std::vector<std::string>{(kMissingLine + narrow(paths[0])).substr(0, 255)});
+    if (missing) EXPECT_EQ(trace.lines(kMissingLine.substr(0, 40)), std::vector<std::string>{(kMissingLine + narrow(paths[0])).substr(0, 255)});
     if (row.steps[0].call == 's') EXPECT_EQ(content(paths[0] + L".tmp"), "stale");
-    for (const auto& record : parked_records()) {
+    for (const auto& record : parked_records())  // the records kept: under either name
       for (const wchar_t* kind : {L".rec", L".missing"}) DeleteFileW((record.second.substr(0, record.second.size() - 5) + kind).c_str());
-    }
     for (const std::wstring& p : paths) remove_tree(p), remove_tree(p + L".tmp");
     remove_tree(arrived);
   }
@@ -347,23 +329,17 @@ TEST_F(ComPath, SwapScenariosLoseNoOriginal) {
 }
 
 // The one decision of the copy and move interceptors, as a table: policy, classes of the first
-// source and the destination, the agent's reply and answer -> what the interceptor does.
-enum Answer { kNoFile, kEncryptedOnly, kSecretAction0, kSecretNoPassword, kSecretWithPassword };
-
-SecretAuditResult answer_of(Answer a) {
-  SecretAuditResult r;
-  if (a == kEncryptedOnly) r.encrypted_files = {"C:\\e.txt"};
-  if (a >= kSecretAction0) r.secret_files = {"C:\\s.txt"};
-  r.action = a == kSecretAction0 ? 0 : 1;
-  if (a == kSecretAction0 || a == kSecretWithPassword) r.encrypted_pwd = "pw";
-  return r;
-}
+// source and the destination, the agent's reply and answer -> what the interceptor does. Answers
+// (secret files, encrypted files, password, action): none named, an encrypted file only, a secret
+// file forbidden (action 0) despite its password, a secret file without a password.
+const SecretAuditResult kNoFile = {{}, {}, "", 1}, kEncryptedOnly = {{}, {"C:\\e.txt"}, "", 1},
+                        kSecretAction0 = {{"C:\\s.txt"}, {}, "pw", 0}, kSecretNoPassword = {{"C:\\s.txt"}, {}, "", 1};
 
 struct Row {
   uint32_t secret_audit, mask;
   DestinationClass source, destination;
   AgentReply reply;
-  Answer answer;
+  SecretAuditResult answer;
   Verdict expected;
 };
 
@@ -393,10 +369,8 @@ TEST(SecretVerdict, EveryRowOfTheDecisionTable) {
     PolicyBlock policy = {};
     policy.g_secret_audit = row.secret_audit;
     policy.g_audit_dest_mask = row.mask;
-    const Verdict got = secret_verdict(policy, {row.source, row.destination}, row.reply, answer_of(row.answer));
-    EXPECT_EQ(static_cast<int>(row.expected), static_cast<int>(got))
-        << "secret_audit=" << row.secret_audit << " mask=" << row.mask << " classes=" << row.source << ","
-        << row.destination << " reply=" << static_cast<int>(row.reply) << " answer=" << row.answer;
+    const Verdict got = secret_verdict(policy, {row.source, row.destination}, row.reply, row.answer);
+    EXPECT_EQ(static_cast<int>(row.expected), static_cast<int>(got)) << "row " << &row - kRows;
   }
 }
 

@@ -1,19 +1,19 @@
 // The cipher and the encrypted-file format against Windows' own AES and MD5 (bcrypt), the round
 // trip through kwdecrypt.exe, and the key mask in the shipped binaries.
-#include <windows.h>
-#include <bcrypt.h>
+#include "kwtest.h"
 
-#include <gtest/gtest.h>
+#include <bcrypt.h>
 
 #include <clocale>
 #include <locale>
 #include <random>
 
-#include "kwtest.h"
 #include "protect/block_cipher.h"
 #include "protect/transform.h"
 
 namespace {
+
+using namespace kwtest;
 
 std::string random_bytes(size_t n, unsigned seed) {
   std::mt19937 rng(seed);
@@ -22,28 +22,22 @@ std::string random_bytes(size_t n, unsigned seed) {
   return s;
 }
 
-// Windows' AES-ECB over whole blocks (a key of 16, 24 or 32 bytes) or, with no key, MD5 as hex.
-std::string os_crypt(const std::string& key, const std::string& data, bool encrypt = true) {
-  BCRYPT_ALG_HANDLE alg = nullptr;
-  BCRYPT_KEY_HANDLE k = nullptr;
+// Windows' AES-ECB over whole blocks (a key of 16, 24 or 32 bytes) or, with no key, MD5 as hex,
+// through bcrypt's algorithm pseudo-handles (their values from Windows' bcrypt.h; MinGW's lacks them).
+std::string os_crypt(const std::string& key, const std::string& data) {
+  const auto md5 = reinterpret_cast<BCRYPT_ALG_HANDLE>(0x21), aes_ecb = reinterpret_cast<BCRYPT_ALG_HANDLE>(0x1B1);
   BCRYPT_HASH_HANDLE h = nullptr;
+  BCRYPT_KEY_HANDLE k = nullptr;
   std::string out(key.empty() ? 16 : data.size(), '\0');
   ULONG n = 0, size = static_cast<ULONG>(data.size());
   auto* in = reinterpret_cast<PUCHAR>(const_cast<char*>(data.data()));
   auto* to = reinterpret_cast<PUCHAR>(&out[0]);
-  NTSTATUS s = BCryptOpenAlgorithmProvider(&alg, key.empty() ? BCRYPT_MD5_ALGORITHM : BCRYPT_AES_ALGORITHM, nullptr, 0);
-  if (s == 0 && key.empty()) {
-    if ((s = BCryptCreateHash(alg, &h, nullptr, 0, nullptr, 0, 0)) == 0 && (s = BCryptHashData(h, in, size, 0)) == 0)
-      s = BCryptFinishHash(h, to, 16, 0);
-  } else if (s == 0 && (s = BCryptSetProperty(alg, BCRYPT_CHAINING_MODE, (PUCHAR)BCRYPT_CHAIN_MODE_ECB,
-                                              sizeof(BCRYPT_CHAIN_MODE_ECB), 0)) == 0 &&
-             (s = BCryptGenerateSymmetricKey(alg, &k, nullptr, 0, (PUCHAR)key.data(), (ULONG)key.size(), 0)) == 0 && size) {
-    s = encrypt ? BCryptEncrypt(k, in, size, nullptr, nullptr, 0, to, size, &n, 0)
-                : BCryptDecrypt(k, in, size, nullptr, nullptr, 0, to, size, &n, 0);
-  }
+  NTSTATUS s = key.empty() ? BCryptCreateHash(md5, &h, nullptr, 0, nullptr, 0, 0)
+                           : BCryptGenerateSymmetricKey(aes_ecb, &k, nullptr, 0, (PUCHAR)key.data(), (ULONG)key.size(), 0);
+  if (s == 0 && h != nullptr && (s = BCryptHashData(h, in, size, 0)) == 0) s = BCryptFinishHash(h, to, 16, 0);
+  if (s == 0 && k != nullptr && size != 0) s = BCryptEncrypt(k, in, size, nullptr, nullptr, 0, to, size, &n, 0);
   if (h != nullptr) BCryptDestroyHash(h);
   if (k != nullptr) BCryptDestroyKey(k);
-  if (alg != nullptr) BCryptCloseAlgorithmProvider(alg, 0);
   std::string hex;
   for (unsigned char c : out) hex += "0123456789abcdef"[c >> 4], hex += "0123456789abcdef"[c & 15];
   return s != 0 ? "bcrypt failed" : key.empty() ? hex : out;
@@ -72,17 +66,8 @@ std::string expected_file(const std::string& input, const std::string& password)
   return out;
 }
 
-// kwdecrypt.exe's exit code (999 when it did not end) and, when asked, its output.
-DWORD kwdecrypt(const std::wstring& args, std::string* output = nullptr) {
-  const kwtest::ChildResult r = kwtest::run_child(kwtest::tool_path(L"kwdecrypt"), args, 120000);
-  if (output != nullptr) *output = r.output;
-  return r.finished ? r.exit_code : 999;
-}
-
 // A facet of the host's own, which only its global C++ locale holds.
-struct HostFacet : std::locale::facet {
-  static std::locale::id id;
-};
+struct HostFacet : std::locale::facet { static std::locale::id id; };
 std::locale::id HostFacet::id;
 
 // Each row: the block cipher with a key of that size on every engine, and the file format of
@@ -114,7 +99,7 @@ TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
       {32, "0123456789abcdefghijABCDEFGHIJ_+extra!!", 1000, true, false},  // cut at 31
       {32, "pw", 70001, true, true},
   };
-  kwtest::ScratchDir dir;
+  ScratchDir dir;
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.key_bytes << " " << row.password << " " << row.size);
     const std::string plain = random_bytes(row.size, static_cast<unsigned>(row.size));
@@ -130,18 +115,17 @@ TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
       EXPECT_TRUE(back == padded + '\xee') << int(engine);
     }
     const std::wstring src = dir.file(L"\u0421\u0435\u043a\u0440\u0435\u0442 \u79d8\u5bc6.bin");
-    const std::wstring dst = row.in_place ? src : dir.file(L"copy.enc"), pw = kwtest::widen(row.password);
-    ASSERT_TRUE(kwtest::write_file(src, plain));
+    const std::wstring dst = row.in_place ? src : dir.file(L"copy.enc"), pw = widen(row.password);
+    ASSERT_TRUE(write_file(src, plain));
     bool complete = false;
-    EXPECT_TRUE(TransformCopiedFile(kwtest::narrow(src).c_str(), kwtest::narrow(dst).c_str(), row.password.c_str(), &complete));
-    EXPECT_TRUE(complete && kwtest::content(dst) == expected_file(plain, row.password));
-    EXPECT_FALSE(kwtest::file_exists(dst + L".tmp"));
+    EXPECT_TRUE(TransformCopiedFile(narrow(src).c_str(), narrow(dst).c_str(), row.password.c_str(), &complete));
+    EXPECT_TRUE(complete && content(dst) == expected_file(plain, row.password));
+    EXPECT_FALSE(file_exists(dst + L".tmp"));
     if (!row.round_trip) continue;
     std::string said;
     EXPECT_EQ(0u, kwdecrypt(L"--verify \"" + dst + L"\" " + pw, &said));
     EXPECT_EQ("OK " + os_crypt("", plain), said.substr(0, 35));
-    EXPECT_EQ(0u, kwdecrypt(L"\"" + dst + L"\" " + pw + L" \"" + dir.file(L"back.bin") + L"\""));
-    EXPECT_TRUE(kwtest::content(dir.file(L"back.bin")) == plain);
+    EXPECT_TRUE(decrypts_to(dst, row.password, plain));
     if (!plain.empty()) EXPECT_EQ(1u, kwdecrypt(L"--verify \"" + dst + L"\" !" + pw.substr(1)));  // '!': not in the mask
   }
   EXPECT_EQ(host.c_locale, setlocale(LC_ALL, nullptr));
@@ -151,15 +135,15 @@ TEST(EncryptedFormat, TableAgainstWindowsAesAndMd5) {
 // An unreadable source leaves an empty output, never a ".tmp"; kwdecrypt gives 3 for what is not
 // the format and 2 for its usage.
 TEST(EncryptedFormat, UnreadableSourcesAndForeignFiles) {
-  kwtest::ScratchDir dir;
-  const std::string missing = kwtest::narrow(dir.file(L"missing.bin")), dst = kwtest::narrow(dir.file(L"out.bin"));
+  ScratchDir dir;
+  const std::string missing = narrow(dir.file(L"missing.bin")), dst = narrow(dir.file(L"out.bin"));
   bool complete = true;
   EXPECT_FALSE(TransformCopiedFile(missing.c_str(), dst.c_str(), "pw", &complete) || complete);
-  EXPECT_EQ("", kwtest::content(dir.file(L"out.bin")));
-  EXPECT_FALSE(TransformCopiedFile(missing.c_str(), missing.c_str(), "pw") || kwtest::file_exists(dir.file(L"missing.bin.tmp")));
+  EXPECT_EQ("", content(dir.file(L"out.bin")));
+  EXPECT_FALSE(TransformCopiedFile(missing.c_str(), missing.c_str(), "pw") || file_exists(dir.file(L"missing.bin.tmp")));
   EXPECT_FALSE(TransformCopiedFile(nullptr, dst.c_str(), "pw") || TransformCopiedFile(missing.c_str(), dst.c_str(), nullptr));
-  ASSERT_TRUE(kwtest::write_file(dir.file(L"nodigest"), std::string("\x01\x02\x03\x04\x10\x20\x30\x40", 8) + std::string(33, '\0')));
-  ASSERT_TRUE(kwtest::write_file(dir.file(L"junk"), std::string(100, 'j')));
+  ASSERT_TRUE(write_file(dir.file(L"nodigest"), std::string("\x01\x02\x03\x04\x10\x20\x30\x40", 8) + std::string(33, '\0')));
+  ASSERT_TRUE(write_file(dir.file(L"junk"), std::string(100, 'j')));
   for (const wchar_t* name : {L"nodigest", L"junk", L"none"}) EXPECT_EQ(3u, kwdecrypt(L"--verify \"" + dir.file(name) + L"\" pw"));
   EXPECT_EQ(2u, kwdecrypt(L"only-one-argument"));
 }
@@ -171,10 +155,10 @@ TEST(KeyMask, NeverStandsTogetherInTheBinaries) {
   const std::string value = mask();
   const char base = sizeof(void*) == 8 ? '\x41' : '\x40';
   const std::string stores = std::string("\xc6") + base + '\x01' + value[1] + "\xc6" + base + '\x02' + value[2];
-  for (const std::wstring& path : {kwtest::exe_dir() + KWINDEL_DLL_NAME, kwtest::tool_path(L"kwdecrypt")}) {
-    const std::string image = kwtest::content(path);
-    EXPECT_EQ(std::string::npos, image.find(value.substr(0, 16))) << kwtest::narrow(path);
-    EXPECT_NE(std::string::npos, image.find(stores)) << kwtest::narrow(path);
+  for (const std::wstring& path : {exe_dir() + KWINDEL_DLL_NAME, tool_path(L"kwdecrypt")}) {
+    const std::string image = content(path);
+    EXPECT_EQ(std::string::npos, image.find(value.substr(0, 16))) << narrow(path);
+    EXPECT_NE(std::string::npos, image.find(stores)) << narrow(path);
   }
 }
 

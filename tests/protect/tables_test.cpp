@@ -1,29 +1,17 @@
 // The pending encrypted-file table, destination classification (a substituted provider, then the
 // Windows one) and the folder walk, each as a table of scenarios.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
 #include "kwtest.h"
 #include "protect/classify.h"
 #include "protect/folder_walk.h"
 #include "protect/pending_files.h"
-#include "protect/transform.h"
 
 namespace {
 
-// What a destination holds after a copy of "figures": the text, or its encrypted form under
-// `password` (whose bytes crypto_test checks against Windows' AES).
-std::string expected(const kwtest::ScratchDir& dir, const char* password) {
-  if (password == nullptr) return "figures";
-  kwtest::write_file(dir.file(L"ref.plain"), "figures");
-  TransformCopiedFile(kwtest::narrow(dir.file(L"ref.plain")).c_str(), kwtest::narrow(dir.file(L"ref.enc")).c_str(), password);
-  return kwtest::content(dir.file(L"ref.enc"));
-}
+using namespace kwtest;
 
 TEST(PendingTable, RegistrationMatchingAndConsumption) {
   clear_pending_encrypted_files();
-  kwtest::ScratchDir dir;
+  ScratchDir dir;
   const auto reg = register_pending_encrypted_files;
   reg({}, "pw");
   reg({"C:\\x.txt"}, "");
@@ -36,7 +24,7 @@ TEST(PendingTable, RegistrationMatchingAndConsumption) {
   reg({"C:\\s.doc", "C:\\stale.txt"}, "second");
   const struct {
     const wchar_t* source;
-    const char* password;  // null: stays plain
+    const char* password;  // the encrypted form's (kwdecrypt gives the text back); null: stays plain
     size_t left;
   } rows[] = {
       {L"c:\\DOCS\\secret-\u00e4.txt", nullptr, 4},  // non-ASCII case is another byte sequence
@@ -47,29 +35,29 @@ TEST(PendingTable, RegistrationMatchingAndConsumption) {
       {L"C:\\other.txt", nullptr, 1},  // the key is the source, never the destination
       {L"C:\\stale.txt", "second", 0},  // a left-over ".tmp" that cannot be overwritten is no obstacle
   };
-  ASSERT_TRUE(kwtest::write_file(dst + L".tmp", "left over"));
+  ASSERT_TRUE(write_file(dst + L".tmp", "left over"));
   SetFileAttributesW((dst + L".tmp").c_str(), FILE_ATTRIBUTE_READONLY);
   for (const auto& row : rows) {
-    ASSERT_TRUE(kwtest::write_file(dst, "figures"));
+    ASSERT_TRUE(write_file(dst, "figures"));
     TakeAndTransform(row.source, dst.c_str());
-    EXPECT_TRUE(kwtest::content(dst) == expected(dir, row.password)) << kwtest::narrow(row.source);
-    EXPECT_EQ(row.left, pending_encrypted_file_count()) << kwtest::narrow(row.source);
+    EXPECT_TRUE(row.password ? decrypts_to(dst, row.password, "figures") : content(dst) == "figures") << narrow(row.source);
+    EXPECT_EQ(row.left, pending_encrypted_file_count()) << narrow(row.source);
   }
-  EXPECT_EQ("left over", kwtest::content(dst + L".tmp"));
+  EXPECT_EQ("left over", content(dst + L".tmp"));
   SetFileAttributesW((dst + L".tmp").c_str(), FILE_ATTRIBUTE_NORMAL);
 
   // Destinations held open against readers: a copy is deleted (its source still holds the
   // content); a moved file goes back to where it came from.
   const std::wstring from = dir.file(L"from.txt"), copy = dir.file(L"copy.txt"), moved = dir.file(L"moved.txt");
-  reg({"C:\\copied.txt", kwtest::narrow(from)}, "pw");
+  reg({"C:\\copied.txt", narrow(from)}, "pw");
   for (const std::wstring* held : {&copy, &moved}) {
-    ASSERT_TRUE(kwtest::write_file(*held, "only copy"));
+    ASSERT_TRUE(write_file(*held, "only copy"));
     OwnedHandle h(CreateFileW(held->c_str(), GENERIC_WRITE, FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr));
     TakeAndTransform(held == &copy ? L"C:\\copied.txt" : from.c_str(), held->c_str(), held == &moved);
     h.reset();
-    EXPECT_FALSE(kwtest::file_exists(*held));
+    EXPECT_FALSE(file_exists(*held));
   }
-  EXPECT_EQ("only copy", kwtest::content(from));
+  EXPECT_EQ("only copy", content(from));
   EXPECT_EQ(0u, pending_encrypted_file_count());
 }
 
@@ -81,9 +69,9 @@ struct FakeStorage final : StorageProvider {
   BOOL answers;
   STORAGE_BUS_TYPE bus;
   std::string calls;
-  UINT DriveType(const wchar_t* drive) override { return calls += "type " + kwtest::narrow(drive) + ";", type; }
+  UINT DriveType(const wchar_t* drive) override { return calls += "type " + narrow(drive) + ";", type; }
   HANDLE OpenVolume(const wchar_t* name) override {
-    calls += "open " + kwtest::narrow(name) + ";";
+    calls += "open " + narrow(name) + ";";
     return opens ? reinterpret_cast<HANDLE>(0x1234) : INVALID_HANDLE_VALUE;
   }
   BOOL QueryDescriptor(HANDLE volume, STORAGE_DEVICE_DESCRIPTOR* d) override {
@@ -113,8 +101,8 @@ TEST(ClassifyDestination, DecisionTableThroughProvider) {
   };
   for (const auto& row : rows) {
     FakeStorage s = row.storage;
-    EXPECT_EQ(row.expected, ClassifyDestination(row.path, s)) << (row.path ? kwtest::narrow(row.path) : "null");
-    EXPECT_EQ(row.calls, s.calls) << (row.path ? kwtest::narrow(row.path) : "null");
+    EXPECT_EQ(row.expected, ClassifyDestination(row.path, s)) << (row.path ? narrow(row.path) : "null");
+    EXPECT_EQ(row.calls, s.calls) << (row.path ? narrow(row.path) : "null");
   }
   // The Windows provider: C: answers the descriptor query (Wine reports SCSI, never USB). Real
   // removable drives are in the interceptors' tables.
@@ -126,27 +114,16 @@ TEST(ClassifyDestination, DecisionTableThroughProvider) {
   EXPECT_TRUE(QueryStorageDescriptor(volume.get(), descriptor) && descriptor->BusType != BusTypeUsb);
 }
 
-// An independent depth-first listing in the file system's own order.
-void list_files(const std::wstring& folder, std::vector<std::string>* out) {
-  WIN32_FIND_DATAW data;
-  OwnedFind find(FindFirstFileW((folder + L"\\*").c_str(), &data));
-  for (bool more = find.ok(); more; more = FindNextFileW(find.get(), &data)) {
-    const std::wstring name = data.cFileName;
-    if (name == L"." || name == L"..") continue;
-    if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) list_files(folder + L"\\" + name, out);
-    else out->push_back(kwtest::narrow(folder + L"\\" + name));
-  }
-}
-
 TEST(FolderWalk, OrderCountsErrorsAndLinks) {
-  kwtest::ScratchDir dir;
-  const std::string root = kwtest::narrow(dir.path());
+  ScratchDir dir;
+  const std::string root = narrow(dir.path());
   for (const wchar_t* name : {L"e1", L"e2", L"e2\\deeper", L"m", L"m\\sub", L"\u65e5\u672c", L"\u65e5\u672c\\sub"})
     CreateDirectoryW(dir.file(name).c_str(), nullptr);
   for (const wchar_t* name : {L"z1.txt", L"m\\in.txt", L"a2.txt", L"\u65e5\u672c\\sub\\\u00e9.txt", L"m\\sub\\\u00e9.txt"})
-    ASSERT_TRUE(kwtest::write_file(dir.file(name), "x"));
-  std::vector<std::string> expected = {"earlier"};
-  list_files(dir.path(), &expected);
+    ASSERT_TRUE(write_file(dir.file(name), "x"));
+  std::vector<std::string> expected = {"earlier"};  // then an independent depth-first listing in the file system's order
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path()))
+    if (!entry.is_directory()) expected.push_back(narrow(entry.path().wstring()));
   ASSERT_EQ(6u, expected.size());
   std::vector<std::string> out = {"earlier"};  // the count includes what was there
   EXPECT_EQ(6, get_filepaths_from_folder(root, out));
@@ -158,8 +135,8 @@ TEST(FolderWalk, OrderCountsErrorsAndLinks) {
   EXPECT_EQ(0, get_filepaths_from_folder(root + "\\missing", out));
   EXPECT_EQ(5u, out.size());
   // Made by the build: top.txt, sub\inner.txt, sub\back -> .. (a cycle), alias -> sub.
-  const std::string tree = kwtest::narrow(kwtest::exe_dir() + L"protect-walk-cycle");
-  ASSERT_TRUE(kwtest::file_exists(kwtest::widen(tree + "\\sub\\back\\top.txt"))) << "the build did not make the link";
+  const std::string tree = narrow(exe_dir() + L"protect-walk-cycle");
+  ASSERT_TRUE(file_exists(widen(tree + "\\sub\\back\\top.txt"))) << "the build did not make the link";
   out.clear();
   EXPECT_EQ(3, get_filepaths_from_folder(tree, out));
   std::sort(out.begin(), out.end());

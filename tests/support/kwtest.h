@@ -19,6 +19,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <regex>
@@ -26,7 +27,7 @@
 #include <thread>
 #include <vector>
 
-#include "agent/agent_frame.h"
+#include "agent/agent_channel.h"
 #include "kwindel.h"
 
 namespace kwtest {
@@ -51,27 +52,17 @@ inline std::wstring build_folder(const wchar_t* variable) {
   return path + L"\\";
 }
 inline std::wstring x86_folder() { return build_folder(L"KWINDEL_X86_BIN"); }
-// kwtest-child.exe of the other bitness, for the rows that run a 64-bit and a 32-bit process.
-inline std::wstring other_bitness_child_path() {
-  return build_folder(sizeof(void*) == 8 ? L"KWINDEL_X86_BIN" : L"KWINDEL_X64_BIN") + L"kwtest-child.exe";
-}
 // A tool of this program's bitness beside it: kwdecrypt.exe, or kwdecrypt-x86.exe in 32-bit.
 inline std::wstring tool_path(const std::wstring& name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
-inline std::wstring temp_folder() {  // ends with '\'
-  wchar_t temp[MAX_PATH] = {};
-  GetTempPathW(MAX_PATH, temp);
-  return temp;
-}
+inline std::wstring temp_folder() { return (std::filesystem::temp_directory_path() / L"").wstring(); }  // ends with '\'
 
-inline std::string narrow(const std::wstring& wide) {  // UTF-8
-  std::string out(WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0, nullptr, nullptr), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), &out[0], static_cast<int>(out.size()), nullptr, nullptr);
-  return out;
-}
-inline std::wstring widen(const std::string& utf8) {
-  std::wstring out(MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), nullptr, 0), L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &out[0], static_cast<int>(out.size()));
-  return out;
+// UTF-16 to UTF-8 and back (through the standard library's path conversions).
+inline std::string narrow(const std::wstring& wide) { return std::filesystem::path(wide).u8string(); }
+inline std::wstring widen(const std::string& utf8) { return std::filesystem::u8path(utf8).wstring(); }
+
+// A copy audit document with its time attribute made "T", comparable with audit_document().
+inline std::string without_time(const std::string& document) {
+  return std::regex_replace(document, std::regex(" time=\"-?[0-9]+\""), " time=\"T\"");
 }
 
 // An export of `module` as a function pointer of type Fn; null when absent.
@@ -79,13 +70,16 @@ template <typename Fn> Fn fn(HMODULE module, const char* name) {
   return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
-// Where a jump written at `code` leads (E9 rel32 or FF 25 jmp [rip+disp32]); 0 for neither.
+// Where the jump at `code` leads: E9 rel32, or FF 25 through a literal ([rip+disp32] in 64-bit
+// code, [disp32] in 32-bit code); 0 for neither.
 inline uint64_t jump_destination(const uint8_t* code) {
   int32_t rel;
-  uint64_t abs = 0;
-  if (code[0] == 0xE9) return std::memcpy(&rel, code + 1, 4), reinterpret_cast<uint64_t>(code) + 5 + rel;
-  if (code[0] == 0xFF && code[1] == 0x25) std::memcpy(&rel, code + 2, 4), std::memcpy(&abs, code + 6 + rel, 8);
-  return abs;
+  uintptr_t literal = 0;
+  std::memcpy(&rel, code + 2, 4);
+  if (code[0] == 0xE9) return std::memcpy(&rel, code + 1, 4), reinterpret_cast<uintptr_t>(code) + 5 + rel;
+  const uintptr_t at = sizeof(void*) == 8 ? reinterpret_cast<uintptr_t>(code) + 6 + rel : static_cast<uint32_t>(rel);
+  if (code[0] == 0xFF && code[1] == 0x25) std::memcpy(&literal, reinterpret_cast<const void*>(at), sizeof literal);
+  return literal;
 }
 
 // The policy words and the module and hook handles at the start of the DLL's shared ".hook"
@@ -117,31 +111,25 @@ inline bool debug_line(const EXCEPTION_RECORD* rec, std::string* line) {
 // debug-print exception before the system delivers the line (Wine turns wide lines into narrow).
 class TraceCapture {
  public:
-  TraceCapture() : cookie_(AddVectoredExceptionHandler(1, handler)) { active() = this; }
+  TraceCapture() : cookie_(AddVectoredExceptionHandler(1, handler)) { active = this; }
   ~TraceCapture() {
     RemoveVectoredExceptionHandler(cookie_);
-    active() = nullptr;
+    active = nullptr;
   }
-  std::vector<std::string> lines() const {
+  std::vector<std::string> lines(const std::string& prefix = std::string()) const {  // those starting with `prefix`
     std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  std::vector<std::string> lines_from(const std::string& prefix) const {  // those starting with `prefix`
     std::vector<std::string> out;
-    for (const std::string& line : lines()) if (line.compare(0, prefix.size(), prefix) == 0) out.push_back(line);
+    for (const std::string& line : lines_) if (line.compare(0, prefix.size(), prefix) == 0) out.push_back(line);
     return out;
   }
 
  private:
-  static TraceCapture*& active() {  // one at a time
-    static TraceCapture* capture = nullptr;
-    return capture;
-  }
+  static inline TraceCapture* active = nullptr;  // one at a time
   static LONG CALLBACK handler(EXCEPTION_POINTERS* info) {
     std::string line;
-    if (debug_line(info->ExceptionRecord, &line) && active() != nullptr) {
-      std::lock_guard<std::mutex> lock(active()->mutex_);
-      active()->lines_.push_back(line);
+    if (debug_line(info->ExceptionRecord, &line) && active != nullptr) {
+      std::lock_guard<std::mutex> lock(active->mutex_);
+      active->lines_.push_back(line);
     }
     return EXCEPTION_CONTINUE_SEARCH;  // the system still delivers the line
   }
@@ -150,20 +138,20 @@ class TraceCapture {
   std::vector<std::string> lines_;
 };
 
-// A helper process with its standard output captured, run to its end (killed at the time-out).
+// A helper process with its standard output captured, run to its end (ended with exit code 255 at
+// the time-out).
 struct ChildResult {
-  bool started = false, finished = false;
-  DWORD exit_code = 0;
+  DWORD exit_code = 255;
   std::string output;
 };
-inline HANDLE start_process(const std::wstring& exe, const std::wstring& args, HANDLE output) {
+inline HANDLE start_process(const std::wstring& exe, const std::wstring& args, HANDLE output, DWORD flags = 0) {
   STARTUPINFOW si = {sizeof si};
   si.dwFlags = output != nullptr ? STARTF_USESTDHANDLES : 0;
   si.hStdOutput = output;
   si.hStdError = GetStdHandle(STD_ERROR_HANDLE);
   std::wstring cmd = L"\"" + exe + L"\" " + args;
   PROCESS_INFORMATION pi = {};
-  if (!CreateProcessW(exe.c_str(), &cmd[0], nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &si, &pi)) return nullptr;
+  if (!CreateProcessW(exe.c_str(), &cmd[0], nullptr, nullptr, output != nullptr, flags, nullptr, nullptr, &si, &pi)) return nullptr;
   CloseHandle(pi.hThread);
   return pi.hProcess;
 }
@@ -175,16 +163,13 @@ inline ChildResult run_child(const std::wstring& exe, const std::wstring& args, 
   SetHandleInformation(read_end.get(), HANDLE_FLAG_INHERIT, 0);
   process.reset(start_process(exe, args, write_end.get()));
   write_end.reset();
-  if (!(result.started = process.ok())) return result;
-  const ULONGLONG end = GetTickCount64() + timeout_ms;
-  char buf[4096];
-  DWORD avail = 0, got = 0;
-  while (!(result.finished = WaitForSingleObject(process.get(), 20) == WAIT_OBJECT_0) && GetTickCount64() < end) {
-    while (PeekNamedPipe(read_end.get(), nullptr, 0, nullptr, &avail, nullptr) && avail > 0 &&
-           ReadFile(read_end.get(), buf, sizeof buf, &got, nullptr) && got > 0) result.output.append(buf, got);
-  }
-  if (!result.finished) TerminateProcess(process.get(), 255), WaitForSingleObject(process.get(), 5000);
-  while (result.finished && ReadFile(read_end.get(), buf, sizeof buf, &got, nullptr) && got > 0) result.output.append(buf, got);
+  if (!process.ok()) return result;
+  std::thread reader([&] {  // to the end of the output, when every holder of the pipe's write end closed it
+    char buf[4096];
+    for (DWORD got = 0; ReadFile(read_end.get(), buf, sizeof buf, &got, nullptr) && got > 0;) result.output.append(buf, got);
+  });
+  if (WaitForSingleObject(process.get(), timeout_ms) != WAIT_OBJECT_0) TerminateProcess(process.get(), 255);
+  reader.join();
   GetExitCodeProcess(process.get(), &result.exit_code);
   return result;
 }
@@ -194,18 +179,14 @@ inline bool write_file(const std::wstring& path, const std::string& bytes) {
   DWORD wrote = 0;
   return h.ok() && WriteFile(h.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &wrote, nullptr) && wrote == bytes.size();
 }
-inline bool read_file(const std::wstring& path, std::string* bytes) {
+inline std::string content(const std::wstring& path) {  // a file's bytes, or "<missing>"
   OwnedHandle h(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                             OPEN_EXISTING, 0, nullptr));
   char buf[65536];
   DWORD got = 0;
-  bytes->clear();
-  while (h.ok() && ReadFile(h.get(), buf, sizeof buf, &got, nullptr) && got > 0) bytes->append(buf, got);
-  return h.ok();
-}
-inline std::string content(const std::wstring& path) {  // a file's bytes, or "<missing>"
   std::string bytes;
-  return read_file(path, &bytes) ? bytes : std::string("<missing>");
+  while (h.ok() && ReadFile(h.get(), buf, sizeof buf, &got, nullptr) && got > 0) bytes.append(buf, got);
+  return h.ok() ? bytes : "<missing>";
 }
 inline bool file_exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 inline void remove_tree(const std::wstring& path) {
@@ -240,16 +221,13 @@ class ScratchDir {
   std::wstring path_;
 };
 
-// A removable drive defined through Wine's mount manager (what winecfg does) on a fresh folder
-// beside the test program (on Z:, which Wine maps to /), removed again at the end of the scope.
+// A drive of `type` defined through Wine's mount manager (what winecfg does) on a fresh folder in
+// `parent` (a folder on Z:, which Wine maps to /; another Linux file system is another volume),
+// removed again at the end of the scope: by default a removable drive beside the test program.
 class TestDrive {
  public:
-  // A removable drive on a folder beside the test program, or a drive of `type` on a folder below
-  // the Unix folder `unix_parent` (another Linux file system is another volume).
-  explicit TestDrive(UINT type = DRIVE_REMOVABLE, const std::string& unix_parent = std::string())
-      : folder_(unix_parent.empty() ? exe_dir() + L"removable-" + std::to_wstring(GetCurrentProcessId())
-                                    : L"Z:" + widen(unix_parent) + L"\\kwtest-drive-" + std::to_wstring(GetCurrentProcessId())) {
-    std::replace(folder_.begin(), folder_.end(), L'/', L'\\');
+  explicit TestDrive(UINT type = DRIVE_REMOVABLE, const std::wstring& parent = exe_dir())  // parent: ends with '\'
+      : folder_(parent + L"kwtest-drive-" + std::to_wstring(GetCurrentProcessId())) {
     remove_tree(folder_);
     CreateDirectoryW(folder_.c_str(), nullptr);
     std::string unix_folder = narrow(folder_).substr(2);
@@ -314,14 +292,11 @@ class DropList : public IDataObject {
     std::wstring list;
     for (const std::wstring& p : paths_) list += p + L'\0';
     list += L'\0';
-    HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, sizeof(DROPFILES) + list.size() * sizeof(wchar_t));
-    auto* drop = static_cast<DROPFILES*>(GlobalLock(memory));
-    drop->pFiles = sizeof(DROPFILES);
-    drop->fWide = TRUE;
+    auto* drop = static_cast<DROPFILES*>(GlobalAlloc(GPTR, sizeof(DROPFILES) + list.size() * sizeof(wchar_t)));  // fixed memory
+    *drop = {sizeof(DROPFILES), {}, FALSE, TRUE};
     std::memcpy(drop + 1, list.data(), list.size() * sizeof(wchar_t));
-    GlobalUnlock(memory);
-    *medium = {TYMED_HGLOBAL, {nullptr}, nullptr};
-    medium->hGlobal = memory;
+    *medium = {TYMED_HGLOBAL};
+    medium->hGlobal = drop;
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE GetDataHere(FORMATETC*, STGMEDIUM*) override { return E_NOTIMPL; }
@@ -338,33 +313,28 @@ class DropList : public IDataObject {
   ULONG refs_ = 1;
 };
 
-// CopyItems (MoveItems when `move`) of `sources`, files of one folder, to `destination`, the way
-// Explorer does: a data object offering CF_HDROP from the folder's GetUIObjectOf (sources longer
-// than the shell's folders parse go as a DropList). E_FAIL when the items cannot be made.
+// CopyItems (MoveItems when `move`) of `sources`, items of one folder, to `destination`, the way
+// Explorer does: the shell's own data object of those items, offering CF_HDROP (what the folder's
+// GetUIObjectOf gives; sources longer than the shell parses go as a DropList). E_FAIL when the
+// items cannot be made.
 inline HRESULT queue(IFileOperation* op, bool move, const std::vector<std::wstring>& sources, const std::wstring& destination) {
-  CoTaskMem<ITEMIDLIST> folder_id;
-  ComRef<IShellFolder> desktop, folder;
-  ComRef<IDataObject> items;
+  DropList list(sources);
+  ComRef<IDataObject> shell_items;
   ComRef<IShellItem> target;
-  const std::wstring parent = sources.front().substr(0, sources.front().rfind(L'\\'));
-  if (sources.front().size() >= MAX_PATH) {
-    DropList list(sources);
-    if (!shell_item_for(destination, &target)) return E_FAIL;
-    return move ? op->MoveItems(&list, target.get()) : op->CopyItems(&list, target.get());
+  std::vector<CoTaskMem<ITEMIDLIST>> ids(sources.size() + 1);  // the folder's, then each source's
+  std::vector<PCUIDLIST_RELATIVE> children;
+  const std::wstring folder = sources.front().substr(0, sources.front().rfind(L'\\'));
+  HRESULT hr = SHParseDisplayName(folder.c_str(), nullptr, ids[0].put(), 0, nullptr);
+  for (size_t i = 0; i < sources.size() && SUCCEEDED(hr); ++i) {
+    hr = SHParseDisplayName(sources[i].c_str(), nullptr, ids[i + 1].put(), 0, nullptr);
+    children.push_back(ILFindLastID(ids[i + 1].get()));
   }
-  if (FAILED(SHParseDisplayName(parent.c_str(), nullptr, folder_id.put(), 0, nullptr)) || FAILED(SHGetDesktopFolder(desktop.put())) ||
-      FAILED(desktop->BindToObject(folder_id.get(), nullptr, IID_IShellFolder, folder.put_void())) || !shell_item_for(destination, &target)) {
-    return E_FAIL;
-  }
-  std::vector<CoTaskMem<ITEMIDLIST>> children(sources.size());
-  std::vector<PCUITEMID_CHILD> ids;
-  for (size_t i = 0; i < sources.size(); ++i) {
-    std::wstring name = sources[i].substr(sources[i].rfind(L'\\') + 1);
-    if (FAILED(folder->ParseDisplayName(nullptr, nullptr, &name[0], nullptr, children[i].put(), nullptr))) return E_FAIL;
-    ids.push_back(children[i].get());
-  }
-  if (FAILED(folder->GetUIObjectOf(nullptr, static_cast<UINT>(ids.size()), ids.data(), IID_IDataObject, nullptr, items.put_void()))) return E_FAIL;
-  return move ? op->MoveItems(items.get(), target.get()) : op->CopyItems(items.get(), target.get());
+  if (SUCCEEDED(hr))
+    hr = CIDLData_CreateFromIDArray(ids[0].get(), static_cast<UINT>(children.size()), children.data(), shell_items.put());
+  const bool long_path = sources.front().size() >= MAX_PATH;
+  if ((FAILED(hr) && !long_path) || !shell_item_for(destination, &target)) return E_FAIL;
+  IDataObject* items = long_path ? &list : shell_items.get();
+  return move ? op->MoveItems(items, target.get()) : op->CopyItems(items, target.get());
 }
 // SHFileOperationW with `function` on double-NUL lists, silently.
 inline int shell_operation(UINT function, const std::vector<std::wstring>& from, const std::wstring& to) {
@@ -389,7 +359,7 @@ inline HMODULE wait_for_injection(DWORD ms) {
 }
 
 // A scriptable stand-in for the local agent: listens on a UDP port of 127.0.0.1 (7886 by default)
-// on its own thread, records (or only counts) what arrives, acknowledges the chunks of each
+// on its own thread, records (or only counts) the frames that arrive, acknowledges the chunks of each
 // incoming frame and answers secret-audit requests with scripted datagrams or with a reply
 // computed from the request. flush() tells when everything sent to it so far has been seen, so
 // that "nothing more arrived" needs no sleep.
@@ -400,15 +370,10 @@ struct AgentScript {
   std::function<std::string(const std::string& request_document)> answer;  // the reply, when set
   bool record = true;  // false: count only, so that long runs keep no recordings
 };
-struct AgentDatagram {
-  std::string bytes;
-};
 
 class TestAgent {
  public:
-  explicit TestAgent(AgentScript script = AgentScript()) : script_(std::move(script)) {
-    WSAStartup(MAKEWORD(2, 2), &wsa_);
-    socket_.reset(socket(AF_INET, SOCK_DGRAM, 0));
+  explicit TestAgent(AgentScript script = AgentScript()) : script_(std::move(script)), socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
     const sockaddr_in address = loopback(7886);
     if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) socket_.reset();
     const DWORD poll_ms = 50;  // lets the thread notice the stop request
@@ -418,21 +383,18 @@ class TestAgent {
   ~TestAgent() {
     stop_ = true;
     if (thread_.joinable()) thread_.join();
-    socket_.reset();
-    WSACleanup();
   }
   bool ok() const { return socket_.ok(); }  // false when the port was taken
-  std::vector<AgentDatagram> datagrams() const { return locked([&] { return datagrams_; }); }
   std::vector<std::string> frames() const { return locked([&] { return frames_; }); }  // complete, reassembled
-  // The documents (text without its NUL) of the frames tagged `tag`.
+  // The documents (text without its NUL) of the frames tagged `tag`, a record's time made "T".
   std::vector<std::string> documents(const std::string& tag) const {
     std::vector<std::string> out;
-    for (const std::string& f : frames()) if (tagged(f, tag.c_str())) out.push_back(f.substr(agent::kHeaderSize, f.size() - agent::kHeaderSize - 1));
+    for (const std::string& f : frames())
+      if (tagged(f, tag.c_str())) out.push_back(without_time(f.substr(agent::kHeaderSize, f.size() - agent::kHeaderSize - 1)));
     return out;
   }
   size_t requests() const { return requests_; }  // complete secret-audit requests
   size_t audits() const { return audits_; }      // complete copy audit records
-  bool wait_for_datagrams(size_t count, DWORD ms) const { return wait(ms, [&] { return datagrams_.size() >= count; }); }
   bool wait_for_frames(size_t count, DWORD ms) const { return wait(ms, [&] { return frames_.size() >= count; }); }
   // Sends a marker to the agent and waits (10 s at most) until it arrived, after everything sent
   // to the agent before the call.
@@ -443,13 +405,8 @@ class TestAgent {
     sendto(s.get(), kFlush, sizeof kFlush, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
     return wait(10000, [&] { return flushes_ >= target; });
   }
-  uint16_t requester_port() const { return locked([&] { return requester_port_; }); }  // 0 before any request
-  // Sends one datagram to the sender of the last complete request (false before any request).
-  bool send_to_requester(const std::string& bytes) {
-    const sockaddr_in to = loopback(locked([&] { return requester_port_; }));
-    return to.sin_port != 0 && sendto(socket_.get(), bytes.data(), static_cast<int>(bytes.size()), 0,
-                                      reinterpret_cast<const sockaddr*>(&to), sizeof to) == static_cast<int>(bytes.size());
-  }
+  // The port of the last complete request's sender; 0 before any request.
+  uint16_t requester_port() const { return locked([&] { return requester_port_; }); }
   // Wire bytes of a frame from the library's encoder.
   static std::string frame(const std::string& tag, const std::string& text) {
     agent::AgentFrame f;
@@ -483,13 +440,11 @@ class TestAgent {
       const int n = recvfrom(socket_.get(), buffer.data(), static_cast<int>(buffer.size()), 0, reinterpret_cast<sockaddr*>(&from), &from_length);
       if (n < 0) continue;  // time-out (or a reset): poll the stop flag
       const std::string bytes(buffer.data(), n);
-      const bool flush = bytes == std::string(kFlush, sizeof kFlush);
-      locked([&] {
-        if (flush) ++flushes_;
-        else if (script_.record) datagrams_.push_back({bytes});
-      });
-      changed_.notify_all();
-      if (flush) continue;
+      if (bytes == std::string(kFlush, sizeof kFlush)) {
+        locked([&] { ++flushes_; });
+        changed_.notify_all();
+        continue;
+      }
       if (expected == 0 || ntohs(from.sin_port) != sender) {
         int32_t length = 0;
         if (n >= agent::kHeaderSize) std::memcpy(&length, bytes.data() + agent::kTagFieldSize, 4);
@@ -522,7 +477,7 @@ class TestAgent {
   }
 
   AgentScript script_;
-  WSADATA wsa_;
+  agent::WinsockSession winsock_;  // (before the socket, which it outlives)
   OwnedSocket socket_;
   std::atomic<bool> stop_{false};
   std::atomic<size_t> requests_{0}, audits_{0};
@@ -530,13 +485,11 @@ class TestAgent {
   uint16_t requester_port_ = 0;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
-  std::vector<AgentDatagram> datagrams_;
   std::vector<std::string> frames_;
   std::thread thread_;
 };
 
 // What the end-to-end scenarios compare.
-constexpr HRESULT kRefused = static_cast<HRESULT>(0xFFFFFFFF);
 constexpr HRESULT kPassedOn = E_NOTIMPL;  // what Wine's own IFileOperation methods answer
 constexpr DWORD kCopyAudit = KWINDEL_POLICY_COPY_AUDIT, kSecretAudit = KWINDEL_POLICY_SECRET_AUDIT;
 constexpr DWORD kLocal = KWINDEL_POLICY_DEST_LOCAL, kRemovable = KWINDEL_POLICY_DEST_REMOVABLE;
@@ -545,15 +498,14 @@ constexpr char kRequestTag[] = "<FILECOPY_SECRETAUDIT_REQUEST>", kResponseTag[] 
 constexpr char kAuditTag[] = "<FILECOPYAUDIT_DATA>";
 const std::string kMagic("\x01\x02\x03\x04\x10\x20\x30\x40", 8);  // the first bytes of an encrypted file
 
-// A response frame naming `secret_files` secret under `password` with `action`.
-inline std::string secret_answer(const std::vector<std::string>& secret_files, const std::string& password, int action) {
+// A response frame naming `secret_files` secret under `password` with `action`; `wrong_tag`: under a
+// tag the library does not take (the tag's last character changed).
+inline std::string secret_answer(const std::vector<std::string>& secret_files, const std::string& password, int action,
+                                 bool wrong_tag = false) {
   std::string xml = "<SecretCheckResult encryptedpwd=\"" + password + "\" action=\"" + std::to_string(action) + "\">";
   for (const std::string& f : secret_files) xml += "<SecretFile path=\"" + f + "\"/>";
-  return TestAgent::frame(kResponseTag, xml + "</SecretCheckResult>");
-}
-// The same answer frame under a tag the library does not take (the tag's last character changed).
-inline std::string with_wrong_tag(std::string frame) {
-  frame[std::strlen(kResponseTag) - 1] = '_';
+  std::string frame = TestAgent::frame(kResponseTag, xml + "</SecretCheckResult>");
+  if (wrong_tag) frame[std::strlen(kResponseTag) - 1] = '_';
   return frame;
 }
 // An agent naming every File path of each request secret under "pw", action 1.
@@ -573,8 +525,7 @@ inline std::string request_document(const std::vector<std::wstring>& sources, co
   for (const std::wstring& s : sources) doc += "<File path=\"" + narrow(s) + "\"/>";
   return doc + "<DstFolder path=\"" + narrow(destination) + "\"/></CopyFiles>";
 }
-// The copy audit document of this process and user with time "T"; `without_time` makes a
-// received one comparable.
+// The copy audit document of this process and user with time "T" (see TestAgent::documents).
 inline std::string user_sid() {  // this process's user, S-1-5-...
   OwnedHandle token;
   OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
@@ -594,15 +545,17 @@ inline std::string audit_document(const std::string& operation, const std::wstri
   for (const auto& f : files) doc += "<File filename=\"" + narrow(f) + "\"/>";
   return files.empty() ? doc : doc + "</FilesCopy>";
 }
-inline std::string without_time(const std::string& document) {
-  return std::regex_replace(document, std::regex(" time=\"-?[0-9]+\""), " time=\"T\"");
+// kwdecrypt.exe's exit code and, when asked, its output.
+inline DWORD kwdecrypt(const std::wstring& args, std::string* output = nullptr) {
+  const ChildResult r = run_child(tool_path(L"kwdecrypt"), args, 120000);
+  if (output != nullptr) *output = r.output;
+  return r.exit_code;
 }
 // kwdecrypt on `encrypted` with `password` succeeds and writes exactly `original`.
 inline bool decrypts_to(const std::wstring& encrypted, const std::string& password, const std::string& original) {
   ScratchDir out;
-  const ChildResult r = run_child(tool_path(L"kwdecrypt"),
-                                  L"\"" + encrypted + L"\" \"" + widen(password) + L"\" \"" + out.file(L"plain") + L"\"", 60000);
-  return r.finished && r.exit_code == 0 && content(out.file(L"plain")) == original;
+  return kwdecrypt(L"\"" + encrypted + L"\" \"" + widen(password) + L"\" \"" + out.file(L"plain") + L"\"") == 0 &&
+         content(out.file(L"plain")) == original;
 }
 // The user's parking folder of the library (ends with '\').
 inline std::wstring parking_folder() {
@@ -634,21 +587,13 @@ inline std::string parked_original_of(const std::wstring& source) {  // its byte
   for (const auto& p : parked_records()) if (p.first == narrow(source)) return content(p.second);
   return "<none>";
 }
-// The short count in make test, the long one when KWINDEL_STRESS=1 (make stress).
-inline int iterations(int short_run, int long_run) {
-  wchar_t value[2] = {};
-  return GetEnvironmentVariableW(L"KWINDEL_STRESS", value, 2) == 1 && value[0] == L'1' ? long_run : short_run;
-}
 
 // The end-to-end fixture: the real DLL loaded once into the test program (its entry installed the
-// interceptions), COM and Winsock started, a scratch folder per test, the policy off around each.
+// interceptions and started Winsock), COM started, a scratch folder per test, the policy off around
+// each.
 class Interception : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    WSADATA wsa;
-    WSAStartup(MAKEWORD(2, 2), &wsa);
-  }
+  static void SetUpTestSuite() { CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED); }
   void SetUp() override {
     ASSERT_NE(dll(), nullptr) << "the DLL did not load";
     set_policy(0);

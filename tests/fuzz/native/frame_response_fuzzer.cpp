@@ -31,11 +31,8 @@ struct ScriptedIo : agent::DatagramIo {
   int ReceiveFrom(char* buffer, int capacity, agent::DatagramAddress* from) override {
     if (next >= script.size()) return -1;
     if (script[next].second == kFails) return ++next, -1;
-    *from = agent::DatagramAddress{};
-    const unsigned char address[8] = {2, 0, static_cast<unsigned char>((0x10 + next) >> 8),
-                                      static_cast<unsigned char>(0x10 + next), 127, 0, 0, 1};  // a sockaddr_in
-    std::memcpy(from->bytes, address, sizeof address);
-    from->length = 16;
+    *from = {{2, 0, static_cast<unsigned char>((0x10 + next) >> 8), static_cast<unsigned char>(0x10 + next), 127, 0, 0, 1},
+             16};  // a sockaddr_in
     const size_t n = std::min(script[next].second, static_cast<size_t>(capacity));  // cut to the buffer, as recvfrom does
     std::memcpy(buffer, script[next++].first, n);
     return static_cast<int>(n);

@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,13 +20,6 @@ using namespace hookengine;
 
 namespace {
 
-std::vector<uint8_t> bytes_of(const std::string& s) {
-  std::vector<uint8_t> v;
-  for (size_t i = 0; i + 1 < s.size(); i += s[i] == ' ' ? 1 : 2)
-    if (s[i] != ' ') v.push_back(static_cast<uint8_t>(std::stoi(s.substr(i, 2), nullptr, 16)));
-  return v;
-}
-
 constexpr uint64_t kTarget = 0x180010000;
 constexpr uint64_t kNear = kTarget - 0x10000000;     // rel32 reaches
 constexpr uint64_t kFar = kTarget + 0x100000000ull;  // 4 GB away
@@ -34,7 +27,7 @@ constexpr uint64_t kFar = kTarget + 0x100000000ull;  // 4 GB away
 constexpr uint64_t kTarget32 = 0x10010000, kNear32 = 0x08000000, kWrap32 = 0xF0000000;
 
 struct RelocatorCase {
-  std::string code;  // followed by int3 padding
+  std::string code;  // hex bytes, followed by int3 padding
   size_t patch;
   uint64_t out;
   RelocateStatus status;
@@ -87,11 +80,12 @@ TEST(Relocator, FormsAndRefusals) {
   };
   for (const RelocatorCase& c : cases) {
     SCOPED_TRACE(c.code + (c.out == kFar || c.out == kWrap32 ? " far" : " near"));
-    std::vector<uint8_t> code = bytes_of(c.code);
+    std::vector<uint8_t> code;
+    unsigned byte = 0;
+    for (std::istringstream in(c.code); in >> std::hex >> byte;) code.push_back(static_cast<uint8_t>(byte));
     code.resize(code.size() + 64, 0xCC);
     Built b;
-    const uint64_t target = c.mode == Mode::k64 ? kTarget : kTarget32;
-    EXPECT_EQ(build_checked(code.data(), code.size(), target, c.patch, c.out, &b, c.mode), "");
+    EXPECT_EQ(build_checked(code.data(), code.size(), c.mode == Mode::k64 ? kTarget : kTarget32, c.patch, c.out, &b, c.mode), "");
     EXPECT_EQ(b.status, c.status);
   }
 }
@@ -155,18 +149,11 @@ class Corpus : public ::testing::TestWithParam<CorpusMode> {};
 TEST_P(Corpus, WineDllsAndRandomEncodingsAgreeWithZydis) {
   const CorpusMode& m = GetParam();
   const uint64_t wrap = m.mode == Mode::k32 ? 0xFFFFFFFFull : ~0ull;
-  size_t exports = 0, offsets = 0, starts = 0, built = 0, tries = 0, faults = 0;
-  std::map<std::string, size_t> differences, refusals, statuses;
-  std::map<std::string, std::pair<size_t, size_t>> named;  // built and tried, for the DLLs the product hooks
-  auto fault = [&](const std::string& where, const std::string& what) {
-    ++differences[what];
-    if (++faults <= 20) ADD_FAILURE() << where << ": " << what;
-  };
-  auto compare = [&](const uint8_t* code, size_t n, const std::string& where) {
-    const char* refused = nullptr;
-    const std::string diff = compare_with_zydis(code, n, m.mode, &refused);
-    if (!diff.empty()) fault(where, diff);
-    if (refused != nullptr) ++refusals[refused];
+  const std::set<std::string> hooked = {"kernel32.dll", "kernelbase.dll", "shell32.dll", "ole32.dll", "ntdll.dll"};
+  std::set<std::string> found;  // of the DLLs the product hooks
+  size_t offsets = 0, built = 0, tries = 0, faults = 0;
+  auto fault = [&](const std::string& where, const std::string& what) {  // the first 20 differences fail the test
+    if (!what.empty() && ++faults <= 20) ADD_FAILURE() << where << ": " << what;
   };
   for (const auto& dll : std::filesystem::directory_iterator(m.folder)) {
     if (dll.path().extension() != ".dll") continue;
@@ -174,31 +161,19 @@ TEST_P(Corpus, WineDllsAndRandomEncodingsAgreeWithZydis) {
     const std::vector<uint8_t> f((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const std::string name = dll.path().filename();
     for (const auto& [at, rva] : exported_code(f)) {
-      ++exports;
       const size_t readable = f.size() - at;
       const uint64_t address = m.base + rva;
-      for (size_t pos = 0, next_start = 0; pos < 256 && pos < readable; ++pos, ++offsets) {
-        compare(&f[at + pos], readable - pos, name + "+" + std::to_string(rva + pos));
-        Instruction insn;
-        if (pos != next_start) continue;
-        ++starts;
-        next_start = decode(&f[at + pos], readable - pos, &insn, m.mode) ? pos + insn.length : 256;
-      }
+      if (hooked.count(name) != 0) found.insert(name);
+      for (size_t pos = 0; pos < 256 && pos < readable; ++pos, ++offsets)
+        fault(name + "+" + std::to_string(rva + pos), compare_with_zydis(&f[at + pos], readable - pos, m.mode));
       for (size_t patch : m.patches) {
         for (int64_t from : m.out_from) {
           Built b;
-          const uint64_t out_address = (address + from) & wrap;
-          std::string err = build_checked(&f[at], readable, address, patch, out_address, &b, m.mode);
+          std::string err = build_checked(&f[at], readable, address, patch, (address + from) & wrap, &b, m.mode);
           ++tries;
-          ++statuses[to_string(b.status)];
           built += b.status == RelocateStatus::kOk;
-          if (name == "kernel32.dll" || name == "kernelbase.dll" || name == "shell32.dll" || name == "ole32.dll" ||
-              name == "ntdll.dll") {
-            named[name].first += b.status == RelocateStatus::kOk;
-            ++named[name].second;
-          }
           if (b.status == RelocateStatus::kRipOutOfRange && from < 0) err = "rip out of range near";
-          if (!err.empty()) fault(name + "+" + std::to_string(rva) + " patch " + std::to_string(patch), err);
+          fault(name + "+" + std::to_string(rva) + " patch " + std::to_string(patch), err);
         }
       }
     }
@@ -216,23 +191,21 @@ TEST_P(Corpus, WineDllsAndRandomEncodingsAgreeWithZydis) {
     if (map == 5) b[k + 1] = static_cast<uint8_t>((b[k + 1] & 0xE0) | (1 + rng() % 3));  // VEX3 map 1-3
     if (m.mode == Mode::k32 && map >= 4 && (it / 7) % 4 != 0) b[k + 1] |= 0xC0;  // mostly VEX, not les/lds/bound
     b[k + opcode_at[map]] = static_cast<uint8_t>(it / 7);
-    compare(b, sizeof b, "random " + ::testing::PrintToString(std::vector<uint8_t>(b, b + 15)));
+    fault("random " + ::testing::PrintToString(std::vector<uint8_t>(b, b + 15)), compare_with_zydis(b, sizeof b, m.mode));
   }
   // Where 32-bit mode differs from 64-bit mode the rules are few and scattered (forms that exist in
   // 64-bit mode only, EVEX W1 conversions): every ModRM of every opcode of the 0F maps under each
   // mandatory prefix, of the VEX maps under each pp, L and W, and of the EVEX maps under each pp, W
   // and a few L'L/b/masking choices.
-  size_t grid = 0;
   auto sweep = [&](const std::vector<uint8_t>& lead) {  // lead, then every opcode and ModRM
     for (int op = 0; op < 256; ++op) {
-      for (int modrm = 0; modrm < 256; ++modrm, ++grid) {
+      for (int modrm = 0; modrm < 256; ++modrm) {
         uint8_t b[15];
         std::memset(b, 0x11, sizeof b);
         std::copy(lead.begin(), lead.end(), b);
         b[lead.size()] = static_cast<uint8_t>(op);
         b[lead.size() + 1] = static_cast<uint8_t>(modrm);
-        const char* refused = nullptr;
-        const std::string diff = compare_with_zydis(b, sizeof b, m.mode, &refused);
+        const std::string diff = compare_with_zydis(b, sizeof b, m.mode);  // (the place named only for a difference)
         if (!diff.empty()) fault("grid " + ::testing::PrintToString(std::vector<uint8_t>(b, b + 8)), diff);
       }
     }
@@ -252,14 +225,7 @@ TEST_P(Corpus, WineDllsAndRandomEncodingsAgreeWithZydis) {
         for (uint8_t p2 : evex_p2) sweep({0x62, static_cast<uint8_t>(0xF0 | map), static_cast<uint8_t>(w << 7 | 0x7C | pp), p2});
     }
   }
-  if (m.grid) std::printf("%zu grid encodings\n", grid);
-  std::printf("%s mode: %zu exports, %zu offsets, %zu instruction starts, %zu of %zu trampolines built: %zu faults\n",
-              m.mode == Mode::k64 ? "64-bit" : "32-bit", exports, offsets, starts, built, tries, faults);
-  for (const auto& [what, count] : differences) std::printf("  difference: %s: %zu\n", what.c_str(), count);
-  for (const auto& [family, count] : refusals) std::printf("  deliberate refusal: %s: %zu\n", family.c_str(), count);
-  for (const auto& [status, count] : statuses) std::printf("  trampoline: %s: %zu\n", status.c_str(), count);
-  for (const auto& [dll, n] : named) std::printf("  %s: %zu of %zu trampolines built\n", dll.c_str(), n.first, n.second);
-  EXPECT_EQ(named.size(), 5u) << "a DLL the product hooks was not found";
+  EXPECT_EQ(found, hooked) << "a DLL the product hooks was not found";
   EXPECT_GT(offsets, 1000000u);
   EXPECT_GT(built * 10, tries * 8) << "fewer than 80% of the exports' trampolines built";
 }

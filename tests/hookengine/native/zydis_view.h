@@ -8,10 +8,9 @@
 
 // Empty when the decoder agrees with Zydis in `mode` at `code` (validity, length, RIP-relative
 // and absolute operands and their displacement's position, relative branch position/width,
-// flow), or when the decoder's refusal is one x64_decoder.h lists as deliberate (*refused then
-// names its family: "KNC", "XOP", "3DNow!"); else a one-line description of the difference.
-std::string compare_with_zydis(const uint8_t* code, size_t available, hookengine::Mode mode = hookengine::Mode::k64,
-                               const char** refused = nullptr);
+// flow), or when the decoder's refusal is one x64_decoder.h lists as deliberate (KNC, XOP,
+// 3DNow!); else a one-line description of the difference.
+std::string compare_with_zydis(const uint8_t* code, size_t available, hookengine::Mode mode = hookengine::Mode::k64);
 
 struct Built {
   hookengine::RelocateStatus status;
