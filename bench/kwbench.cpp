@@ -45,8 +45,6 @@
 
 namespace {
 
-// The bitness that labels the rows, for the scripts that print both programs' rows together.
-constexpr const char* kArch = sizeof(void*) == 8 ? "x64" : "x86";
 constexpr HRESULT kNotImplemented = static_cast<HRESULT>(0x80004001);
 // Copy audit, secret audit, destinations on local drives: both messages go to the agent.
 constexpr DWORD kAuditPolicy = KWINDEL_POLICY_COPY_AUDIT | KWINDEL_POLICY_SECRET_AUDIT | KWINDEL_POLICY_DEST_LOCAL;
@@ -75,7 +73,7 @@ std::wstring exe_dir() {
 std::wstring dll_path() { return exe_dir() + KWINDEL_DLL_NAME; }
 
 // A program of this one's bitness beside it: kwagent.exe, or kwagent-x86.exe in 32-bit.
-std::wstring program_path(const wchar_t* name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
+std::wstring program_path(const wchar_t* name) { return exe_dir() + name + L"" KWINDEL_TOOL_SUFFIX ".exe"; }
 
 // `quiet`: the child gets no standard handles (kwagent's start and stop lines stay out of the table).
 bool start_process(std::wstring command_line, PROCESS_INFORMATION* info, bool quiet = false) {
@@ -291,7 +289,7 @@ int bench_copyfile(const std::wstring& dir, int rounds, int calls) {
   }
   auto row = [&](const char* name, std::vector<double>* v) {
     const double u = median(v[0]), off = median(v[1]), on = median(v[2]);
-    std::printf("  %s %-22s unhooked %8.1f us   policy off %8.1f us (ratio %.3f, target <= 1.05)", kArch, name, u * 1e6,
+    std::printf("  %s %-22s unhooked %8.1f us   policy off %8.1f us (ratio %.3f, target <= 1.05)", KWINDEL_ARCH, name, u * 1e6,
                 off * 1e6, off / u);
     if (agent.ready) std::printf("   audit on %8.1f us (ratio %.3f)", on * 1e6, on / u);
     std::printf("\n");
@@ -367,7 +365,7 @@ int bench_copyitems(const std::wstring& dir, int rounds, int calls) {
     return 1;
   }
   const double u = median(ci[0]), off = median(ci[1]), on = median(ci[2]), file = median(cf);
-  std::printf("  %s CopyItems (Wine stub)  unhooked %8.3f us   policy off %8.1f us (ratio %.1f, target <= 1.05)", kArch, u * 1e6,
+  std::printf("  %s CopyItems (Wine stub)  unhooked %8.3f us   policy off %8.1f us (ratio %.1f, target <= 1.05)", KWINDEL_ARCH, u * 1e6,
               off * 1e6, off / u);
   if (agent.ready) std::printf("   audit on %8.1f us (ratio %.0f)", on * 1e6, on / u);
   std::printf("\n    added per call with the policy off: %.1f us = %.2f%% of one CopyFileW of 1 MiB (%.1f us, same run)\n",
@@ -628,7 +626,7 @@ int bench_audit(int files, int runs, int port, const std::wstring& log) {
     if (r >= 0) acked.push_back(a), minimal.push_back(m), plain.push_back(p), delivered.push_back(double(received) / double(bytes));
   }
   const double ma = median(acked), mm = median(minimal), mp = median(plain), mib = double(bytes) / 1048576.0;
-  std::printf("  %s programs: record of %d files, %.2f MiB in %zu datagrams of at most %d bytes\n", kArch, files, mib, chunks,
+  std::printf("  %s programs: record of %d files, %.2f MiB in %zu datagrams of at most %d bytes\n", KWINDEL_ARCH, files, mib, chunks,
               agent::kChunkSize);
   std::printf("  kwindel sender (kwagent)             %7.1f ms  %7.1f MiB/s  %6.1f us per chunk\n", ma * 1e3, mib / ma,
               ma * 1e6 / double(chunks));

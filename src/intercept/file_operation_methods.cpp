@@ -133,9 +133,9 @@ bool swap_sources(IFileOperation* op, const SecretAuditResult& result, bool move
   std::vector<std::string> swapped;
   std::vector<std::wstring> moved;
   for (const std::string& source : sources) moved.push_back(utf8_to_wide(source));
+  const std::wstring folder = utf8_to_wide(destination);
   for (const std::string& source : result.secret_files) {
-    const std::wstring moved_to =
-        move ? arrival_of(utf8_to_wide(source), moved, utf8_to_wide(destination), new_name) : std::wstring();
+    const std::wstring moved_to = move ? arrival_of(utf8_to_wide(source), moved, folder, new_name) : std::wstring();
     const SwapOutcome outcome = swap_source(op, source, result.encrypted_pwd, moved_to);
     if (outcome == SwapOutcome::kSwapped || outcome == SwapOutcome::kHeld) swapped.push_back(source);
     if (outcome == SwapOutcome::kFailed) {

@@ -67,9 +67,10 @@ void protect_moved_sources(LPSHFILEOPSTRUCTW op, const std::vector<std::string>&
     new_name = op->pTo + slash + 1;
     folder.resize(slash);
   }
+  const std::vector<std::wstring> moved = list_entries(op->pFrom);
   for (const std::string& secret : registered) {
     const std::wstring source = utf8_to_wide(secret);
-    const std::wstring arrived = arrival_of(source, list_entries(op->pFrom), folder, new_name);
+    const std::wstring arrived = arrival_of(source, moved, folder, new_name);
     if (!arrived.empty() && GetFileAttributesW(source.c_str()) == INVALID_FILE_ATTRIBUTES &&
         GetFileAttributesW(arrived.c_str()) != INVALID_FILE_ATTRIBUTES) {
       TakeAndTransform(source.c_str(), arrived.c_str(), /*moved=*/true);

@@ -53,7 +53,7 @@ inline std::wstring build_folder(const wchar_t* variable) {
 }
 inline std::wstring x86_folder() { return build_folder(L"KWINDEL_X86_BIN"); }
 // A tool of this program's bitness beside it: kwdecrypt.exe, or kwdecrypt-x86.exe in 32-bit.
-inline std::wstring tool_path(const std::wstring& name) { return exe_dir() + name + (sizeof(void*) == 4 ? L"-x86.exe" : L".exe"); }
+inline std::wstring tool_path(const std::wstring& name) { return exe_dir() + name + L"" KWINDEL_TOOL_SUFFIX ".exe"; }
 inline std::wstring temp_folder() { return (std::filesystem::temp_directory_path() / L"").wstring(); }  // ends with '\'
 
 // UTF-16 to UTF-8 and back (through the standard library's path conversions).

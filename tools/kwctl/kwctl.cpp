@@ -9,12 +9,12 @@
 #include <windows.h>
 
 #include <cstdio>
-#include <cstring>
 #include <cwchar>
 #include <string>
 #include <vector>
 
 #include "host/owners.h"
+#include "host/utf_conversion.h"
 #include "kwindel.h"
 #include "protect/parked_originals.h"
 
@@ -23,7 +23,7 @@ namespace {
 enum Exit { kOk = 0, kUsage = 2, kDllMissing = 3, kExportMissing = 4, kHookRefused = 5, kHeld = 7 };
 
 constexpr bool k64 = sizeof(void*) == 8;
-const char* const kArch = k64 ? "x64" : "x86";
+const char* const kArch = KWINDEL_ARCH;
 const char* const kArches[] = {"x64", "x86"};
 
 HANDLE g_stop = nullptr;
@@ -56,8 +56,6 @@ void usage() {
       L"  --twin PID           (kwctl.exe starts kwctl-x86.exe so) also stop when process PID ends\n"
       L"Without --event or --seconds kwctl runs until Ctrl-C.\n", KWINDEL_DLL_NAME);
 }
-
-std::wstring widen(const char* ascii) { return std::wstring(ascii, ascii + std::strlen(ascii)); }
 
 bool parse_dest(const std::wstring& list, DWORD* bits) {
   size_t start = 0;
@@ -95,7 +93,7 @@ std::string describe_policy(DWORD policy) {
 struct HolderRecord {
   DWORD pid, hook_type, policy, has_policy;
 };
-std::wstring record_name(const char* arch) { return L"Local\\kwindel-kwctl-" + widen(arch); }
+std::wstring record_name(const char* arch) { return L"Local\\kwindel-kwctl-" + utf8_to_wide(arch); }
 
 // The holder record of `arch` mapped with `access`; an empty view when no process holds that hook.
 struct MappedRecord {
